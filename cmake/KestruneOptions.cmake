@@ -1,0 +1,25 @@
+# Compile options that every target of ours shares, and the one way to declare a library.
+
+add_library(kestrune_options INTERFACE)
+target_include_directories(kestrune_options INTERFACE ${CMAKE_SOURCE_DIR}/src)
+target_compile_options(kestrune_options INTERFACE
+  -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror -fstack-protector-strong)
+target_compile_definitions(kestrune_options INTERFACE
+  $<$<AND:$<NOT:$<CONFIG:Debug>>,$<STREQUAL:${KESTRUNE_SANITIZE},>>:_FORTIFY_SOURCE=2>)
+target_link_libraries(kestrune_options INTERFACE Threads::Threads)
+if(KESTRUNE_SANITIZE)
+  target_compile_options(kestrune_options INTERFACE
+    -fsanitize=${KESTRUNE_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  target_link_options(kestrune_options INTERFACE -fsanitize=${KESTRUNE_SANITIZE})
+  # g++ 12 reports false positives in sanitized standard library code.
+  target_compile_options(kestrune_options INTERFACE -Wno-maybe-uninitialized -Wno-tsan)
+endif()
+
+# kestrune_library(<name> SOURCES <file>... [LIBS <target>...] [PRIVATE_LIBS <target>...])
+# One static library per folder. LIBS are the layers it may reach; the layer check (cmake/CheckLayers.cmake)
+# holds the includes to the same list.
+function(kestrune_library name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;LIBS;PRIVATE_LIBS" ${ARGN})
+  add_library(${name} STATIC ${ARG_SOURCES})
+  target_link_libraries(${name} PUBLIC kestrune_options ${ARG_LIBS} PRIVATE ${ARG_PRIVATE_LIBS})
+endfunction()

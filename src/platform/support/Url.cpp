@@ -1,0 +1,1 @@
+#include "platform/support/Url.h"
