@@ -29,6 +29,8 @@ class JsonValue {
   JsonValue(Object value) : value_(std::move(value)) {}
 
   bool isNull() const { return std::holds_alternative<std::monostate>(value_); }
+  /// Whether it is a number with a fraction or an exponent, or one that no 64-bit integer holds.
+  bool isFloat() const { return std::holds_alternative<double>(value_); }
   const std::string* string() const { return std::get_if<std::string>(&value_); }
   const Array* array() const { return std::get_if<Array>(&value_); }
   const Object* object() const { return std::get_if<Object>(&value_); }
@@ -51,10 +53,10 @@ std::optional<JsonValue> parseJson(std::string_view text, std::size_t maximumDep
 /// Compact; floats in the shortest form that reads back the same; a number that JSON has no form for becomes
 /// null.
 std::string serializeJson(const JsonValue& value);
-/// A string as a JSON string with its quotes.
+/// A UTF-8 text as a JSON string with its quotes; invalid sequences become U+FFFD.
 std::string quoteJson(std::string_view text);
 /// A float in the shortest decimal form that reads back the same, always with a fraction or an exponent
-/// ("0.5", "1.0").
+/// ("0.5", "1.0"); "null" if it is not finite.
 std::string formatJsonNumber(double value);
 
 }  // namespace kestrune

@@ -1,0 +1,76 @@
+#include <gtest/gtest.h>
+
+#include "platform/support/Encoding.h"
+
+namespace kestrune {
+namespace {
+
+ByteView view(std::string_view text) {
+  return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
+}
+
+TEST(Encoding, Base64RoundTripsEveryLength) {
+  Bytes bytes;
+  for (int length = 0; length < 70; ++length) {
+    const std::string text = base64Encode(bytes);
+    EXPECT_EQ(text.size(), (bytes.size() + 2) / 3 * 4);
+    EXPECT_EQ(base64Decode(text), bytes) << length;
+    bytes.push_back(static_cast<std::uint8_t>(length * 37 + 200));
+  }
+  EXPECT_EQ(base64Encode(view("fo")), "Zm8=");
+}
+
+TEST(Encoding, Base64RefusesWhatIsNotCanonicalText) {
+  for (const std::string_view text : {"Zg", "Zg=", "Zg===", "====", "=Zg=", "Zg=a", "Z===", "Zm9v\n", " Zm9",
+                                      "Zm8=Zm8=", "Zm9-", "Zm9_", "Zm\xC3\xA9"}) {
+    EXPECT_FALSE(base64Decode(text)) << text;
+  }
+  EXPECT_FALSE(base64Decode(std::string_view("Zm\0v", 4)));
+}
+
+TEST(Encoding, Sha1IsThatOfTheHandshakeExample) {
+  // RFC 6455 §1.3
+  EXPECT_EQ(base64Encode(sha1(view("dGhlIHNhbXBsZSBub25jZQ==258EAFA5-E914-47DA-95CA-C5AB0DC85B11"))),
+            "s3pPLMBiTxaQ9kYGzzhZRbK+xOo=");
+}
+
+TEST(Encoding, Utf8IsStrict) {
+  for (const std::string_view text :
+       {"", "a", "Gr\xC3\xBC\xC3\x9F", "\xF0\x9F\x91\x8B", "\xF4\x8F\xBF\xBF"}) {
+    EXPECT_TRUE(isValidUtf8(text)) << text;
+  }
+  for (const std::string_view text : {"\x80", "\xC3", "\xC0\xAF", "\xE0\x80\xAF", "\xED\xA0\x80",
+                                      "\xF4\x90\x80\x80", "\xFF", "a\xE2\x82", "\xF0\x9F\x91"}) {
+    EXPECT_FALSE(isValidUtf8(text));
+    EXPECT_TRUE(isValidUtf8(replacingInvalidUtf8(text)));
+    EXPECT_NE(utf16(text).find(u'\uFFFD'), std::u16string::npos);
+  }
+}
+
+TEST(Encoding, Utf16UsesSurrogatePairs) {
+  EXPECT_EQ(utf16("\xC3\xBC \xE6\x97\xA5 \xF0\x9F\x91\x8B"), u"\u00FC \u65E5 \U0001F44B");
+}
+
+TEST(Encoding, GraphemeClustersStayWhole) {
+  const std::string family = "\U0001F468\u200D\U0001F469\u200D\U0001F467";
+  const std::string flags = "\U0001F1E9\U0001F1EA\U0001F1EF\U0001F1F5";
+  const std::string text =
+      "a"
+      "e\u0301"
+      "\r\n" +
+      family + flags +
+      "\U0001F44B\U0001F3FD"
+      "b";
+  const auto clusters = graphemeClusters(text);
+  std::string joined;
+  for (const auto cluster : clusters) joined.append(cluster);
+  EXPECT_EQ(joined, text);
+  ASSERT_EQ(clusters.size(), 8u);
+  EXPECT_EQ(clusters[1], "e\u0301");
+  EXPECT_EQ(clusters[3], family);
+  EXPECT_EQ(clusters[4], flags.substr(0, 8));
+  EXPECT_TRUE(graphemeClusters("").empty());
+}
+
+}  // namespace
+}  // namespace kestrune
