@@ -1,0 +1,211 @@
+#pragma once
+
+#include <cstdint>
+#include <exception>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "coordination/model/MediaPackets.h"
+#include "coordination/model/RemoteControl.h"
+#include "coordination/model/StreamMetrics.h"
+#include "coordination/model/StreamSettings.h"
+#include "platform/Bundle.h"
+#include "platform/Network.h"
+#include "runtime/Clock.h"
+#include "server/AudioChunkStore.h"
+#include "server/AuthenticationRateLimiter.h"
+#include "server/ClientContext.h"
+#include "server/HTTPRequest.h"
+#include "server/HTTPResponse.h"
+#include "server/StreamingServerSnapshot.h"
+#include "server/VideoPacketStore.h"
+#include "server/ViewerControl.h"
+#include "server/ViewerTokenSource.h"
+#include "server/WebSocketCodec.h"
+
+namespace kestrune {
+
+/// The local route to a viewer: an HTTP and WebSocket server on 127.0.0.1 that delivers the viewer's files,
+/// one authenticated viewer's video and control, and an audio long poll.
+///
+/// All of its state, and that of its connections, belongs to the queue of its Network. The operations for the
+/// owner may be called from any thread; they take their turn on that queue, in the order of the calls.
+/// Callbacks and completions are called on that queue and must not block. Must be owned by a shared_ptr; work
+/// under way does not keep the server alive. Its end cancels what is open.
+///
+/// At most one authenticated viewer is active. A viewer that is slow loses video frames, oldest first, and is
+/// given a keyframe to go on from; it never receives a frame whose reference was lost. What is queued for it
+/// is bounded by kVideoModeBudget and kControlModeBudget (OutboundQueue.h), plus one message in flight.
+class StreamingServer : public std::enable_shared_from_this<StreamingServer> {
+ public:
+  static constexpr std::uint16_t kDefaultPort = 8080;
+
+  /// Null on success, else the failure: KestruneError::alreadyRunning, operationFailed with the system's
+  /// words (an address in use, for example), serverNotReady, or what the token source threw.
+  using StartCompletion = MoveOnlyFunction<void(std::exception_ptr failure)>;
+  using StopCompletion = MoveOnlyFunction<void()>;
+  using SnapshotCompletion = MoveOnlyFunction<void(StreamingServerSnapshot)>;
+  /// May be called once, from any thread, also after the viewer or the server has gone.
+  using IssueReportCompletion = std::function<void(ViewerIssueReportResult)>;
+
+  StreamingServer(std::shared_ptr<Network> network, std::shared_ptr<const Bundle> bundle,
+                  std::shared_ptr<ViewerTokenSource> tokenSource, std::shared_ptr<AudioChunkStore> audioStore,
+                  std::shared_ptr<VideoPacketStore> videoStore, std::shared_ptr<const Clock> clock,
+                  std::uint16_t port = kDefaultPort);
+  ~StreamingServer();
+  StreamingServer(const StreamingServer&) = delete;
+  StreamingServer& operator=(const StreamingServer&) = delete;
+
+  // Callbacks, all optional, set once by the owner before start(). Coordinates are normalized to what the
+  // viewer sees, (0, 0) at its top left, and unchecked; so are texts and keys.
+  std::function<void()> onStreamStartRequested;
+  std::function<void()> onKeyframeRequested;
+  std::function<RemoteTapResult(double x, double y)> onRemoteTap;
+  std::function<RemoteTapResult(RemotePointerPhase phase, double x, double y)> onRemotePointer;
+  std::function<RemoteTapResult(double dx, double dy, double sensitivity)> onRemoteMove;
+  std::function<RemoteTapResult(RemoteMouseButton button)> onRemoteClick;
+  std::function<RemoteTapResult(bool down)> onRemoteButton;
+  std::function<RemoteTapResult(double dx, double dy)> onRemoteScroll;
+  std::function<RemoteTapResult(const std::string& text)> onRemoteText;
+  std::function<RemoteTapResult(const std::string& key)> onRemoteKey;
+  std::function<RemoteTapResult()> onRemotePlayPause;
+  std::function<RemoteTapResult()> onRemoteFullscreen;
+  std::function<RemoteTapResult()> onRemoteOpenChrome;
+  std::function<RemoteTapResult()> onRemoteResetBrowser;
+  /// With the active settings, not those that the viewer asked for.
+  std::function<void(StreamProfile profile, StreamFrameRate frameRate)> onStreamSettingsChanged;
+  std::function<void()> onVideoCodecFallbackRequested;
+  /// The viewer's control mode has ended, by its wish or with its connection.
+  std::function<void()> onRemoteControlEnded;
+  std::function<void(const ViewerTelemetry& telemetry)> onViewerTelemetry;
+  std::function<void(const ViewerIssueReportRequest& request, IssueReportCompletion completion)>
+      onIssueReportRequested;
+  /// `wasPlaying` is meant for a disconnect: the viewer was in video mode and had not paused.
+  std::function<void(bool connected, bool wasPlaying)> onViewerConnectionChanged;
+
+  /// "http://127.0.0.1:8080" with the port of construction. Any thread.
+  const std::string& localURL() const { return localURL_; }
+  const std::shared_ptr<AudioChunkStore>& audioStore() const { return audioStore_; }
+
+  /// Completes when the listener is ready or has failed. If stop() overtakes it, the completion is destroyed
+  /// uncalled.
+  void start(StartCompletion completion);
+  /// Completes when everything is torn down: connections cut, stores and counters cleared. The settings, the
+  /// rate limit and the audio numbers go on.
+  void stop(StopCompletion completion);
+  void snapshot(SnapshotCompletion completion);
+
+  /// Stores what is active and tells the viewer.
+  void updateStreamSettings(StreamProfile profile, StreamFrameRate frameRate, StreamVideoCodec codec);
+  void updateRemoteStreamState(RemoteStreamState state, std::optional<std::string> message);
+  void updateRemoteCursorState(RemoteCursorState state);
+  void updateHostDiagnostics(HostDiagnostics diagnostics);
+  /// Sends the packet to the viewer, if there is one that can take it. The payload is shared, not copied.
+  void broadcastVideo(EncodedVideoPacket packet);
+
+ private:
+  using Client = std::shared_ptr<ClientContext>;
+
+  /// What end and stop tell the owner of a viewer that goes.
+  struct ViewerEnding {
+    bool wasPlaying;
+    bool endControl;
+  };
+
+  /// A handler that takes a Server& and a const Client& before its own arguments, and does nothing once
+  /// either has gone.
+  template <class Body>
+  auto whileAlive(const Client& client, Body body);
+  /// Runs `body(server)` on the queue if the server still lives then.
+  template <class Body>
+  void postToSelf(Body body);
+
+  // Lifecycle (StreamingServer.cpp)
+  void startListening(StartCompletion completion);
+  void handleListenerState(TcpListener::State state, const std::string& reason);
+  void finishStart(std::exception_ptr failure);
+  void stopNow();
+  StreamingServerSnapshot currentSnapshot() const;
+  ClientContext* activeViewer() const;
+
+  // Connections (StreamingServerConnections.cpp)
+  void acceptConnection(std::shared_ptr<TcpConnection> connection);
+  void receiveNext(const Client& client);
+  void handleReceived(const Client& client, ByteView bytes);
+  void endClient(const Client& client);
+  void viewerEnded(ClientContext& client);
+  static ViewerEnding endingOf(const ClientContext& client);
+  /// Sends a client's last message and then ends it; it is ended anyway once `patience` is over.
+  void sendLast(const Client& client, GatheredBytes message, bool countsAsSent, Duration patience);
+
+  // HTTP (StreamingServerRoutes.cpp)
+  void processHTTPBuffer(const Client& client);
+  void send(HTTPResponse response, const Client& client);
+  void route(const HTTPRequest& request, const Client& client);
+  void beginAudioPoll(const Client& client, std::uint64_t after, Duration deadline, Duration batchDeadline);
+
+  // Authentication (StreamingServerAuthentication.cpp)
+  bool authorizeRequest(const HTTPRequest& request, const Client& client);
+  void handleAuthMessage(const ViewerAuthentication& message, const Client& client);
+  /// Whether `candidate` is the token; nothing, and a log line, if the token cannot be had.
+  std::optional<bool> isToken(const std::optional<std::string>& candidate);
+  void admitViewer(const Client& client);
+
+  // WebSocket (StreamingServerWebSocket.cpp)
+  void upgradeWebSocket(const HTTPRequest& request, const Client& client);
+  void processWebSocketBuffer(const Client& client);
+  /// Whether the loop may go on with the next frame.
+  bool handleFrame(const Client& client, WebSocketFrame& frame);
+  void closeClient(const Client& client, WebSocketClose reason);
+
+  // Outbound (StreamingServerOutbound.cpp)
+  void broadcastNow(const EncodedVideoPacket& packet);
+  void enqueue(GatheredBytes data, const Client& client, bool droppable, bool isKeyframe);
+  void enqueueText(const std::string& text, const Client& client);
+  void pump(const Client& client);
+  void handleSent(const Client& client, std::size_t size, bool succeeded);
+  void purgeDroppable(ClientContext& client);
+  void requestRecoveryKeyframe(ClientContext& client);
+  void sendStreamSettings(const Client& client, bool reconfigured);
+  void sendCursorState(const Client& client);
+  void sendStreamState(const Client& client);
+  void sendHostDiagnostics(const Client& client);
+
+  // Control (StreamingServerControl.cpp)
+  void handleTextFrame(ByteView payload, const Client& client);
+
+  const std::shared_ptr<Network> network_;
+  const std::shared_ptr<SerialQueue> queue_;
+  const std::shared_ptr<const Bundle> bundle_;
+  const std::shared_ptr<ViewerTokenSource> tokenSource_;
+  const std::shared_ptr<AudioChunkStore> audioStore_;
+  const std::shared_ptr<VideoPacketStore> videoStore_;
+  const std::shared_ptr<const Clock> clock_;
+  const std::uint16_t port_;
+  const std::string localURL_;
+
+  // Everything below belongs to queue_.
+  StreamProfile activeProfile_ = StreamProfile::balanced;
+  StreamFrameRate activeFrameRate_ = StreamFrameRate::fps60;
+  StreamVideoCodec activeVideoCodec_ = StreamVideoCodec::h264;
+  RemoteCursorState remoteCursorState_;
+  RemoteStreamState remoteStreamState_ = RemoteStreamState::armed;
+  std::optional<std::string> remoteStreamMessage_;
+  std::unique_ptr<TcpListener> listener_;
+  StartCompletion startCompletion_;
+  std::map<ClientID, Client> clients_;  // every open connection
+  ClientID nextClientID_ = 1;
+  std::optional<ClientID> viewerID_;  // the one authenticated viewer
+  std::optional<Duration> startedAt_;
+  AuthenticationRateLimiter rateLimiter_;
+  std::optional<ViewerTelemetry> lastTelemetry_;
+  std::optional<HostDiagnostics> lastHostDiagnostics_;
+  std::uint64_t droppedOutboundFrames_ = 0;
+  std::uint64_t bytesSent_ = 0;
+};
+
+}  // namespace kestrune
