@@ -4,15 +4,17 @@ add_library(kestrune_options INTERFACE)
 target_include_directories(kestrune_options INTERFACE ${CMAKE_SOURCE_DIR}/src)
 target_compile_options(kestrune_options INTERFACE
   -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror -fstack-protector-strong)
-target_compile_definitions(kestrune_options INTERFACE
-  $<$<AND:$<NOT:$<CONFIG:Debug>>,$<STREQUAL:${KESTRUNE_SANITIZE},>>:_FORTIFY_SOURCE=2>)
 target_link_libraries(kestrune_options INTERFACE Threads::Threads)
 if(KESTRUNE_SANITIZE)
   target_compile_options(kestrune_options INTERFACE
     -fsanitize=${KESTRUNE_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
   target_link_options(kestrune_options INTERFACE -fsanitize=${KESTRUNE_SANITIZE})
   # g++ 12 reports false positives in sanitized standard library code.
-  target_compile_options(kestrune_options INTERFACE -Wno-maybe-uninitialized -Wno-tsan)
+  target_compile_options(kestrune_options INTERFACE
+    $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized> $<$<CXX_COMPILER_ID:GNU>:-Wno-tsan>)
+else()
+  # It needs optimization, and the sanitizers intercept the same functions.
+  target_compile_definitions(kestrune_options INTERFACE $<$<NOT:$<CONFIG:Debug>>:_FORTIFY_SOURCE=2>)
 endif()
 
 # kestrune_library(<name> SOURCES <file>... [LIBS <target>...] [PRIVATE_LIBS <target>...])
