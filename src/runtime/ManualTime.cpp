@@ -15,10 +15,11 @@ class ManualTime::Queue final : public SerialQueue, public std::enable_shared_fr
   }
 
   DelayedWork postAfter(Duration delay, Work work) override {
-    auto state = std::make_shared<DelayedWork::State>();
     auto time = time_.lock();
-    if (!time) return DelayedWork(std::move(state));
-    return time->schedule(delay, {this, shared_from_this(), std::move(work), std::move(state)});
+    if (!time) return {};
+    auto state = std::make_shared<DelayedWork::State>(std::move(work));
+    time->schedule(delay, {this, shared_from_this(), nullptr, state});
+    return DelayedWork(std::move(state));
   }
 
   bool isCurrent() const override {
@@ -44,11 +45,13 @@ void ManualTime::enqueue(Entry entry) {
   ready_.push_back(std::move(entry));
 }
 
-DelayedWork ManualTime::schedule(Duration delay, Entry entry) {
+void ManualTime::schedule(Duration delay, Entry entry) {
   std::lock_guard guard(lock_);
-  DelayedWork handle(entry.state);
-  timers_.emplace(std::pair(now_ + std::max(delay, Duration::zero()), nextTimer_++), std::move(entry));
-  return handle;
+  if (delay <= Duration::zero()) {
+    ready_.push_back(std::move(entry));
+  } else {
+    timers_.emplace(std::pair(now_ + delay, nextTimer_++), std::move(entry));
+  }
 }
 
 void ManualTime::runUntilEmpty() {
@@ -57,8 +60,8 @@ void ManualTime::runUntilEmpty() {
     {
       std::lock_guard guard(lock_);
       while (!timers_.empty() && timers_.begin()->first.first <= now_) {
-        auto node = timers_.extract(timers_.begin());
-        if (node.mapped().state->claim(2)) ready_.push_back(std::move(node.mapped()));
+        ready_.push_back(std::move(timers_.begin()->second));
+        timers_.erase(timers_.begin());
       }
       if (ready_.empty()) return;
       entry = std::move(ready_.front());
@@ -70,7 +73,11 @@ void ManualTime::runUntilEmpty() {
       std::fputs("ManualTime: work keeps posting itself without a delay\n", stderr);
       std::abort();
     }
-    entry.work();
+    if (entry.delayed) {
+      entry.delayed->run();
+    } else {
+      entry.work();
+    }
     entry.work = nullptr;
     std::lock_guard guard(lock_);
     running_ = nullptr;
@@ -100,19 +107,23 @@ void ManualTime::advance(Duration span) {
 }
 
 void ManualTime::discardAll() {
-  std::deque<Entry> ready;
+  decltype(ready_) ready;
   decltype(timers_) timers;
   {
     std::lock_guard guard(lock_);
     ready.swap(ready_);
     timers.swap(timers_);
   }
+  for (const auto& entry : ready) {
+    if (entry.delayed) entry.delayed->drop();
+  }
+  for (const auto& timer : timers) timer.second.delayed->drop();
 }
 
 std::size_t ManualTime::pendingDelayedWork() const {
   std::lock_guard guard(lock_);
   return static_cast<std::size_t>(std::count_if(
-      timers_.begin(), timers_.end(), [](const auto& item) { return item.second.state->value.load() == 0; }));
+      timers_.begin(), timers_.end(), [](const auto& item) { return item.second.delayed->isWaiting(); }));
 }
 
 Duration ManualTime::continuousNow() const {

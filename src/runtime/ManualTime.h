@@ -20,6 +20,7 @@ namespace kestrune {
 class ManualTime final : public Clock, public std::enable_shared_from_this<ManualTime> {
  public:
   static std::shared_ptr<ManualTime> make() { return std::make_shared<ManualTime>(); }
+  ~ManualTime() override { discardAll(); }
 
   std::shared_ptr<SerialQueue> makeQueue(std::string name = "manual");
 
@@ -42,12 +43,13 @@ class ManualTime final : public Clock, public std::enable_shared_from_this<Manua
   struct Entry {
     Queue* queue;
     std::shared_ptr<SerialQueue> keepAlive;
+    // Exactly one of the two is set: work, or work that can be cancelled until it starts.
     SerialQueue::Work work;
-    std::shared_ptr<DelayedWork::State> state;  // null for work without a delay
+    std::shared_ptr<DelayedWork::State> delayed;
   };
 
   void enqueue(Entry entry);
-  DelayedWork schedule(Duration delay, Entry entry);
+  void schedule(Duration delay, Entry entry);
   void runUntilEmpty();
 
   mutable std::mutex lock_;  // guards everything below

@@ -13,21 +13,39 @@ namespace kestrune {
 /// cancel the work. All operations may be called from any thread.
 class DelayedWork {
  public:
-  /// Shared with the queue: 0 waiting, 1 cancelled, 2 started.
-  struct State {
-    std::atomic<int> value{0};
-    bool claim(int next) {
-      int waiting = 0;
-      return value.compare_exchange_strong(waiting, next);
+  /// Shared with the queue. Whoever claims the state first owns the work: cancel() or the queue's end, which
+  /// destroy it, or the queue when it starts it.
+  class State {
+   public:
+    explicit State(MoveOnlyFunction<void()> work) : work_(std::move(work)) {}
+
+    bool isWaiting() const { return waiting_.load(); }
+    /// Destroys the work unless it was claimed before; returns whether this call did.
+    bool drop() {
+      if (!waiting_.exchange(false)) return false;
+      work_ = nullptr;
+      return true;
     }
+    /// Runs the work unless it was claimed before.
+    void run() {
+      if (!waiting_.exchange(false)) return;
+      work_();
+      work_ = nullptr;
+    }
+
+   private:
+    std::atomic<bool> waiting_{true};
+    MoveOnlyFunction<void()> work_;
   };
 
   DelayedWork() = default;
   explicit DelayedWork(std::shared_ptr<State> state) : state_(std::move(state)) {}
 
-  /// Prevents the work from starting if it has not; returns whether it was prevented by this call.
-  bool cancel() const { return state_ && state_->claim(1); }
-  bool isPending() const { return state_ && state_->value.load() == 0; }
+  /// Prevents the work from starting if it has not, and destroys it on the calling thread; returns whether it
+  /// was prevented by this call.
+  bool cancel() const { return state_ && state_->drop(); }
+  /// Neither started nor cancelled, and its queue exists.
+  bool isPending() const { return state_ && state_->isWaiting(); }
 
  private:
   std::shared_ptr<State> state_;
@@ -47,7 +65,7 @@ class SerialQueue {
   virtual ~SerialQueue() = default;
 
   virtual void post(Work work) = 0;
-  /// A delay of zero or less is due at once, behind what is already waiting.
+  /// A delay of zero or less is due at once: behind what is already waiting, before what is posted later.
   virtual DelayedWork postAfter(Duration delay, Work work) = 0;
   /// True while the calling thread runs a piece of this queue's work.
   virtual bool isCurrent() const = 0;

@@ -84,8 +84,9 @@ Resumption::~Resumption() {
 }
 
 void Resumption::post(std::shared_ptr<Resumption> self) {
-  const auto queue = self->context_->queue();
-  queue->post([held = std::move(self)] { held->resumeHere(); });
+  if (const auto queue = self->context_->queue()) {
+    queue->post([held = std::move(self)] { held->resumeHere(); });
+  }
 }
 
 void Resumption::resumeHere() {
@@ -125,7 +126,7 @@ Root runRoot(std::shared_ptr<TaskContext> context, Task<void> task) {
 }  // namespace
 
 TaskHandle startTask(std::shared_ptr<SerialQueue> queue, Task<void> task) {
-  auto context = std::make_shared<TaskContext>(std::move(queue));
+  auto context = std::make_shared<TaskContext>(queue);
   const Root root = runRoot(context, std::move(task));
   root.handle.promise().context = context.get();
   root.handle.promise().owner = context;
@@ -138,8 +139,9 @@ TaskHandle startTask(std::shared_ptr<SerialQueue> queue, Task<void> task) {
 void TaskHandle::whenFinished(SerialQueue::Work work) const {
   if (!context_) return;
   auto shared = std::make_shared<SerialQueue::Work>(std::move(work));
-  const auto queue = context_->queue();
-  auto post = [queue, shared] { queue->post([shared] { (*shared)(); }); };
+  auto post = [context = context_.get(), shared] {
+    if (const auto queue = context->queue()) queue->post([shared] { (*shared)(); });
+  };
   if (!context_->addWaiter(post)) post();
 }
 
@@ -150,14 +152,15 @@ bool SleepAwaiter::suspend(std::coroutine_handle<> handle) {
   const auto self = context->shared_from_this();
   auto resumption = std::make_shared<Resumption>(self, handle);
   const std::weak_ptr<Resumption> weak = resumption;
-  // From here on another thread may resume the frame that holds this awaiter: locals only.
-  const DelayedWork delayed = self->queue()->postAfter(span, [resumption] {
-    if (resumption->claim()) resumption->resumeHere();
+  const auto queue = self->queue();
+  if (!queue) return true;  // abandoned as the only right to resume goes
+  // From here on the frame that holds this awaiter may be dropped with its queue: locals only.
+  const DelayedWork delayed = queue->postAfter(span, [held = std::move(resumption)] {
+    if (held->claim()) held->resumeHere();
   });
   auto wake = [weak, delayed] {
-    if (!delayed.cancel()) return;
-    auto held = weak.lock();
-    if (held && held->claim()) Resumption::post(std::move(held));
+    auto held = weak.lock();  // before the cancelled work lets go of it
+    if (delayed.cancel() && held && held->claim()) Resumption::post(std::move(held));
   };
   if (!self->setCancelHook(wake)) wake();
   return true;

@@ -33,9 +33,10 @@ TaskHandle startTask(std::shared_ptr<SerialQueue> queue, Task<void> task);
 /// What all coroutines below one startTask() share. Part of the runtime; use TaskHandle.
 class TaskContext : public std::enable_shared_from_this<TaskContext> {
  public:
-  explicit TaskContext(std::shared_ptr<SerialQueue> queue) : queue_(std::move(queue)) {}
+  explicit TaskContext(const std::shared_ptr<SerialQueue>& queue) : queue_(queue) {}
 
-  const std::shared_ptr<SerialQueue>& queue() const { return queue_; }
+  /// Null once the queue has ended.
+  std::shared_ptr<SerialQueue> queue() const { return queue_.lock(); }
   bool isCancelled() const;
   bool isFinished() const;
   std::exception_ptr failure() const;
@@ -54,7 +55,8 @@ class TaskContext : public std::enable_shared_from_this<TaskContext> {
   void abandon();
 
  private:
-  const std::shared_ptr<SerialQueue> queue_;
+  // Weak: the queue holds the tasks that sleep on it, and must be able to end under them.
+  const std::weak_ptr<SerialQueue> queue_;
   mutable std::mutex lock_;  // guards everything below; never held across a call
   bool cancelled_ = false;
   bool finished_ = false;
@@ -202,7 +204,8 @@ class TaskHandle {
   /// Two handles of the same task are equal.
   friend bool operator==(const TaskHandle&, const TaskHandle&) = default;
 
-  /// Runs `work` on the task's queue when the task has ended, or posts it at once if it has.
+  /// Runs `work` on the task's queue when the task has ended, or posts it at once if it has. Where the queue
+  /// has ended, `work` is dropped.
   void whenFinished(SerialQueue::Work work) const;
 
   struct FinishedAwaiter {
@@ -227,7 +230,8 @@ class TaskHandle {
   std::shared_ptr<TaskContext> context_;
 };
 
-/// Starts `task` with a turn of its own on `queue`; never runs any of it before it returns.
+/// Starts `task` with a turn of its own on `queue`; never runs any of it before it returns. The task does not
+/// keep the queue alive; it is abandoned if the queue ends first.
 TaskHandle startTask(std::shared_ptr<SerialQueue> queue, Task<void> task);
 
 namespace detail {
@@ -310,8 +314,9 @@ class Completion {
 };
 
 /// `Value value = co_await awaitCallback<Value>(start)` calls start(Completion<Value>) and resumes, on the
-/// task's queue, with what the completion was given, or throws what it failed with. Cancellation does not
-/// interrupt it. `start` is a named object: auto start = [...](Completion<Value> done) {...};
+/// task's queue, with what the completion was given, or throws what it failed with, or what start() threw.
+/// Cancellation does not interrupt it. `start` is a named object: auto start = [...](Completion<Value> done)
+/// {...};
 template <class Value, class Start>
 struct CallbackAwaiter {
   Start start;
@@ -321,10 +326,15 @@ struct CallbackAwaiter {
   bool await_ready() const noexcept { return false; }
   template <class Promise>
   void await_suspend(std::coroutine_handle<Promise> handle) {
-    // The completion may resume, or drop, the frame that holds this awaiter before start() returns.
+    // The frame that holds this awaiter may be dropped as soon as `resumption` goes: locals only.
     auto call = std::move(start);
-    call(Completion<Value>(
-        slot, std::make_shared<Resumption>(handle.promise().context->shared_from_this(), handle)));
+    auto resumption = std::make_shared<Resumption>(handle.promise().context->shared_from_this(), handle);
+    const Completion<Value> completion(slot, std::move(resumption));
+    try {
+      call(completion);
+    } catch (...) {
+      completion.fail(std::current_exception());
+    }
   }
   Value await_resume() {
     if (slot->index() == 2) std::rethrow_exception(std::get<2>(*slot));

@@ -13,6 +13,9 @@ thread_local const RunLoopQueue* currentLoop = nullptr;
 // keeps delays true to the continuous clock after a wake, at one wake-up a second while a timer is pending.
 constexpr Duration kLongestTimerWait = std::chrono::seconds(1);
 
+// Below this many timers the cancelled ones are not worth a search.
+constexpr std::size_t kFewestTimersToPrune = 256;
+
 }  // namespace
 
 RunLoopQueue::RunLoopQueue(std::string name, std::shared_ptr<const Clock> clock)
@@ -21,7 +24,7 @@ RunLoopQueue::RunLoopQueue(std::string name, std::shared_ptr<const Clock> clock)
 RunLoopQueue::~RunLoopQueue() {
   // Dropped work may post again while it is destroyed; that is dropped as well.
   for (;;) {
-    std::deque<Work> ready;
+    decltype(ready_) ready;
     decltype(timers_) timers;
     {
       std::lock_guard guard(lock_);
@@ -29,28 +32,43 @@ RunLoopQueue::~RunLoopQueue() {
       timers.swap(timers_);
     }
     if (ready.empty() && timers.empty()) break;
+    for (const auto& piece : ready) {
+      if (piece.delayed) piece.delayed->drop();
+    }
+    for (const auto& timer : timers) timer.second->drop();
   }
 }
 
 void RunLoopQueue::collectDueTimers() {
   const Duration now = clock_->continuousNow();
   while (!timers_.empty() && timers_.begin()->first.first <= now) {
-    auto node = timers_.extract(timers_.begin());
-    if (node.mapped().state->claim(2)) ready_.push_back(std::move(node.mapped().work));
+    ready_.push_back({nullptr, std::move(timers_.begin()->second)});
+    timers_.erase(timers_.begin());
   }
 }
 
-void RunLoopQueue::run() {
+// Cancelled timers go when their time has come; where they are many, they go before the map grows further.
+void RunLoopQueue::pruneTimers() {
+  if (timers_.size() < std::max(pruneAt_, kFewestTimersToPrune)) return;
+  std::erase_if(timers_, [](const auto& timer) { return !timer.second->isWaiting(); });
+  pruneAt_ = timers_.size() * 2;
+}
+
+void RunLoopQueue::run() noexcept {
   const RunLoopQueue* outer = std::exchange(currentLoop, this);
   std::unique_lock guard(lock_);
   for (;;) {
     collectDueTimers();
     if (!ready_.empty()) {
-      Work work = std::move(ready_.front());
+      Piece piece = std::move(ready_.front());
       ready_.pop_front();
       guard.unlock();
-      work();
-      work = nullptr;  // its captures die outside the lock
+      if (piece.delayed) {
+        piece.delayed->run();
+      } else {
+        piece.work();
+      }
+      piece = {};  // its captures die outside the lock
       guard.lock();
       continue;
     }
@@ -74,15 +92,19 @@ void RunLoopQueue::stop() {
 
 void RunLoopQueue::post(Work work) {
   std::lock_guard guard(lock_);
-  ready_.push_back(std::move(work));
+  ready_.push_back({std::move(work), nullptr});
   changed_.notify_one();
 }
 
 DelayedWork RunLoopQueue::postAfter(Duration delay, Work work) {
-  auto state = std::make_shared<DelayedWork::State>();
+  auto state = std::make_shared<DelayedWork::State>(std::move(work));
   std::lock_guard guard(lock_);
-  const Duration due = clock_->continuousNow() + std::max(delay, Duration::zero());
-  timers_.emplace(std::pair(due, nextTimer_++), Timer{std::move(work), state});
+  if (delay <= Duration::zero()) {
+    ready_.push_back({nullptr, state});
+  } else {
+    pruneTimers();
+    timers_.emplace(std::pair(clock_->continuousNow() + delay, nextTimer_++), state);
+  }
   changed_.notify_one();
   return DelayedWork(std::move(state));
 }

@@ -19,7 +19,7 @@ class RunLoopQueue : public SerialQueue {
   ~RunLoopQueue() override;
 
   /// Runs work until stop() is called; what was posted before the stop still runs. One caller at a time.
-  void run();
+  void run() noexcept;
   /// Ends run(), from any thread. A later run() works again.
   void stop();
 
@@ -29,20 +29,24 @@ class RunLoopQueue : public SerialQueue {
   const std::string& name() const override { return name_; }
 
  private:
-  struct Timer {
+  /// Exactly one of the two is set: work, or work that can be cancelled until it starts.
+  struct Piece {
     Work work;
-    std::shared_ptr<DelayedWork::State> state;
+    std::shared_ptr<DelayedWork::State> delayed;
   };
 
   void collectDueTimers();
+  void pruneTimers();
 
   const std::string name_;
   const std::shared_ptr<const Clock> clock_;
   std::mutex lock_;  // guards everything below
   std::condition_variable changed_;
-  std::deque<Work> ready_;
-  std::map<std::pair<Duration, std::uint64_t>, Timer> timers_;  // by due time, then by order of scheduling
+  std::deque<Piece> ready_;
+  // By due time, then by order of scheduling.
+  std::map<std::pair<Duration, std::uint64_t>, std::shared_ptr<DelayedWork::State>> timers_;
   std::uint64_t nextTimer_ = 0;
+  std::size_t pruneAt_ = 0;
   bool stopping_ = false;
 };
 
