@@ -1,6 +1,7 @@
 #pragma once
 
 #include <algorithm>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <utility>
@@ -64,16 +65,20 @@ class Published {
 
  private:
   void notify() {
+    const auto generation = ++generation_;
     observers_.erase(std::remove_if(observers_.begin(), observers_.end(),
                                     [](const auto& observer) { return observer.expired(); }),
                      observers_.end());
     const auto snapshot = observers_;
     for (const auto& entry : snapshot) {
       if (auto observer = entry.lock()) (*observer)(value_);
+      // An observer wrote again: everyone has already been told of the newer value.
+      if (generation != generation_) return;
     }
   }
 
   Value value_{};
+  std::uint64_t generation_ = 0;
   std::vector<std::weak_ptr<Observer>> observers_;
 };
 
