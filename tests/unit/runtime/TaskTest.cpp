@@ -1,1 +1,326 @@
 #include <gtest/gtest.h>
+
+#include <algorithm>
+#include <future>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "runtime/ManualTime.h"
+#include "runtime/Task.h"
+#include "runtime/ThreadQueue.h"
+
+namespace kestrune {
+namespace {
+
+using namespace std::chrono_literals;
+using Notes = std::vector<std::string>;
+
+/// Tells when a frame that holds it is destroyed.
+struct Witness {
+  explicit Witness(int& alive) : count(&alive) { ++*count; }
+  Witness(Witness&& other) noexcept : count(std::exchange(other.count, nullptr)) {}
+  ~Witness() {
+    if (count) --*count;
+  }
+  int* count;
+};
+
+Task<int> doubled(int value) {
+  if (value < 0) throw std::invalid_argument("negative");
+  co_await sleepFor(10ms);
+  co_return value * 2;
+}
+
+Task<std::unique_ptr<int>> boxed(int value) {
+  const int result = co_await doubled(value);
+  co_return std::make_unique<int>(result);
+}
+
+Task<void> addUp(Notes& notes, int value) {
+  try {
+    const auto box = co_await boxed(value);
+    notes.push_back(std::to_string(*box));
+  } catch (const std::invalid_argument& error) {
+    notes.push_back(error.what());
+    throw;
+  }
+}
+
+Task<void> sleeper(Notes& notes, [[maybe_unused]] Witness witness, Duration span) {
+  try {
+    co_await sleepFor(span);
+    notes.push_back("woke");
+  } catch (const CancellationError&) {
+    notes.push_back("cancelled");
+    throw;
+  }
+}
+
+Task<void> waitFor(Notes& notes, std::string name, TaskHandle handle) {
+  co_await handle.finished();
+  notes.push_back(name);
+}
+
+class TaskTest : public ::testing::Test {
+ protected:
+  std::shared_ptr<ManualTime> time = ManualTime::make();
+  std::shared_ptr<SerialQueue> queue = time->makeQueue();
+  Notes notes;
+  int alive = 0;
+};
+
+TEST_F(TaskTest, ResultsAndFailuresPassThroughNestedTasks) {
+  auto good = startTask(queue, addUp(notes, 21));
+  auto bad = startTask(queue, addUp(notes, -1));
+  EXPECT_TRUE(notes.empty());  // nothing runs before startTask() has returned
+  time->runReady();
+  EXPECT_EQ(notes, Notes{"negative"});
+  EXPECT_TRUE(bad.isFinished());
+  EXPECT_EQ(localizedDescription(bad.failure()), "negative");
+  EXPECT_FALSE(isCancellation(bad.failure()));
+  EXPECT_FALSE(good.isFinished());
+  time->advance(10ms);
+  EXPECT_EQ(notes.back(), "42");
+  EXPECT_TRUE(good.isFinished());
+  EXPECT_FALSE(good.failure());
+}
+
+TEST_F(TaskTest, CancellationMeetsATaskBeforeDuringAndAfterItsSleep) {
+  auto before = startTask(queue, sleeper(notes, Witness(alive), 1h));
+  before.cancel();
+  time->runReady();
+  EXPECT_EQ(notes, Notes{"cancelled"});
+  EXPECT_TRUE(isCancellation(before.failure()));
+
+  auto during = startTask(queue, sleeper(notes, Witness(alive), 1h));
+  time->advance(30min);
+  during.cancel();
+  during.cancel();
+  EXPECT_EQ(notes.size(), 1u);  // it goes on in a turn of its own, not inside cancel()
+  time->runReady();
+  EXPECT_EQ(notes.size(), 2u);
+  EXPECT_TRUE(isCancellation(during.failure()));
+  EXPECT_EQ(time->pendingDelayedWork(), 0u);
+
+  auto after = startTask(queue, sleeper(notes, Witness(alive), 1s));
+  time->advance(1s);
+  EXPECT_EQ(notes.back(), "woke");
+  after.cancel();
+  time->advance(1h);
+  EXPECT_TRUE(after.isFinished());
+  EXPECT_FALSE(after.failure());
+  EXPECT_EQ(notes.size(), 3u);
+  EXPECT_EQ(alive, 0);
+}
+
+Task<void> checks(Notes& notes, TaskHandle& self) {
+  const bool early = co_await isTaskCancelled();
+  co_await checkCancellation();
+  notes.push_back(early ? "early" : "not yet");
+  self.cancel();
+  if (co_await isTaskCancelled()) notes.push_back("flag");
+  co_await checkCancellation();
+  notes.push_back("never");
+}
+
+TEST_F(TaskTest, ChecksSeeTheFlagWithoutSuspending) {
+  TaskHandle handle;
+  handle = startTask(queue, checks(notes, handle));
+  time->runReady();
+  EXPECT_EQ(notes, (Notes{"not yet", "flag"}));
+  EXPECT_TRUE(handle.isCancelled());
+  EXPECT_TRUE(isCancellation(handle.failure()));
+}
+
+TEST_F(TaskTest, AnyNumberOfWaitersGoOnHoweverTheTaskEnds) {
+  auto slow = startTask(queue, sleeper(notes, Witness(alive), 1s));
+  startTask(queue, waitFor(notes, "first", slow));
+  startTask(queue, waitFor(notes, "second", slow));
+  slow.whenFinished([this] { notes.push_back("callback"); });
+  auto cancelledWaiter = startTask(queue, waitFor(notes, "third", slow));
+  cancelledWaiter.cancel();  // does not interrupt the wait
+  time->runReady();
+  EXPECT_TRUE(notes.empty());
+  slow.cancel();
+  time->runReady();
+  ASSERT_EQ(notes.size(), 5u);
+  EXPECT_EQ(notes.front(), "cancelled");
+  for (const char* name : {"first", "second", "callback", "third"}) {
+    EXPECT_EQ(std::count(notes.begin(), notes.end(), name), 1) << name;
+  }
+  notes.clear();
+  startTask(queue, waitFor(notes, "late", slow));
+  startTask(queue, waitFor(notes, "empty", TaskHandle()));
+  slow.whenFinished([this] { notes.push_back("late callback"); });
+  EXPECT_TRUE(notes.empty());
+  time->runReady();
+  EXPECT_EQ(notes.size(), 3u);
+}
+
+/// The pattern of every periodic task: no turn keeps the owner alive beyond itself.
+class Owner : public std::enable_shared_from_this<Owner> {
+ public:
+  explicit Owner(Notes& notes) : notes_(notes) {}
+  void start(const std::shared_ptr<SerialQueue>& queue) { task = startTask(queue, loop(weak_from_this())); }
+  TaskHandle task;
+
+ private:
+  static Task<void> loop(std::weak_ptr<Owner> weak) {
+    for (;;) {
+      if (auto self = weak.lock()) {
+        self->notes_.push_back("turn");
+      } else {
+        co_return;
+      }
+      co_await sleepFor(1s);
+    }
+  }
+  Notes& notes_;
+};
+
+TEST_F(TaskTest, AnOwnerMayDieWhileItsTaskSleeps) {
+  auto owner = std::make_shared<Owner>(notes);
+  owner->start(queue);
+  time->advance(1s);
+  EXPECT_EQ(notes.size(), 2u);
+  const TaskHandle task = owner->task;
+  std::weak_ptr<Owner> weak = owner;
+  owner = nullptr;
+  EXPECT_TRUE(weak.expired());
+  time->advance(1s);
+  EXPECT_TRUE(task.isFinished());
+  EXPECT_EQ(notes.size(), 2u);
+}
+
+TEST_F(TaskTest, AQueueThatEndsTakesItsTasksWithIt) {
+  auto otherTime = ManualTime::make();
+  auto sleeping = startTask(queue, sleeper(notes, Witness(alive), 1h));
+  time->runReady();
+  auto unstarted = startTask(queue, sleeper(notes, Witness(alive), 1h));
+  startTask(otherTime->makeQueue(), waitFor(notes, "elsewhere", sleeping));
+  auto waiting = otherTime->makeQueue();
+  startTask(waiting, waitFor(notes, "waiter", sleeping));
+  otherTime->runReady();
+  EXPECT_EQ(alive, 2);
+  time = nullptr;
+  EXPECT_EQ(alive, 0);
+  EXPECT_TRUE(isCancellation(sleeping.failure()));
+  EXPECT_TRUE(isCancellation(unstarted.failure()));
+  otherTime->runReady();
+  EXPECT_EQ(notes, Notes{"waiter"});  // the waiter whose own queue is gone went with it
+  sleeping.cancel();
+}
+
+TEST_F(TaskTest, ASleepingTaskDoesNotKeepARealQueueAlive) {
+  auto thread = std::make_shared<ThreadQueue>("sleepers");
+  std::promise<void> asleep;
+  auto handle = startTask(thread, sleeper(notes, Witness(alive), 1h));
+  thread->post([&] { asleep.set_value(); });
+  asleep.get_future().wait();
+  std::weak_ptr<ThreadQueue> weak = thread;
+  thread = nullptr;
+  EXPECT_TRUE(weak.expired());
+  EXPECT_TRUE(isCancellation(handle.failure()));
+  EXPECT_EQ(alive, 0);
+}
+
+/// Hands its completion to the test.
+Task<void> awaits(Notes& notes, [[maybe_unused]] Witness witness, std::optional<Completion<int>>& slot) {
+  auto start = [&slot](Completion<int> done) { slot = std::move(done); };
+  try {
+    const int value = co_await awaitCallback<int>(start);
+    notes.push_back(std::to_string(value));
+  } catch (const std::exception& error) {
+    notes.push_back(error.what());
+  }
+}
+
+TEST_F(TaskTest, CompletionsGiveOneResultOrFailureOrAbandonTheTask) {
+  std::optional<Completion<int>> done;
+  auto handle = startTask(queue, awaits(notes, Witness(alive), done));
+  time->runReady();
+  handle.cancel();  // does not interrupt the wait
+  time->runReady();
+  EXPECT_FALSE(handle.isFinished());
+  (*done)(7);
+  (*done)(8);
+  EXPECT_TRUE(notes.empty());  // resumed in a turn of its own
+  time->runReady();
+  EXPECT_EQ(notes, Notes{"7"});
+  done.reset();
+
+  startTask(queue, awaits(notes, Witness(alive), done));
+  time->runReady();
+  done->fail(std::make_exception_ptr(std::runtime_error("refused")));
+  time->runReady();
+  EXPECT_EQ(notes.back(), "refused");
+
+  handle = startTask(queue, awaits(notes, Witness(alive), done));
+  time->runReady();
+  EXPECT_EQ(alive, 1);
+  done.reset();
+  EXPECT_EQ(alive, 0);
+  EXPECT_TRUE(isCancellation(handle.failure()));
+  EXPECT_EQ(notes.size(), 2u);
+}
+
+/// 0: completes before start() returns; 1: drops the completion; 2: throws; 3: completes, then throws.
+Task<void> awaitsAtOnce(Notes& notes, [[maybe_unused]] Witness witness, int how) {
+  auto start = [how](Completion<int> done) {
+    if (how == 0 || how == 3) done(1);
+    if (how >= 2) throw std::runtime_error("start");
+  };
+  try {
+    notes.push_back(std::to_string(co_await awaitCallback<int>(start)));
+  } catch (const std::runtime_error& error) {
+    notes.push_back(error.what());
+  }
+}
+
+TEST_F(TaskTest, StartsThatCompleteDropOrThrowAtOnce) {
+  for (int how = 0; how < 4; ++how) startTask(queue, awaitsAtOnce(notes, Witness(alive), how));
+  time->runReady();
+  EXPECT_EQ(notes, (Notes{"1", "start", "1"}));
+  EXPECT_EQ(alive, 0);
+}
+
+Task<void> countOnThread(std::shared_ptr<SerialQueue> queue, std::shared_ptr<SerialQueue> platform,
+                         int& count) {
+  for (int i = 0; i < 200; ++i) {
+    auto start = [platform, i](Completion<int> done) { platform->post([done, i] { done(i); }); };
+    const int value = co_await awaitCallback<int>(start);
+    if (value == i && queue->isCurrent()) ++count;
+    if (i % 50 == 0) co_await sleepFor(1us);
+  }
+}
+
+TEST_F(TaskTest, CompletionsFromAnotherThreadResumeOnTheTasksQueue) {
+  auto thread = std::make_shared<ThreadQueue>("task");
+  auto platform = std::make_shared<ThreadQueue>("platform");
+  int count = 0;
+  std::promise<void> ended;
+  auto handle = startTask(thread, countOnThread(thread, platform, count));
+  handle.whenFinished([&] { ended.set_value(); });
+  ended.get_future().wait();
+  EXPECT_EQ(count, 200);
+}
+
+TEST_F(TaskTest, CancellationFromAnotherThreadRacesWithWaking) {
+  auto thread = std::make_shared<ThreadQueue>("task");
+  for (int round = 0; round < 200; ++round) {
+    std::promise<void> ended;
+    auto handle = startTask(thread, sleeper(notes, Witness(alive), std::chrono::microseconds(round % 20)));
+    handle.whenFinished([&] { ended.set_value(); });
+    handle.cancel();
+    ended.get_future().wait();
+    EXPECT_TRUE(handle.isFinished());
+  }
+  thread = nullptr;
+  EXPECT_EQ(notes.size(), 200u);
+  EXPECT_EQ(alive, 0);
+}
+
+}  // namespace
+}  // namespace kestrune
