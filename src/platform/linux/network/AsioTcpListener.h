@@ -1,0 +1,31 @@
+#pragma once
+
+#include <sys/socket.h>
+
+#include <memory>
+
+#include "platform/Network.h"
+
+namespace kestrune::linux_platform {
+
+class AsioReactor;
+
+/// A listening socket on a loopback address. Out of descriptors it sheds what it cannot serve and goes on
+/// when there are some again. Internal to this folder.
+class AsioTcpListener final : public TcpListener {
+ public:
+  /// Throws an Error unless the host is a loopback address in numeric form.
+  AsioTcpListener(std::shared_ptr<AsioReactor> reactor, const TcpEndpoint& endpoint);
+  ~AsioTcpListener() override;
+
+  void setStateHandler(StateHandler handler) override;
+  void setNewConnectionHandler(ConnectionHandler handler) override;
+  void start() override;
+  void cancel() override;
+
+ private:
+  class Core;
+  std::shared_ptr<Core> core_;
+};
+
+}  // namespace kestrune::linux_platform

@@ -1,0 +1,324 @@
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include <deque>
+#include <vector>
+
+#include "linux/network/LoopbackPeer.h"
+#include "platform/linux/network/AsioNetwork.h"
+#include "runtime/Error.h"
+
+namespace kestrune::linux_platform {
+namespace {
+
+using namespace std::chrono_literals;
+using State = TcpConnection::State;
+
+Bytes bytes(std::string_view text) {
+  return {text.begin(), text.end()};
+}
+std::string text(ByteView view) {
+  return {view.begin(), view.end()};
+}
+
+/// A network with one listener. `onAccept` gets each connection, started, on the queue.
+class AsioNetworkTest : public testing::Test {
+ protected:
+  using Connection = std::shared_ptr<TcpConnection>;
+
+  void listen(std::function<void(Connection)> onAccept) {
+    FirstOutcome<std::string> outcome;
+    runOn(*queue_, [&] {
+      listener_ = network_.createListener({"127.0.0.1", port_});
+      listener_->setStateHandler([&](TcpListener::State state, const std::string& reason) {
+        outcome.set(state == TcpListener::State::ready ? "ready" : reason);
+      });
+      listener_->setNewConnectionHandler([onAccept](Connection connection) {
+        connection->start();
+        onAccept(std::move(connection));
+      });
+      listener_->start();
+    });
+    ASSERT_EQ(outcome.get(), "ready");
+    runOn(*queue_, [&] { listener_->setStateHandler(nullptr); });
+  }
+
+  void TearDown() override {
+    runOn(*queue_, [&] {
+      if (listener_) listener_->cancel();
+      for (const auto& connection : connections_) connection->cancel();
+      connections_.clear();
+    });
+  }
+
+  /// Connects a peer and hands out the accepted end.
+  std::pair<LoopbackPeer, Connection> connected(int peerReceiveBuffer = 0) {
+    FirstOutcome<Connection> accepted;
+    listen([&](Connection connection) {
+      connections_.push_back(connection);
+      accepted.set(std::move(connection));
+    });
+    LoopbackPeer peer(port_, peerReceiveBuffer);
+    auto connection = accepted.get();
+    runOn(*queue_, [&] { listener_->setNewConnectionHandler(nullptr); });
+    return {std::move(peer), std::move(connection)};
+  }
+
+  const std::uint16_t port_ = LoopbackPeer::freePort();
+  AsioNetwork network_{"test"};
+  const std::shared_ptr<SerialQueue> queue_ = network_.queue();
+  std::unique_ptr<TcpListener> listener_;  // on the queue
+  std::vector<Connection> connections_;    // on the queue
+};
+
+TEST_F(AsioNetworkTest, OnlyLoopbackIsBound) {
+  for (const auto* host : {"0.0.0.0", "::", "10.0.0.1", "localhost", "", "127.0.0.1 "}) {
+    EXPECT_THROW(network_.createListener({host, port_}), Error) << host;
+  }
+}
+
+TEST_F(AsioNetworkTest, PortInUseFailsAndARestartWorks) {
+  {
+    auto [peer, connection] = connected();
+    FirstOutcome<std::string> second;
+    std::unique_ptr<TcpListener> other;
+    runOn(*queue_, [&] {
+      other = network_.createListener({"127.0.0.1", port_});
+      other->setStateHandler([&](TcpListener::State state, const std::string& reason) {
+        EXPECT_EQ(state, TcpListener::State::failed);
+        second.set(reason);
+      });
+      other->start();
+    });
+    EXPECT_EQ(second.get(), "Address already in use");
+    // Our side closes first, which leaves the port with a connection in TIME_WAIT.
+    runOn(*queue_, [&] {
+      connection->cancel();
+      listener_->cancel();
+      other.reset();
+    });
+    EXPECT_EQ(peer.receive(1), "");
+  }
+  listen([](Connection connection) { connection->cancel(); });
+  EXPECT_TRUE(LoopbackPeer(port_).isConnected());
+}
+
+TEST_F(AsioNetworkTest, ReceivesWithinTheBoundsAsked) {
+  auto [peer, connection] = connected();
+  FirstOutcome<std::string> first, second, last;
+  runOn(*queue_, [&] {
+    bool isInCall = true;
+    connection->receive(4, 6, [&](ByteView view, bool isComplete, const auto& failure) {
+      EXPECT_FALSE(isInCall);
+      EXPECT_FALSE(isComplete || failure);
+      first.set(text(view));
+      connection->receive(1, 65'536, [&](ByteView rest, bool, const auto&) { second.set(text(rest)); });
+    });
+    EXPECT_TRUE(peer.send("ab"));
+    isInCall = false;
+  });
+  ASSERT_TRUE(peer.send("cdefgh"));
+  EXPECT_EQ(first.get(), "abcdef");
+  EXPECT_EQ(second.get(), "gh");
+  runOn(*queue_, [&] {
+    connection->receive(10, 100, [&](ByteView view, bool isComplete, const auto& failure) {
+      EXPECT_TRUE(isComplete);
+      EXPECT_FALSE(failure);
+      last.set(text(view));
+    });
+  });
+  ASSERT_TRUE(peer.send("end"));
+  peer.finish();
+  EXPECT_EQ(last.get(), "end");
+}
+
+TEST_F(AsioNetworkTest, SendsBothPiecesWholeToASlowReader) {
+  auto [peer, connection] = connected(4096);
+  std::string head(300'000, 'h');
+  std::string body(5'000'000, 'b');
+  for (std::size_t i = 0; i < body.size(); i += 997) body[i] = static_cast<char>('a' + i % 26);
+  FirstOutcome<bool> sent;
+  std::string after = "not yet";
+  runOn(*queue_, [&] {
+    connection->send({bytes(head), std::make_shared<Bytes>(bytes(body))}, [&](bool succeeded) {
+      connection->send({bytes("tail"), nullptr}, [&, succeeded](bool last) { sent.set(succeeded && last); });
+    });
+  });
+  const std::string received = peer.receive(head.size() + body.size() + 4);
+  EXPECT_TRUE(received == head + body + "tail");
+  EXPECT_TRUE(sent.get());
+}
+
+TEST_F(AsioNetworkTest, LittleWaitsInTheKernelForAPeerThatDoesNotRead) {
+  auto [peer, connection] = connected(4096);
+  // Far more than the watermark and what the peer's window holds, in messages of 64 KiB.
+  int taken = 0;
+  std::function<void()> sendNext = [&] {
+    connection->send({Bytes(65'536), nullptr}, [&](bool succeeded) {
+      if (succeeded && ++taken < 100) sendNext();
+    });
+  };
+  runOn(*queue_, [&] { sendNext(); });
+  FirstOutcome<int> settled;
+  runOn(*queue_, [&] { queue_->postAfter(200ms, [&] { settled.set(taken); }); });
+  EXPECT_LT(settled.get(), 20);
+  runOn(*queue_, [&] { connection->cancel(); });
+}
+
+TEST_F(AsioNetworkTest, AResetFailsEveryoneWhoWaitsOnce) {
+  auto [peer, connection] = connected();
+  FirstOutcome<std::string> received;
+  FirstOutcome<std::string> state;
+  FirstOutcome<bool> lateSend;
+  int stateCalls = 0;
+  runOn(*queue_, [&] {
+    connection->setStateHandler([&](State now, const std::string& reason) {
+      ++stateCalls;
+      EXPECT_EQ(now, State::failed);
+      state.set(reason);
+    });
+    connection->receive(1, 100, [&](ByteView view, bool isComplete, const auto& failure) {
+      EXPECT_TRUE(view.empty());
+      EXPECT_FALSE(isComplete);
+      received.set(failure.value_or("none"));
+    });
+  });
+  peer.reset();
+  EXPECT_EQ(received.get(), "Connection reset by peer");
+  EXPECT_EQ(state.get(), "Connection reset by peer");
+  runOn(*queue_, [&] {
+    connection->send({bytes("x"), nullptr}, [&](bool succeeded) { lateSend.set(succeeded); });
+  });
+  EXPECT_FALSE(lateSend.get());
+  runOn(*queue_, [&] { EXPECT_EQ(stateCalls, 1); });
+}
+
+TEST_F(AsioNetworkTest, CancelDropsHandlersAndWhatTheyHold) {
+  auto [peer, connection] = connected();
+  const auto token = std::make_shared<int>();
+  int calls = 0;
+  runOn(*queue_, [&] {
+    // The handlers own the connection, as those of a server's client do.
+    connection->setStateHandler([&calls, token, connection](State, const std::string&) { ++calls; });
+    connection->receive(1, 100, [&calls, token, connection](ByteView, bool, const auto&) { ++calls; });
+    connection->send({Bytes(20'000'000), nullptr}, [&calls, token, connection](bool) { ++calls; });
+    connections_.clear();
+    std::exchange(connection, nullptr)->cancel();
+  });
+  EXPECT_EQ(token.use_count(), 1);
+  EXPECT_LT(peer.receive(20'000'000).size(), 20'000'000u);
+  runOn(*queue_, [&] { EXPECT_EQ(calls, 0); });
+}
+
+TEST_F(AsioNetworkTest, CancelWithinAHandlerEndsEverything) {
+  auto [peer, connection] = connected();
+  FirstOutcome<bool> cancelled;
+  int calls = 0;
+  runOn(*queue_, [&] {
+    connection->setStateHandler([&](State, const std::string&) { ++calls; });
+    connection->send({Bytes(20'000'000), nullptr}, [&](bool) { ++calls; });
+    connection->receive(1, 100, [&](ByteView, bool, const auto&) {
+      connection->cancel();
+      connection->cancel();
+      connection->receive(1, 1, [&](ByteView, bool, const auto&) { ++calls; });
+      connection->send({bytes("x"), nullptr}, [&](bool) { ++calls; });
+      cancelled.set(true);
+    });
+  });
+  ASSERT_TRUE(peer.send("x"));
+  EXPECT_TRUE(cancelled.get());
+  peer.receive(20'000'000);
+  runOn(*queue_, [&] { EXPECT_EQ(calls, 0); });
+}
+
+TEST_F(AsioNetworkTest, AResponseSurvivesUnreadBytesOfTheRequest) {
+  listen([](Connection connection) {
+    auto* raw = connection.get();
+    raw->receive(1, 10, [connection](ByteView, bool, const auto&) {
+      connection->send({bytes("HTTP/1.1 405"), nullptr}, [connection](bool) { connection->cancel(); });
+    });
+  });
+  for (int round = 0; round < 50; ++round) {
+    LoopbackPeer peer(port_);
+    ASSERT_TRUE(peer.send(std::string(50'000, 'p')));
+    ASSERT_EQ(peer.receive(100), "HTTP/1.1 405") << round;
+  }
+}
+
+TEST_F(AsioNetworkTest, AFloodOfConnectionsLeavesAReceiverItsTurns) {
+  std::size_t accepted = 0;
+  FirstOutcome<bool> all;
+  listen([&](Connection connection) {
+    connections_.push_back(connection);
+    auto* raw = connection.get();
+    raw->receive(1, 64, [this, raw](ByteView view, bool, const auto&) {
+      raw->send({bytes(text(view) + "!"), nullptr}, [](bool) {});
+    });
+    if (++accepted == 501) all.set(true);
+  });
+  LoopbackPeer viewer(port_);
+  std::deque<LoopbackPeer> flood;
+  for (int i = 0; i < 500; ++i) {
+    flood.emplace_back(port_);
+    ASSERT_TRUE(flood.back().isConnected());
+  }
+  ASSERT_TRUE(viewer.send("ping"));
+  EXPECT_EQ(viewer.receive(5), "ping!");
+  EXPECT_TRUE(all.get());
+}
+
+TEST_F(AsioNetworkTest, OutOfDescriptorsItShedsAndRecovers) {
+  listen([&](Connection connection) {
+    connections_.push_back(connection);
+    connection->send({bytes("hello"), nullptr}, [](bool) {});
+  });
+  rlimit before{};
+  getrlimit(RLIMIT_NOFILE, &before);
+  std::vector<LoopbackPeer> served;
+  served.emplace_back(port_);
+  EXPECT_EQ(served.back().receive(5), "hello");
+
+  // The peer's own descriptor is open before the limit falls below what the listener would need.
+  const int client = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const rlimit tight{3, before.rlim_max};
+  setrlimit(RLIMIT_NOFILE, &tight);
+  const sockaddr_in address = LoopbackPeer::loopback(port_);
+  EXPECT_EQ(connect(client, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  char byte = 0;
+  // Shed, or left waiting; never served.
+  pollfd readable{client, POLLIN, 0};
+  poll(&readable, 1, 300);
+  EXPECT_LE(recv(client, &byte, 1, MSG_DONTWAIT), 0);
+  setrlimit(RLIMIT_NOFILE, &before);
+  close(client);
+
+  LoopbackPeer later(port_);
+  EXPECT_EQ(later.receive(5), "hello");
+}
+
+TEST_F(AsioNetworkTest, ConnectionsMayOutliveTheirNetwork) {
+  std::shared_ptr<TcpConnection> connection;
+  FirstOutcome<bool> accepted;
+  auto network = std::make_unique<AsioNetwork>("other");
+  const auto port = LoopbackPeer::freePort();
+  std::unique_ptr<TcpListener> listener;
+  runOn(*network->queue(), [&] {
+    listener = network->createListener({"127.0.0.1", port});
+    listener->setNewConnectionHandler([&](Connection made) {
+      connection = std::move(made);
+      connection->receive(1, 1, [](ByteView, bool, const auto&) {});
+      accepted.set(true);
+    });
+    listener->start();
+  });
+  LoopbackPeer peer(port);
+  accepted.get();
+  network.reset();
+  connection->cancel();
+  connection.reset();
+  listener.reset();
+  EXPECT_EQ(peer.receive(1), "");
+}
+
+}  // namespace
+}  // namespace kestrune::linux_platform

@@ -1,0 +1,117 @@
+#pragma once
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <future>
+#include <stdexcept>
+#include <string>
+#include <utility>
+
+#include "platform/Network.h"
+
+namespace kestrune {
+
+/// The other side of a connection: a plain blocking socket on 127.0.0.1 that gives up after ten seconds.
+class LoopbackPeer {
+ public:
+  explicit LoopbackPeer(std::uint16_t port, int receiveBuffer = 0) {
+    descriptor_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (receiveBuffer > 0)
+      setsockopt(descriptor_, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
+    const timeval limit{10, 0};
+    setsockopt(descriptor_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    const sockaddr_in address = loopback(port);
+    isConnected_ = connect(descriptor_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+  }
+  LoopbackPeer(LoopbackPeer&& other) noexcept
+      : descriptor_(std::exchange(other.descriptor_, -1)), isConnected_(other.isConnected_) {}
+  LoopbackPeer& operator=(LoopbackPeer&&) = delete;
+  ~LoopbackPeer() {
+    if (descriptor_ >= 0) close(descriptor_);
+  }
+
+  bool isConnected() const { return isConnected_; }
+  bool send(const std::string& text) const {
+    return ::send(descriptor_, text.data(), text.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(text.size());
+  }
+  void finish() const { shutdown(descriptor_, SHUT_WR); }
+  void reset() {
+    const linger abort{1, 0};
+    setsockopt(descriptor_, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
+    close(std::exchange(descriptor_, -1));
+  }
+  /// Up to `count` bytes; fewer if the other side ended first.
+  std::string receive(std::size_t count) const {
+    std::string text(count, '\0');
+    std::size_t taken = 0;
+    while (taken < count) {
+      const ssize_t got = recv(descriptor_, text.data() + taken, count - taken, 0);
+      if (got <= 0) break;
+      taken += static_cast<std::size_t>(got);
+    }
+    text.resize(taken);
+    return text;
+  }
+
+  static sockaddr_in loopback(std::uint16_t port) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return address;
+  }
+  static std::uint16_t freePort() {
+    const int descriptor = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address = loopback(0);
+    socklen_t length = sizeof address;
+    if (bind(descriptor, reinterpret_cast<const sockaddr*>(&address), length) != 0 ||
+        getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+      throw std::runtime_error("no free port");
+    }
+    close(descriptor);
+    return ntohs(address.sin_port);
+  }
+
+ private:
+  int descriptor_ = -1;
+  bool isConnected_ = false;
+};
+
+/// Runs `body` on the queue and returns when it has run.
+template <class Body>
+void runOn(SerialQueue& queue, Body body) {
+  std::promise<void> done;
+  queue.post([&] {
+    body();
+    done.set_value();
+  });
+  done.get_future().get();
+}
+
+/// A promise that may be kept more than once; the first time counts.
+template <class Value>
+class FirstOutcome {
+ public:
+  void set(Value value) {
+    if (!std::exchange(isSet_, true)) promise_.set_value(std::move(value));
+  }
+  /// Throws if nothing came within ten seconds.
+  Value get() {
+    auto future = promise_.get_future();
+    if (future.wait_for(std::chrono::seconds(10)) != std::future_status::ready) {
+      throw std::runtime_error("nothing came");
+    }
+    return future.get();
+  }
+
+ private:
+  std::promise<Value> promise_;
+  bool isSet_ = false;  // by the one thread that sets
+};
+
+}  // namespace kestrune
