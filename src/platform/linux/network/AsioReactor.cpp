@@ -15,6 +15,23 @@ namespace {
 thread_local const AsioReactor* currentReactor = nullptr;
 
 constexpr std::size_t kReadBufferBytes = 65'536;
+// Below this many timers the cancelled ones are not worth a search.
+constexpr std::size_t kFewestTimersToPrune = 256;
+
+/// Delayed work that has joined the line.
+class DueWork {
+ public:
+  explicit DueWork(std::shared_ptr<DelayedWork::State> state) : state_(std::move(state)) {}
+  DueWork(DueWork&&) = default;
+  DueWork& operator=(DueWork&&) = default;
+  ~DueWork() {
+    if (state_) state_->drop();
+  }
+  void operator()() { state_->run(); }
+
+ private:
+  std::shared_ptr<DelayedWork::State> state_;
+};
 
 }  // namespace
 
@@ -41,7 +58,7 @@ void AsioReactor::run() {
     timers.swap(timers_);
   }
   ready.clear();
-  timers.clear();
+  for (const auto& timer : timers) timer.second->drop();
   currentReactor = outer;
 }
 
@@ -60,34 +77,34 @@ void AsioReactor::post(Work work) {
 }
 
 DelayedWork AsioReactor::postAfter(Duration delay, Work work) {
-  auto state = std::make_shared<DelayedWork::State>();
-  std::vector<Work> dropped;  // destroyed after the lock is released
-  std::lock_guard locked(lock_);
-  if (phase_ == Phase::ended) return DelayedWork(std::move(state));
-  if (timers_.size() >= pruneAt_) dropped = pruneLocked();
-  const Duration due = systemClock()->continuousNow() + std::max(delay, Duration::zero());
-  const auto added = timers_.emplace(std::pair(due, nextTimer_++), Timer{std::move(work), state}).first;
+  auto state = std::make_shared<DelayedWork::State>(std::move(work));
+  DelayedWork handle(state);
+  if (delay <= Duration::zero()) {
+    post(DueWork(std::move(state)));
+    return handle;
+  }
+  std::unique_lock locked(lock_);
+  if (phase_ == Phase::ended) {
+    locked.unlock();
+    state->drop();
+    return handle;
+  }
+  pruneLocked();
+  const Duration due = systemClock()->continuousNow() + delay;
+  const auto added = timers_.emplace(std::pair(due, nextTimer_++), std::move(state)).first;
   if (added == timers_.begin()) armLocked();
-  return DelayedWork(std::move(state));
+  return handle;
 }
 
 bool AsioReactor::isCurrent() const {
   return currentReactor == this;
 }
 
-/// Time-outs are mostly cancelled long before they are due; their captures must not pile up until then.
-std::vector<SerialQueue::Work> AsioReactor::pruneLocked() {
-  std::vector<Work> dropped;
-  for (auto timer = timers_.begin(); timer != timers_.end();) {
-    if (DelayedWork(timer->second.state).isPending()) {
-      ++timer;
-    } else {
-      dropped.push_back(std::move(timer->second.work));
-      timer = timers_.erase(timer);
-    }
-  }
-  pruneAt_ = std::max<std::size_t>(64, timers_.size() * 2);
-  return dropped;
+// Cancelled timers go when their time has come; where they are many, they go before the map grows further.
+void AsioReactor::pruneLocked() {
+  if (timers_.size() < std::max(pruneAt_, kFewestTimersToPrune)) return;
+  std::erase_if(timers_, [](const auto& timer) { return !timer.second->isWaiting(); });
+  pruneAt_ = timers_.size() * 2;
 }
 
 void AsioReactor::wakeLocked() {
@@ -134,13 +151,11 @@ void AsioReactor::watchTimer() {
 void AsioReactor::onTimer() {
   std::uint64_t expirations = 0;
   [[maybe_unused]] const auto taken = ::read(timer_.native_handle(), &expirations, sizeof expirations);
-  std::vector<Work> dropped;
   std::lock_guard locked(lock_);
   const Duration now = systemClock()->continuousNow();
   while (!timers_.empty() && timers_.begin()->first.first <= now) {
-    auto node = timers_.extract(timers_.begin());
-    auto& waiting = node.mapped().state->claim(2) ? ready_.emplace_back() : dropped.emplace_back();
-    waiting = std::move(node.mapped().work);
+    ready_.emplace_back(DueWork(std::move(timers_.begin()->second)));
+    timers_.erase(timers_.begin());
   }
   if (!ready_.empty()) wakeLocked();
   armLocked();

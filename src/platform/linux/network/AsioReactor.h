@@ -9,7 +9,6 @@
 #include <mutex>
 #include <string>
 #include <utility>
-#include <vector>
 
 #include "platform/Bytes.h"
 #include "runtime/SerialQueue.h"
@@ -42,18 +41,15 @@ class AsioReactor final : public SerialQueue, public std::enable_shared_from_thi
   std::size_t openConnections = 0;
 
  private:
-  struct Timer {
-    Work work;
-    std::shared_ptr<DelayedWork::State> state;
-  };
-  using Timers = std::map<std::pair<Duration, std::uint64_t>, Timer>;  // by due time, then by scheduling
+  // By due time, then by order of scheduling.
+  using Timers = std::map<std::pair<Duration, std::uint64_t>, std::shared_ptr<DelayedWork::State>>;
 
   void runReady();
   void watchTimer();
   void onTimer();
   void wakeLocked();
   void armLocked();
-  std::vector<Work> pruneLocked();
+  void pruneLocked();
 
   const std::string name_;
   Bytes readBuffer_;  // on the queue
@@ -62,7 +58,7 @@ class AsioReactor final : public SerialQueue, public std::enable_shared_from_thi
   std::deque<Work> ready_;
   Timers timers_;
   std::uint64_t nextTimer_ = 0;
-  std::size_t pruneAt_ = 64;
+  std::size_t pruneAt_ = 0;
   bool isWoken_ = false;
   enum class Phase { open, stopping, ended } phase_ = Phase::open;
 
