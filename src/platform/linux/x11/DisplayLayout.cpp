@@ -1,0 +1,118 @@
+#include "platform/linux/x11/DisplayLayout.h"
+
+#include <xcb/randr.h>
+
+#include <algorithm>
+
+namespace kestrune::linux_platform {
+
+namespace {
+
+struct Found {
+  X11Display display;
+  bool isPrimary = false;
+};
+
+/// 0 without RandR, else major * 100 + minor.
+int randrVersion(const X11Connection& connection) {
+  if (!connection.extension(xcb_randr_id)) return 0;
+  const auto reply =
+      waitForReply(connection, xcb_randr_query_version_reply, xcb_randr_query_version(connection, 1, 5));
+  return reply ? static_cast<int>(reply->major_version * 100 + reply->minor_version) : 0;
+}
+
+std::vector<Found> readMonitors(const X11Connection& connection) {
+  std::vector<Found> found;
+  const auto reply = waitForReply(connection, xcb_randr_get_monitors_reply,
+                                  xcb_randr_get_monitors(connection, connection.root(), 1));
+  if (!reply) return found;
+  for (auto monitors = xcb_randr_get_monitors_monitors_iterator(reply.get()); monitors.rem > 0;
+       xcb_randr_monitor_info_next(&monitors)) {
+    const xcb_randr_monitor_info_t& monitor = *monitors.data;
+    if (monitor.width == 0 || monitor.height == 0) continue;
+    // A monitor that some client made up has no output; its name is then what stays the same.
+    const DisplayID id = xcb_randr_monitor_info_outputs_length(&monitor) > 0
+                             ? *xcb_randr_monitor_info_outputs(&monitor)
+                             : monitor.name;
+    found.push_back({{id, {monitor.x, monitor.y, monitor.width, monitor.height}}, monitor.primary != 0});
+  }
+  return found;
+}
+
+std::vector<Found> readOutputs(const X11Connection& connection) {
+  std::vector<Found> found;
+  const auto resources = waitForReply(connection, xcb_randr_get_screen_resources_reply,
+                                      xcb_randr_get_screen_resources(connection, connection.root()));
+  if (!resources) return found;
+  const auto primary = waitForReply(connection, xcb_randr_get_output_primary_reply,
+                                    xcb_randr_get_output_primary(connection, connection.root()));
+  const xcb_randr_crtc_t* crtcs = xcb_randr_get_screen_resources_crtcs(resources.get());
+  const int count = xcb_randr_get_screen_resources_crtcs_length(resources.get());
+  for (int i = 0; i < count; ++i) {
+    const auto crtc =
+        waitForReply(connection, xcb_randr_get_crtc_info_reply,
+                     xcb_randr_get_crtc_info(connection, crtcs[i], resources->config_timestamp));
+    if (!crtc || crtc->width == 0 || crtc->height == 0) continue;
+    const int outputCount = xcb_randr_get_crtc_info_outputs_length(crtc.get());
+    if (outputCount == 0) continue;
+    const xcb_randr_output_t* outputs = xcb_randr_get_crtc_info_outputs(crtc.get());
+    const bool isPrimary =
+        primary && std::find(outputs, outputs + outputCount, primary->output) != outputs + outputCount;
+    found.push_back({{outputs[0], {crtc->x, crtc->y, crtc->width, crtc->height}}, isPrimary});
+  }
+  return found;
+}
+
+std::vector<Found> readRoot(const X11Connection& connection) {
+  const auto reply =
+      waitForReply(connection, xcb_get_geometry_reply, xcb_get_geometry(connection, connection.root()));
+  if (!reply) return {};
+  return {{{connection.root(), {0, 0, reply->width, reply->height}}, true}};
+}
+
+}  // namespace
+
+const X11Display* DisplayLayout::find(DisplayID id) const {
+  const auto found =
+      std::find_if(displays.begin(), displays.end(), [id](const X11Display& each) { return each.id == id; });
+  return found == displays.end() ? nullptr : &*found;
+}
+
+Point DisplayLayout::globalOrigin() const {
+  if (displays.empty()) return {};
+  return {static_cast<double>(displays.front().area.x), static_cast<double>(displays.front().area.y)};
+}
+
+Rect DisplayLayout::bounds(const X11Display& display) const {
+  const Point origin = globalOrigin();
+  return {display.area.x - origin.x, display.area.y - origin.y, static_cast<double>(display.area.width),
+          static_cast<double>(display.area.height)};
+}
+
+DisplayLayout readDisplayLayout(const X11Connection& connection) {
+  const int version = randrVersion(connection);
+  std::vector<Found> found;
+  if (version >= 105) found = readMonitors(connection);
+  if (found.empty() && version >= 102) found = readOutputs(connection);
+  if (found.empty() && version < 102) found = readRoot(connection);
+
+  auto mainDisplay =
+      std::find_if(found.begin(), found.end(), [](const Found& each) { return each.isPrimary; });
+  if (mainDisplay == found.end()) {
+    mainDisplay = std::find_if(found.begin(), found.end(), [](const Found& each) {
+      return each.display.area.x == 0 && each.display.area.y == 0;
+    });
+  }
+  if (mainDisplay != found.end()) std::rotate(found.begin(), mainDisplay, mainDisplay + 1);
+
+  DisplayLayout layout;
+  for (const Found& each : found) {
+    const bool isMirror =
+        std::any_of(layout.displays.begin(), layout.displays.end(),
+                    [&each](const X11Display& other) { return other.area == each.display.area; });
+    if (!isMirror) layout.displays.push_back(each.display);
+  }
+  return layout;
+}
+
+}  // namespace kestrune::linux_platform
