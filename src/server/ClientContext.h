@@ -38,7 +38,8 @@ struct ClientContext {
   DelayedWork audioPollWorkItem;
   /// The close frame that follows the send in flight.
   std::optional<GatheredBytes> closeFrame;
-  DelayedWork lastSendDeadline;
+  /// When a closed client that does not take its last message is ended.
+  std::optional<Duration> closingDeadline;
   bool controlMode = false;  // false: video mode
   bool videoPlaybackPaused = false;
   std::optional<Duration> lastRemoteTapAt;

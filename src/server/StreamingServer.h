@@ -130,22 +130,32 @@ class StreamingServer : public std::enable_shared_from_this<StreamingServer> {
   void finishStart(std::exception_ptr failure);
   void stopNow();
   StreamingServerSnapshot currentSnapshot() const;
-  ClientContext* activeViewer() const;
+  /// Null without one.
+  Client activeViewer() const;
 
   // Connections (StreamingServerConnections.cpp)
   void acceptConnection(std::shared_ptr<TcpConnection> connection);
   void receiveNext(const Client& client);
   void handleReceived(const Client& client, ByteView bytes);
   void endClient(const Client& client);
+  /// Cuts the connection and everything that waits on it.
+  static void disconnect(ClientContext& client);
   void viewerEnded(ClientContext& client);
   static ViewerEnding endingOf(const ClientContext& client);
-  /// Sends a client's last message and then ends it; it is ended anyway once `patience` is over.
-  void sendLast(const Client& client, GatheredBytes message, bool countsAsSent, Duration patience);
+  /// Nothing more is read from the client or queued for it.
+  static void markClosed(ClientContext& client);
+  /// Sends the last message of a closed client and then ends it.
+  void sendLast(const Client& client, GatheredBytes message, bool countsAsSent);
+  /// Ends a closed client that has not taken its last message when `patience` is over, or a little later.
+  void limitClosing(ClientContext& client, Duration patience);
+  void armClosingSweep();
+  void sweepClosing();
 
   // HTTP (StreamingServerRoutes.cpp)
   void processHTTPBuffer(const Client& client);
   void send(HTTPResponse response, const Client& client);
   void route(const HTTPRequest& request, const Client& client);
+  void sendAsset(const std::string& path, const Client& client);
   void beginAudioPoll(const Client& client, std::uint64_t after, Duration deadline, Duration batchDeadline);
 
   // Authentication (StreamingServerAuthentication.cpp)
@@ -153,13 +163,14 @@ class StreamingServer : public std::enable_shared_from_this<StreamingServer> {
   void handleAuthMessage(const ViewerAuthentication& message, const Client& client);
   /// Whether `candidate` is the token; nothing, and a log line, if the token cannot be had.
   std::optional<bool> isToken(const std::optional<std::string>& candidate);
+  /// Counts a wrong token; false while they are being refused unheard.
+  bool recordRefusal();
   void admitViewer(const Client& client);
 
   // WebSocket (StreamingServerWebSocket.cpp)
   void upgradeWebSocket(const HTTPRequest& request, const Client& client);
   void processWebSocketBuffer(const Client& client);
-  /// Whether the loop may go on with the next frame.
-  bool handleFrame(const Client& client, WebSocketFrame& frame);
+  void handleFrame(const Client& client, const WebSocketFrame& frame);
   void closeClient(const Client& client, WebSocketClose reason);
 
   // Outbound (StreamingServerOutbound.cpp)
@@ -176,6 +187,9 @@ class StreamingServer : public std::enable_shared_from_this<StreamingServer> {
   void sendHostDiagnostics(const Client& client);
 
   // Control (StreamingServerControl.cpp)
+  struct ControlDispatch;
+  /// Any thread.
+  void answerIssueReport(ClientID id, ViewerIssueReportResult result);
   void handleTextFrame(ByteView payload, const Client& client);
 
   const std::shared_ptr<Network> network_;
@@ -201,6 +215,7 @@ class StreamingServer : public std::enable_shared_from_this<StreamingServer> {
   ClientID nextClientID_ = 1;
   std::optional<ClientID> viewerID_;  // the one authenticated viewer
   std::optional<Duration> startedAt_;
+  DelayedWork closingSweep_;  // one for all closed clients: a timer each would outlive most of them
   AuthenticationRateLimiter rateLimiter_;
   std::optional<ViewerTelemetry> lastTelemetry_;
   std::optional<HostDiagnostics> lastHostDiagnostics_;

@@ -1,0 +1,159 @@
+#include "server/StreamingServer.h"
+
+#include <utility>
+
+#include "coordination/model/KestruneError.h"
+#include "server/ServerLog.h"
+#include "server/StreamingServerTurns.h"
+
+namespace kestrune {
+namespace {
+
+constexpr const char* kHost = "127.0.0.1";
+
+}  // namespace
+
+StreamingServer::StreamingServer(std::shared_ptr<Network> network, std::shared_ptr<const Bundle> bundle,
+                                 std::shared_ptr<ViewerTokenSource> tokenSource,
+                                 std::shared_ptr<AudioChunkStore> audioStore,
+                                 std::shared_ptr<VideoPacketStore> videoStore,
+                                 std::shared_ptr<const Clock> clock, std::uint16_t port)
+    : network_(std::move(network)),
+      queue_(network_->queue()),
+      bundle_(std::move(bundle)),
+      tokenSource_(std::move(tokenSource)),
+      audioStore_(std::move(audioStore)),
+      videoStore_(std::move(videoStore)),
+      clock_(std::move(clock)),
+      port_(port),
+      localURL_(std::string("http://") + kHost + ":" + std::to_string(port)) {}
+
+StreamingServer::~StreamingServer() {
+  if (!listener_ && clients_.empty()) return;
+  // The last owner may let go on any thread; sockets are cancelled on their queue.
+  queue_->post([listener = std::move(listener_), clients = std::move(clients_)] {
+    if (listener) listener->cancel();
+    for (const auto& [id, client] : clients) client->connection->cancel();
+  });
+}
+
+void StreamingServer::start(StartCompletion completion) {
+  postToSelf([completion = std::move(completion)](StreamingServer& server) mutable {
+    server.startListening(std::move(completion));
+  });
+}
+
+void StreamingServer::stop(StopCompletion completion) {
+  postToSelf([completion = std::move(completion)](StreamingServer& server) {
+    server.stopNow();
+    if (completion) completion();
+  });
+}
+
+void StreamingServer::snapshot(SnapshotCompletion completion) {
+  postToSelf([completion = std::move(completion)](StreamingServer& server) {
+    completion(server.currentSnapshot());
+  });
+}
+
+void StreamingServer::startListening(StartCompletion completion) {
+  if (listener_) {
+    completion(std::make_exception_ptr(KestruneError(KestruneError::Case::alreadyRunning)));
+    return;
+  }
+  try {
+    tokenSource_->token();
+    listener_ = network_->createListener({kHost, port_});
+  } catch (...) {
+    completion(std::current_exception());
+    return;
+  }
+  startCompletion_ = std::move(completion);
+  listener_->setStateHandler([weak = weak_from_this()](TcpListener::State state, const std::string& reason) {
+    if (const auto server = weak.lock()) server->handleListenerState(state, reason);
+  });
+  listener_->setNewConnectionHandler([weak = weak_from_this()](std::shared_ptr<TcpConnection> connection) {
+    if (const auto server = weak.lock()) server->acceptConnection(std::move(connection));
+  });
+  listener_->start();
+}
+
+void StreamingServer::handleListenerState(TcpListener::State state, const std::string& reason) {
+  switch (state) {
+    case TcpListener::State::setup:
+    case TcpListener::State::waiting:
+      return;
+    case TcpListener::State::ready:
+      startedAt_ = clock_->continuousNow();
+      kServerLog.notice("Local viewer server ready on " + std::string(kHost) + ":" + std::to_string(port_));
+      finishStart(nullptr);
+      return;
+    case TcpListener::State::failed: {
+      const auto failure = std::make_exception_ptr(KestruneError::operationFailed(reason));
+      kServerLog.error("Local viewer server failed: " + reason);
+      auto completion = std::exchange(startCompletion_, nullptr);
+      stopNow();
+      if (completion) completion(failure);
+      return;
+    }
+    case TcpListener::State::cancelled:
+      finishStart(std::make_exception_ptr(KestruneError(KestruneError::Case::serverNotReady)));
+      return;
+  }
+}
+
+void StreamingServer::finishStart(std::exception_ptr failure) {
+  if (const auto completion = std::exchange(startCompletion_, nullptr)) completion(std::move(failure));
+}
+
+void StreamingServer::stopNow() {
+  if (listener_) {
+    listener_->setStateHandler({});
+    listener_->setNewConnectionHandler({});
+    listener_->cancel();
+    listener_.reset();
+  }
+  startCompletion_ = nullptr;
+
+  const auto viewer = activeViewer();
+  const auto ending = viewer ? std::optional(endingOf(*viewer)) : std::nullopt;
+  for (const auto& [id, client] : std::exchange(clients_, {})) disconnect(*client);
+  viewerID_.reset();
+  startedAt_.reset();
+  lastTelemetry_.reset();
+  lastHostDiagnostics_.reset();
+  droppedOutboundFrames_ = 0;
+  bytesSent_ = 0;
+  audioStore_->clear();
+  videoStore_->clear();
+
+  if (ending && onViewerConnectionChanged) onViewerConnectionChanged(false, ending->wasPlaying);
+  if (ending && ending->endControl && onRemoteControlEnded) onRemoteControlEnded();
+  kServerLog.notice("Local viewer server stopped");
+}
+
+StreamingServerSnapshot StreamingServer::currentSnapshot() const {
+  StreamingServerSnapshot snapshot;
+  snapshot.viewerConnected = viewerID_.has_value();
+  snapshot.audioSequence = audioStore_->latestSequence();
+  snapshot.storedAudioChunks = static_cast<std::int64_t>(audioStore_->count());
+  snapshot.storedVideoPackets = static_cast<std::int64_t>(videoStore_->count());
+  if (const auto viewer = activeViewer()) {
+    snapshot.outboundVideoFrames = static_cast<std::int64_t>(viewer->pendingSends.droppableCount());
+  }
+  snapshot.droppedOutboundFrames = droppedOutboundFrames_;
+  snapshot.bytesSent = bytesSent_;
+  if (startedAt_) {
+    snapshot.uptimeSeconds =
+        std::chrono::duration_cast<std::chrono::seconds>(clock_->continuousNow() - *startedAt_).count();
+  }
+  snapshot.viewer = lastTelemetry_;
+  return snapshot;
+}
+
+StreamingServer::Client StreamingServer::activeViewer() const {
+  const auto found = viewerID_ ? clients_.find(*viewerID_) : clients_.end();
+  return found == clients_.end() ? nullptr : found->second;
+}
+
+}  // namespace kestrune

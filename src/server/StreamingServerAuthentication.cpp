@@ -1,0 +1,77 @@
+#include "platform/support/ConstantTime.h"
+#include "runtime/Error.h"
+#include "server/ServerLog.h"
+#include "server/StreamingServer.h"
+#include "server/ViewerMessages.h"
+
+namespace kestrune {
+
+bool StreamingServer::authorizeRequest(const HTTPRequest& request, const Client& client) {
+  if (const auto presented = request.bearerToken()) {
+    const auto matches = isToken(*presented);
+    if (!matches) {
+      send(failureResponse(HTTPFailure::serverUnavailable), client);
+      return false;
+    }
+    if (*matches) return true;
+  }
+  send(failureResponse(recordRefusal() ? HTTPFailure::unauthorized : HTTPFailure::rateLimited), client);
+  return false;
+}
+
+void StreamingServer::handleAuthMessage(const ViewerAuthentication& message, const Client& client) {
+  if (!message.isAuthentication) {
+    closeClient(client, websocket_close::kAuthenticateFirst);
+    return;
+  }
+  const auto matches = isToken(message.token);
+  if (!matches) {
+    closeClient(client, websocket_close::kServerUnavailable);
+    return;
+  }
+  if (!*matches) {
+    closeClient(client, recordRefusal() ? websocket_close::kUnauthorized : websocket_close::kTryAgainLater);
+    return;
+  }
+  if (const auto viewer = activeViewer()) {
+    if (message.takeover == false) {
+      closeClient(client, websocket_close::kViewerActive);
+      return;
+    }
+    closeClient(viewer, websocket_close::kReplaced);
+    kServerLog.notice("Existing viewer replaced by a newer authenticated viewer");
+  }
+  admitViewer(client);
+}
+
+std::optional<bool> StreamingServer::isToken(const std::optional<std::string>& candidate) {
+  try {
+    const auto token = tokenSource_->token();
+    return candidate && constantTimeEquals(*candidate, token);
+  } catch (...) {
+    kServerLog.error("Viewer token lookup failed: " + localizedDescription(std::current_exception()));
+    return std::nullopt;
+  }
+}
+
+bool StreamingServer::recordRefusal() {
+  const auto now = clock_->continuousNow();
+  if (!rateLimiter_.isAllowed(now)) return false;
+  rateLimiter_.recordFailure(now);
+  return true;
+}
+
+void StreamingServer::admitViewer(const Client& client) {
+  viewerID_ = client->id;
+  client->state = ClientContext::State::webSocketAuthenticated;
+  enqueueText(authenticatedMessage(audioStore_->latestSequence()), client);
+  sendStreamSettings(client, false);
+  sendCursorState(client);
+  sendStreamState(client);
+  sendHostDiagnostics(client);
+  if (onViewerConnectionChanged) onViewerConnectionChanged(true, false);
+  if (onKeyframeRequested) onKeyframeRequested();
+  kServerLog.notice("Authenticated viewer connected");
+}
+
+}  // namespace kestrune

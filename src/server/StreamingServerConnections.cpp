@@ -1,0 +1,132 @@
+#include <chrono>
+#include <utility>
+#include <vector>
+
+#include "server/ServerLog.h"
+#include "server/StreamingServerTurns.h"
+
+namespace kestrune {
+namespace {
+
+constexpr std::size_t kMaximumRead = 65'536;
+constexpr Duration kSweepPeriod = std::chrono::seconds(5);
+
+}  // namespace
+
+void StreamingServer::acceptConnection(std::shared_ptr<TcpConnection> connection) {
+  const auto client = std::make_shared<ClientContext>(nextClientID_++, std::move(connection));
+  clients_.emplace(client->id, client);
+  client->connection->setStateHandler(whileAlive(
+      client,
+      [](StreamingServer& server, const Client& self, TcpConnection::State state, const std::string& reason) {
+        if (state == TcpConnection::State::ready) return;
+        if (state == TcpConnection::State::failed) kServerLog.debug("Viewer connection ended: " + reason);
+        server.endClient(self);
+      }));
+  client->connection->start();
+  receiveNext(client);
+}
+
+void StreamingServer::receiveNext(const Client& client) {
+  if (client->closed) return;
+  client->connection->receive(
+      1, kMaximumRead,
+      whileAlive(client, [](StreamingServer& server, const Client& self, ByteView bytes, bool isComplete,
+                            const std::optional<std::string>& failure) {
+        if (!self->closed && !bytes.empty()) server.handleReceived(self, bytes);
+        // A peer that has only ended its own side still gets the answer that is on its way.
+        const bool isAnswering = self->closed && !failure;
+        if (failure || (isComplete && !isAnswering)) {
+          server.endClient(self);
+        } else {
+          server.receiveNext(self);
+        }
+      }));
+}
+
+void StreamingServer::handleReceived(const Client& client, ByteView bytes) {
+  switch (client->state) {
+    case ClientContext::State::http:
+      client->receiveBuffer.append(bytes);
+      processHTTPBuffer(client);
+      return;
+    case ClientContext::State::webSocketAwaitingAuth:
+    case ClientContext::State::webSocketAuthenticated:
+      client->receiveBuffer.append(bytes);
+      processWebSocketBuffer(client);
+      return;
+    case ClientContext::State::audioPoll:
+      return;  // a poll has said all it has to say; nothing of it is kept
+  }
+}
+
+void StreamingServer::endClient(const Client& client) {
+  if (clients_.erase(client->id) == 0) return;
+  disconnect(*client);
+  viewerEnded(*client);
+}
+
+void StreamingServer::markClosed(ClientContext& client) {
+  client.closed = true;
+  client.audioPollWorkItem.cancel();
+  client.receiveBuffer.release();
+  client.pendingSends.clear();
+}
+
+void StreamingServer::disconnect(ClientContext& client) {
+  markClosed(client);
+  client.connection->setStateHandler({});
+  client.connection->cancel();
+}
+
+void StreamingServer::viewerEnded(ClientContext& client) {
+  if (viewerID_ != client.id) return;
+  const auto ending = endingOf(client);
+  if (ending.endControl && onRemoteControlEnded) onRemoteControlEnded();
+  viewerID_.reset();
+  lastTelemetry_.reset();
+  if (onViewerConnectionChanged) onViewerConnectionChanged(false, ending.wasPlaying);
+  kServerLog.notice("Viewer disconnected");
+}
+
+StreamingServer::ViewerEnding StreamingServer::endingOf(const ClientContext& client) {
+  return {!client.controlMode && !client.videoPlaybackPaused, client.controlMode};
+}
+
+void StreamingServer::sendLast(const Client& client, GatheredBytes message, bool countsAsSent) {
+  const auto counted = countsAsSent ? message.size() : 0;
+  client->connection->send(std::move(message),
+                           whileAlive(client, [counted](StreamingServer& server, const Client& self, bool) {
+                             server.bytesSent_ += counted;
+                             server.endClient(self);
+                           }));
+}
+
+void StreamingServer::limitClosing(ClientContext& client, Duration patience) {
+  client.closingDeadline = clock_->continuousNow() + patience;
+  if (!closingSweep_.isPending()) armClosingSweep();
+}
+
+void StreamingServer::armClosingSweep() {
+  closingSweep_ = queue_->postAfter(kSweepPeriod, [weak = weak_from_this()] {
+    if (const auto server = weak.lock()) server->sweepClosing();
+  });
+}
+
+void StreamingServer::sweepClosing() {
+  const auto now = clock_->continuousNow();
+  std::vector<Client> overdue;
+  bool someWait = false;
+  for (const auto& [id, client] : clients_) {
+    if (!client->closingDeadline) continue;
+    if (*client->closingDeadline <= now) {
+      overdue.push_back(client);
+    } else {
+      someWait = true;
+    }
+  }
+  for (const auto& client : overdue) endClient(client);
+  if (someWait) armClosingSweep();
+}
+
+}  // namespace kestrune
