@@ -3,7 +3,7 @@
 //
 // usage: node bench/endtoend/throughput.mjs BUILD_FOLDER [SECONDS [SCENE...]]
 
-import { Host, Scene, XServer, connectViewer, processUse, sleep, spawnQuiet } from './lab.mjs';
+import { Host, Scene, XServer, connectViewer, processUse, sleep, spawnQuiet } from '../../tests/browser/lab.mjs';
 
 const [build, secondsText = '8', ...onlyScenes] = process.argv.slice(2);
 if (!build) {

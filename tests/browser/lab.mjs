@@ -1,4 +1,4 @@
-// What the end-to-end measurements share: a private display, a scene on it, the host, and a viewer that counts.
+// What the end-to-end tests and measurements share: a private display, clients on it, the host, and viewers.
 
 import { spawn } from 'node:child_process';
 import { mkdtempSync, readFileSync, rmSync, writeFileSync, mkdirSync } from 'node:fs';
@@ -7,8 +7,8 @@ import { tmpdir } from 'node:os';
 import path from 'node:path';
 import readline from 'node:readline';
 
-// The browser tests bring the WebSocket client and the browser driver.
-export const require = createRequire(new URL('../../tests/browser/package.json', import.meta.url));
+// The packages stand beside this file.
+export const require = createRequire(import.meta.url);
 
 export const sleep = (seconds) => new Promise((resolve) => { setTimeout(resolve, seconds * 1000); });
 
