@@ -123,3 +123,27 @@ export function processUse(pid) {
     residentMiB: Number(resident[1]) / 1024,
   };
 }
+
+/** Headless Chromium as the machine has it; no service of its maker is asked for anything. */
+export function launchBrowser() {
+  const { chromium } = require('playwright-core');
+  return chromium.launch({
+    executablePath: '/usr/bin/chromium',
+    args: ['--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run', '--disable-background-networking',
+      '--disable-component-update', '--disable-sync', '--autoplay-policy=no-user-gesture-required'],
+  });
+}
+
+/** A page with the viewer, once it shows pictures. */
+export async function openViewer(browser, url, size = { width: 1200, height: 800 }) {
+  const page = await browser.newPage({ viewport: size });
+  await page.goto(url);
+  await waitForPictures(page);
+  return page;
+}
+
+/** Resolves when the page has shown a picture that it had not before. */
+export async function waitForPictures(page, timeout = 20000) {
+  const before = await page.evaluate(() => window.kestruneViewer?.stats.framesShown ?? 0);
+  await page.waitForFunction((old) => window.kestruneViewer?.stats.framesShown > old, before, { timeout });
+}
