@@ -59,24 +59,66 @@ export class Scene {
   stop() { this.child.kill('SIGTERM'); }
 }
 
-export class Host {
-  static async start(build, display, preferences, port = 18080) {
-    const home = mkdtempSync(path.join(tmpdir(), 'kestrune-bench-'));
-    mkdirSync(path.join(home, 'config/kestrune'), { recursive: true });
-    writeFileSync(path.join(home, 'config/kestrune/preferences.json'), JSON.stringify(preferences));
-    const child = spawnQuiet(path.join(build, 'bin/kestrune-headless'), [], {
-      DISPLAY: display, HOME: home, KESTRUNE_PORT: String(port), XDG_CONFIG_HOME: path.join(home, 'config'),
-      XDG_DATA_HOME: path.join(home, 'data'), XDG_RUNTIME_DIR: home, DBUS_SESSION_BUS_ADDRESS: '',
+/** The pattern client of the end-to-end tests; its lines are read in order, each once. */
+export class Client {
+  static async start(build, display) {
+    const client = Object.assign(new Client(), { lines: [], wake: () => {} });
+    client.child = spawnQuiet(path.join(build, 'tests/pattern_client'), [], { DISPLAY: display }, ['pipe', 'pipe', 'inherit']);
+    readline.createInterface({ input: client.child.stdout }).on('line', (line) => {
+      client.lines.push(line);
+      client.wake();
     });
-    child.stderr.resume();
-    const url = await waitForLine(child.stdout, (line) => /^Local viewer: (\S+)/.exec(line)?.[1]);
-    return Object.assign(new Host(), { child, home, url, pid: child.pid });
+    await client.line(/^ready$/);
+    return client;
   }
-  async stop() {
-    const ended = new Promise((resolve) => { this.child.on('exit', resolve); });
-    this.child.kill('SIGTERM');
-    await ended;
-    rmSync(this.home, { recursive: true, force: true });
+  write(text) { this.child.stdin.write(`${text}\n`); }
+  /** The next line that matches; lines before it are forgotten. */
+  async line(pattern, seconds = 10) {
+    const end = Date.now() + seconds * 1000;
+    const seen = [];
+    for (;;) {
+      while (this.lines.length > 0) {
+        const line = this.lines.shift();
+        if (pattern.test(line)) return line;
+        seen.push(line);
+      }
+      const left = end - Date.now();
+      if (left <= 0) throw new Error(`no line matches ${pattern}; seen: ${seen.slice(-20).join(' | ')}`);
+      await new Promise((resolve) => { this.wake = resolve; setTimeout(resolve, left); });
+    }
+  }
+  stop() { this.child.kill('SIGTERM'); }
+}
+
+let nextPort = 18080 + (process.pid % 1000) * 4;
+
+export class Host {
+  /** With a `home` of an earlier host, its settings and token go on. */
+  static async start(build, display, preferences, { home = null, port = null } = {}) {
+    const folder = home ?? mkdtempSync(path.join(tmpdir(), 'kestrune-host-'));
+    if (preferences) {
+      mkdirSync(path.join(folder, 'config/kestrune'), { recursive: true, mode: 0o700 });
+      writeFileSync(path.join(folder, 'config/kestrune/preferences.json'), JSON.stringify(preferences));
+    }
+    const usedPort = port ?? (home ? Host.lastPort : nextPort++);
+    Host.lastPort = usedPort;
+    const child = spawnQuiet(path.join(build, 'bin/kestrune-headless'), [], {
+      DISPLAY: display, HOME: folder, KESTRUNE_PORT: String(usedPort), XDG_CONFIG_HOME: path.join(folder, 'config'),
+      XDG_DATA_HOME: path.join(folder, 'data'), XDG_RUNTIME_DIR: folder, DBUS_SESSION_BUS_ADDRESS: '',
+    });
+    let log = '';
+    child.stderr.on('data', (data) => { log = (log + data).slice(-20000); });
+    const url = await waitForLine(child.stdout, (line) => /^Local viewer: (\S+)/.exec(line)?.[1])
+      .catch((error) => { throw new Error(`${error.message}\n${log}`); });
+    return Object.assign(new Host(), { child, home: folder, url, pid: child.pid, log: () => log });
+  }
+  async stop({ keepHome = false } = {}) {
+    if (this.child.exitCode === null && this.child.signalCode === null) {
+      const ended = new Promise((resolve) => { this.child.on('exit', resolve); });
+      this.child.kill('SIGTERM');
+      await ended;
+    }
+    if (!keepHome) rmSync(this.home, { recursive: true, force: true });
   }
 }
 
@@ -146,4 +188,40 @@ export async function openViewer(browser, url, size = { width: 1200, height: 800
 export async function waitForPictures(page, timeout = 20000) {
   const before = await page.evaluate(() => window.kestruneViewer?.stats.framesShown ?? 0);
   await page.waitForFunction((old) => window.kestruneViewer?.stats.framesShown > old, before, { timeout });
+}
+
+/** Waits until `test` gives a true value; an assertion that fails counts as not yet, until the time is up. */
+export async function waitFor(test, seconds = 10, explain = () => 'it did not happen') {
+  const end = Date.now() + seconds * 1000;
+  for (;;) {
+    try {
+      if (await test()) return;
+      if (Date.now() > end) throw new Error(explain());
+    } catch (error) {
+      if (Date.now() > end) throw error;
+    }
+    await sleep(0.05);
+  }
+}
+
+/** The colours [R, G, B] in the middles of the eight fields of the pattern, row by row, as the page shows them. */
+export function pictureColours(page) {
+  return page.evaluate(() => {
+    const video = document.querySelector('#picture-video');
+    const source = video.hidden ? document.querySelector('#picture-canvas') : video;
+    const width = source.videoWidth || source.width;
+    const height = source.videoHeight || source.height;
+    const canvas = new OffscreenCanvas(width, height);
+    const context = canvas.getContext('2d', { willReadFrequently: true });
+    context.drawImage(source, 0, 0, width, height);
+    const colours = [];
+    for (let row = 0; row < 2; row++) {
+      for (let column = 0; column < 4; column++) {
+        const x = Math.round(((column + 0.5) * width) / 4);
+        const y = Math.round(((row + 0.5) * height) / 2);
+        colours.push([...context.getImageData(x, y, 1, 1).data.slice(0, 3)]);
+      }
+    }
+    return colours;
+  });
 }

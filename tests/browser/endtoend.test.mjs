@@ -1,0 +1,161 @@
+// The whole road for real: an X display, the host, and the viewer's page in headless Chromium.
+//
+// usage: KESTRUNE_BUILD=<build folder> node --test tests/browser/endtoend.test.mjs
+
+import assert from 'node:assert/strict';
+import { existsSync, readFileSync } from 'node:fs';
+import path from 'node:path';
+import { after, afterEach, before, beforeEach, describe, test } from 'node:test';
+
+import { Client, Host, XServer, launchBrowser, openViewer, pictureColours, sleep, spawnQuiet, waitFor, waitForPictures } from './lab.mjs';
+
+const build = process.env.KESTRUNE_BUILD;
+assert.ok(build, 'KESTRUNE_BUILD names the build folder');
+
+const width = 1280;
+const height = 800;
+// The pattern client's colours, row by row.
+const pattern = [
+  [[0xC0, 0x20, 0x20], [0x20, 0xA0, 0x40], [0x20, 0x40, 0xC0], [0xFF, 0xFF, 0xFF]],
+  [[0xD0, 0xC0, 0x20], [0x20, 0xB0, 0xC0], [0x80, 0x80, 0x80], [0x00, 0x00, 0x00]],
+];
+
+let browser;
+before(async () => { browser = await launchBrowser(); });
+after(async () => { await browser?.close(); });
+
+/** A viewport point that lies over the point (x, y), in 0...1, of the picture. */
+async function pointOver(page, x, y) {
+  const rect = await page.evaluate(() => {
+    const { x: left, y: top, width: w, height: h } = window.kestruneViewer.pictureRect;
+    return { left, top, w, h };
+  });
+  return [rect.left + x * rect.w, rect.top + y * rect.h];
+}
+
+function assertColours(seen, wanted) {
+  wanted.flat().forEach((colour, index) => colour.forEach((value, channel) => {
+    const got = seen[index][channel];
+    assert.ok(Math.abs(got - value) <= 12, `field ${index}, channel ${channel}: ${got} instead of ${value}`);
+  }));
+}
+
+describe('a display with a known pattern', () => {
+  let server; let client; let host;
+
+  beforeEach(async () => {
+    server = await XServer.start(width, height);
+    client = await Client.start(build, server.display);
+    host = await Host.start(build, server.display, { 'stream.profile': 'balanced', 'stream.frameRate': 60 });
+  });
+  afterEach(async () => {
+    await Promise.all(browser.contexts().map((context) => context.close()));
+    await host.stop();
+    client.stop();
+    server.stop();
+  });
+
+  test('is found in the decoded picture, and its changes appear', async () => {
+    const page = await openViewer(browser, host.url);
+    // The host begins with H.265, which this browser does not decode: the picture proves the fallback.
+    const stats = await page.evaluate(() => window.kestruneViewer.stats);
+    assert.match(stats.codec, /^avc1\./);
+    assert.deepEqual([stats.width, stats.height], [width, height]);
+    await waitFor(async () => { assertColours(await pictureColours(page), pattern); return true; });
+
+    client.write('invert');
+    await client.line(/^inverted$/);
+    await waitFor(async () => { assertColours(await pictureColours(page), [...pattern].reverse()); return true; });
+  });
+
+  test('is clicked, dragged, right-clicked and scrolled at the right points', async () => {
+    const page = await openViewer(browser, host.url);
+    await page.click('#mode-control');
+    await page.waitForFunction(() => window.kestruneViewer.stats.mode === 'control');
+
+    const near = (line, x, y) => {
+      const [px, py] = line.split(' ').slice(-2).map(Number);
+      assert.ok(Math.abs(px - x) <= 2 && Math.abs(py - y) <= 2, `${line}, wanted near ${x} ${y}`);
+    };
+    await page.mouse.click(...await pointOver(page, 0.25, 0.75));
+    near(await client.line(/^press 1 /), 0.25 * width, 0.75 * height);
+    near(await client.line(/^release 1 /), 0.25 * width, 0.75 * height);
+
+    await page.mouse.move(...await pointOver(page, 0.3, 0.3));
+    await page.mouse.down();
+    await page.mouse.move(...await pointOver(page, 0.6, 0.4), { steps: 12 });
+    await page.mouse.up();
+    near(await client.line(/^press 1 /), 0.3 * width, 0.3 * height);
+    near(await client.line(/^release 1 /), 0.6 * width, 0.4 * height);
+
+    await page.mouse.click(...await pointOver(page, 0.8, 0.2), { button: 'right' });
+    near(await client.line(/^press 3 /), 0.8 * width, 0.2 * height);
+    await client.line(/^release 3 /);
+
+    await page.mouse.wheel(0, 240);
+    await client.line(/^press 5 /);
+  });
+
+  test('goes to one viewer at a time, and the second is asked before it takes over', async () => {
+    const first = await openViewer(browser, host.url);
+    const second = await browser.newPage();
+    await second.goto(host.url);
+    await second.waitForSelector('#card-primary:visible');
+    assert.match(await second.textContent('#card'), /another viewer/i);
+    await waitForPictures(first);
+
+    await second.click('#card-primary');
+    await waitForPictures(second);
+    await first.waitForSelector('#card-primary:visible');
+    await sleep(2); // a page that was replaced must not come back by itself
+    assert.equal(await second.evaluate(() => window.kestruneViewer.stats.connected), true);
+    await waitForPictures(second);
+  });
+
+  test('comes back by itself after a restart of the host', async () => {
+    const page = await openViewer(browser, host.url);
+    await host.stop({ keepHome: true });
+    await page.waitForFunction(() => !window.kestruneViewer.stats.connected);
+    host = await Host.start(build, server.display, null, { home: host.home });
+    await waitForPictures(page, 30000);
+    await waitFor(async () => { assertColours(await pictureColours(page), pattern); return true; });
+  });
+
+  test('is not shown without the right token', async () => {
+    const page = await browser.newPage();
+    await page.goto(`${new URL(host.url).origin}/#${'A'.repeat(43)}`);
+    await page.waitForSelector('#token-form:visible');
+    assert.equal(await page.evaluate(() => window.kestruneViewer.stats.framesDecoded), 0);
+    for (const entry of await page.evaluate(() => performance.getEntriesByType('resource').map(({ name }) => name))) {
+      assert.ok(!entry.includes('AAAA'), 'the token must not be part of a request');
+    }
+  });
+});
+
+test('typed text arrives as the same text in a terminal', async () => {
+  const server = await XServer.start(width, height);
+  const host = await Host.start(build, server.display, {});
+  const file = path.join(host.home, 'typed.txt');
+  const terminal = spawnQuiet('xterm', ['-u8', '-geometry', '100x40+0+0', '-e', 'sh', '-c', `stty -echo; cat > '${file}'`],
+    { DISPLAY: server.display, LC_ALL: 'C.UTF-8' });
+  const page = await openViewer(browser, host.url);
+  try {
+    await waitFor(() => existsSync(file));
+    await page.click('#mode-control');
+    await page.waitForFunction(() => window.kestruneViewer.stats.mode === 'control');
+    await page.mouse.click(...await pointOver(page, 0.2, 0.2)); // without a window manager the pointer has the focus
+
+    await page.keyboard.type('Grüße 👋 日本語');
+    await page.keyboard.press('Enter');
+    await page.click('#keyboard');
+    await page.keyboard.insertText('ещё раз: ñandú');
+    await page.keyboard.press('Enter');
+    const wanted = 'Grüße 👋 日本語\nещё раз: ñandú\n';
+    await waitFor(() => readFileSync(file, 'utf8') === wanted, 10, () => `typed: ${JSON.stringify(readFileSync(file, 'utf8'))}`);
+  } finally {
+    await page.context().close();
+    terminal.kill('SIGKILL');
+    await host.stop();
+    server.stop();
+  }
+});
