@@ -1,0 +1,113 @@
+#include <gtest/gtest.h>
+
+#include <array>
+#include <set>
+
+#include "access/TokenStore.h"
+#include "platform/support/ConstantTime.h"
+#include "support/FakeCredentials.h"
+
+namespace kestrune {
+namespace {
+
+const std::string kService = "com.fennwick.Kestrune.viewer";
+const std::string kAccount = "capability-token";
+
+class TokenStoreTest : public testing::Test {
+ protected:
+  /// The failure of a lookup; the test fails if there is none.
+  std::optional<TokenStoreError> failure() {
+    try {
+      store_.token();
+    } catch (const TokenStoreError& error) {
+      return error;
+    }
+    ADD_FAILURE() << "no failure";
+    return {};
+  }
+
+  const std::shared_ptr<FakeCredentials> helper_ = std::make_shared<FakeCredentials>();
+  const std::shared_ptr<FakeRandomSource> random_ = std::make_shared<FakeRandomSource>();
+  TokenStore store_{std::make_shared<CredentialHelperClient>(helper_), random_};
+};
+
+TEST_F(TokenStoreTest, MakesOneTokenAndKeepsIt) {
+  const std::string token = store_.token();
+  // 0xF8 ... 0x17 in base64url: both of the replaced characters are in it.
+  EXPECT_EQ(token, "-Pn6-_z9_v8AAQIDBAUGBwgJCgsMDQ4PEBESExQVFhc");
+  EXPECT_EQ(helper_->item(kService, kAccount), Bytes(token.begin(), token.end()));
+  helper_->behaviour = FakeCredentials::Behaviour::interrupt;
+  EXPECT_EQ(store_.token(), token);
+  EXPECT_EQ(helper_->reads, 1);
+  EXPECT_EQ(helper_->writes, 1);
+}
+
+TEST_F(TokenStoreTest, TakesAStoredTokenOfTheRightFormOnly) {
+  const std::string good(43, 'a');
+  for (const std::string& bad : {std::string(42, 'a'), std::string(44, 'a'), std::string(42, 'a') + "+",
+                                 std::string(42, 'a') + "=", std::string(41, 'a') + "\u00fc",
+                                 std::string(42, 'a') + "\xFF", std::string(42, 'a') + '\0', std::string()}) {
+    helper_->setItem(kService, kAccount, bad);
+    EXPECT_EQ(failure(), TokenStoreError::invalidStoredToken());
+    EXPECT_EQ(helper_->item(kService, kAccount), Bytes(bad.begin(), bad.end()));
+  }
+  EXPECT_EQ(helper_->writes, 0);
+  helper_->setItem(kService, kAccount, good);
+  EXPECT_EQ(store_.token(), good);
+}
+
+TEST_F(TokenStoreTest, FailuresCarryTheirStatusAndLeaveNothing) {
+  random_->status = -50;
+  EXPECT_EQ(failure(), TokenStoreError::randomGenerationFailed(-50));
+  EXPECT_EQ(failure()->localizedDescription(), "Could not generate an access token (OSStatus -50).");
+  EXPECT_EQ(helper_->writes, 0);
+  random_->status = 0;
+
+  helper_->behaviour = FakeCredentials::Behaviour::invalidate;
+  EXPECT_EQ(failure(), TokenStoreError::keychainFailure(kCredentialNotAvailable));
+  helper_->behaviour = FakeCredentials::Behaviour::answer;
+
+  helper_->readStatus = -25308;
+  EXPECT_EQ(failure()->localizedDescription(),
+            "Could not access the viewer token in Keychain (OSStatus -25308).");
+  helper_->readStatus = 0;
+
+  helper_->writeStatus = -61;
+  EXPECT_EQ(failure(), TokenStoreError::keychainFailure(-61));
+  helper_->writeStatus = 0;
+
+  // Nothing was cached on the way.
+  EXPECT_EQ(store_.token().size(), 43u);
+  EXPECT_EQ(helper_->writes, 2);
+}
+
+TEST_F(TokenStoreTest, SuccessWithoutDataIsAFailure) {
+  helper_->setItem(kService, kAccount, std::string(43, 'a'));
+  helper_->omitsData = true;
+  EXPECT_EQ(failure(), TokenStoreError::keychainFailure(0));
+}
+
+TEST_F(TokenStoreTest, FirstCallsAtTheSameTimeMakeOneToken) {
+  std::vector<std::thread> callers;
+  std::array<std::string, 8> tokens;
+  for (auto& token : tokens) callers.emplace_back([&] { token = store_.token(); });
+  for (auto& caller : callers) caller.join();
+  EXPECT_EQ(std::set<std::string>(tokens.begin(), tokens.end()).size(), 1u);
+  EXPECT_EQ(helper_->writes, 1);
+}
+
+TEST(ConstantTime, ComparesBytesAndLengths) {
+  using namespace std::string_literals;
+  const std::string token(43, 'k');
+  EXPECT_TRUE(constantTimeEquals(token, std::string(token)));
+  EXPECT_FALSE(constantTimeEquals(token, token + 'k'));
+  EXPECT_FALSE(constantTimeEquals(token, token + '\0'));
+  EXPECT_FALSE(constantTimeEquals(token + '\0', token));
+  EXPECT_TRUE(constantTimeEquals("", ""));
+  EXPECT_FALSE(constantTimeEquals("", "\0"s));
+  EXPECT_FALSE(constantTimeEquals("abc", "abd"));
+  EXPECT_FALSE(constantTimeEquals("bbc", "abc"));
+}
+
+}  // namespace
+}  // namespace kestrune
