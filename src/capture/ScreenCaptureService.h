@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <exception>
 #include <functional>
@@ -40,7 +41,7 @@ struct ScreenCaptureCallbacks {
 ///
 /// A plain object of its owner; make it with std::make_shared. The owner calls the operations from one queue
 /// at a time, and owns the callback queue at least as long. Those that wait for the system are tasks, which
-/// keep the service alive while they run and throw KestruneError; everything else returns at once.
+/// keep the service alive from their first turn on and throw KestruneError; everything else returns at once.
 /// setVideoEncodingEnabled(), requestKeyframe() and the questions may come from any thread.
 class ScreenCaptureService final : public std::enable_shared_from_this<ScreenCaptureService> {
  public:
@@ -112,52 +113,72 @@ class ScreenCaptureService final : public std::enable_shared_from_this<ScreenCap
   /// The counters of the running stream, or of the last one.
   StreamMetrics metrics() const { return metrics_.current(); }
 
-  // What the system's picker reports.
+  // What the system's picker reports, on the owner's queue.
   void pickerDidUpdate(const ContentFilter& filter);
   void pickerDidCancel();
   void pickerStartDidFail(const std::exception_ptr& failure);
 
  private:
-  /// One stream of the system, from its making until the service lets go of it.
-  struct Stream;
   struct Selection {
     ContentFilter filter;
     std::optional<std::string> title;
     std::optional<DisplayID> managedDisplay;
     bool capturesProcessAudio = false;
   };
-  /// What one change of the source needs on its way.
-  struct SelectionUpdate;
+  using SharedSelection = std::shared_ptr<const Selection>;
+  /// What the service shares with the outputs of one stream. It outlives the stream, so that a late call of
+  /// the stream's thread never holds the last reference to the stream itself.
+  struct Link;
+  struct Stream {
+    std::shared_ptr<ScreenStream> platform;  // null: no stream
+    std::shared_ptr<Link> link;
+  };
+  /// One change of the source on its way.
+  struct SelectionUpdate {
+    Stream stream;
+    SharedSelection before;
+    SharedSelection next;
+    std::uint64_t generation = 0;
+    TaskHandle previous;
+  };
+  /// How many values of one kind wait on the callback queue.
+  using Backlog = std::shared_ptr<std::atomic<int>>;
 
-  std::shared_ptr<Stream> makeStream(const Selection& selection, const StreamSettings& settings);
-  Task<void> runStart(StreamSettings settings, Selection selection, std::uint64_t generation);
   static Task<void> runSelectionUpdate(std::shared_ptr<ScreenCaptureService> self, SelectionUpdate update);
-  void announce(const std::optional<Selection>& selection);
+  void select(SharedSelection selection);
+  void announce(const SharedSelection& selection);
+  Stream makeStream(const Selection& selection, const StreamSettings& settings);
   std::shared_ptr<StreamVideoEncoder> makeEncoder(const VideoSettings& settings);
   void configurePicker(ScreenStream& stream);
+  void setPickerActive(bool active);
   void clearPreview();
+  /// Stops heeding a stream and ends it on the callback queue, since the caller may be the stream's thread.
+  void release(Stream stream);
 
-  void handleVideo(VideoSample sample);                 // videoQueue_
-  void handleAudio(const AudioSample& sample);          // audioQueue_
-  void handlePacket(const EncodedVideoPacket& packet);  // the encoder's output thread
-  void handleStreamStopped(const Stream& stream,
-                           const std::exception_ptr& failure);  // a thread of the stream
+  void handleVideo(VideoSample sample);                 // on videoQueue_
+  void handleAudio(const AudioSample& sample);          // on audioQueue_
+  void handlePacket(const EncodedVideoPacket& packet);  // on the encoder's output thread
+  void handleStreamStopped(const std::shared_ptr<Link>& link, std::exception_ptr failure);  // any thread
 
   void reportError(const std::exception_ptr& failure);
   void reportMetrics(std::optional<StreamMetrics> snapshot);
   template <class Value>
-  void deliver(std::function<void(Value)> ScreenCaptureCallbacks::*callback, Value value);
+  void deliver(std::function<void(Value)> ScreenCaptureCallbacks::*callback, Value value,
+               Backlog backlog = nullptr);
 
   const Dependencies dependencies_;
   const std::shared_ptr<SerialQueue> videoQueue_;
   const std::shared_ptr<SerialQueue> audioQueue_;
+  const Backlog waitingPackets_ = std::make_shared<std::atomic<int>>(0);
+  const Backlog waitingChunks_ = std::make_shared<std::atomic<int>>(0);
+  std::atomic<bool> awaitsKeyframe_{false};  // packets were dropped: only a keyframe can follow
 
   // Never held together with the lock of the metrics, nor across a call of the system or a callback.
   mutable std::mutex stateLock_;
   // Guarded by stateLock_:
   std::shared_ptr<const ScreenCaptureCallbacks> callbacks_;
-  std::optional<Selection> selection_;
-  std::shared_ptr<Stream> stream_;
+  SharedSelection selection_;
+  Stream stream_;
   std::shared_ptr<StreamVideoEncoder> encoder_;  // set and cleared together with stream_
   StreamSettings settings_;                      // of the running stream
   bool isStarting_ = false;
@@ -169,5 +190,22 @@ class ScreenCaptureService final : public std::enable_shared_from_this<ScreenCap
 
   CaptureMetrics metrics_;  // has a lock of its own
 };
+
+template <class Value>
+void ScreenCaptureService::deliver(std::function<void(Value)> ScreenCaptureCallbacks::*callback, Value value,
+                                   Backlog backlog) {
+  std::shared_ptr<const ScreenCaptureCallbacks> callbacks;
+  {
+    const std::lock_guard guard(stateLock_);
+    callbacks = callbacks_;
+  }
+  if (!((*callbacks).*callback)) return;
+  if (backlog) ++*backlog;
+  dependencies_.callbackQueue->post(
+      [callbacks = std::move(callbacks), callback, value = std::move(value), backlog]() mutable {
+        if (backlog) --*backlog;
+        ((*callbacks).*callback)(std::move(value));
+      });
+}
 
 }  // namespace kestrune
