@@ -1,0 +1,39 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <filesystem>
+#include <string>
+
+namespace kestrune::testing {
+
+/// A private X server for one test. It takes a free display number by itself, listens on no network, and ends
+/// with this object, or with the test process however that dies.
+class XServer {
+ public:
+  enum class Kind {
+    xvfb,   // fast, without mode switching
+    xvnc,   // RandR with mode switching
+    dummy,  // Xorg with the dummy driver: RandR with outputs and modes
+  };
+
+  /// Throws std::runtime_error, with the server's own words, if it does not come up.
+  explicit XServer(int width = 1280, int height = 720, Kind kind = Kind::xvfb);
+  ~XServer();
+  XServer(const XServer&) = delete;
+  XServer& operator=(const XServer&) = delete;
+
+  /// Such as ":1".
+  const std::string& displayName() const { return displayName_; }
+  /// Ends the server: its clients lose their connection. Idempotent.
+  void kill();
+  /// Runs a command with DISPLAY set and waits for it; its exit status. Arguments are split at spaces.
+  int run(const std::string& command) const;
+
+ private:
+  std::filesystem::path folder_;
+  std::string displayName_;
+  pid_t process_ = -1;
+};
+
+}  // namespace kestrune::testing
