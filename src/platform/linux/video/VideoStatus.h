@@ -1,0 +1,15 @@
+#pragma once
+
+#include "platform/CompressionSession.h"
+
+namespace kestrune::linux_platform {
+
+/// Statuses of compression sessions, with the numbers that the callers' platform documents (VTErrors.h).
+inline constexpr MediaStatus kPropertyNotSupported = -12900;
+inline constexpr MediaStatus kParameterError = -12902;
+inline constexpr MediaStatus kInvalidSession = -12903;
+inline constexpr MediaStatus kAllocationFailed = -12904;
+inline constexpr MediaStatus kCouldNotFindVideoEncoder = -12908;
+inline constexpr MediaStatus kVideoEncoderMalfunction = -12912;
+
+}  // namespace kestrune::linux_platform
