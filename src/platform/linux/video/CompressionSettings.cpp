@@ -82,4 +82,8 @@ std::int64_t CompressionSettings::burstBits() const {
   return std::max(burst, rate / 20);
 }
 
+double CompressionSettings::quantizer() const {
+  return std::clamp(26.0 - static_cast<double>(averageBitRate) / 1'000'000, 18.0, 26.0);
+}
+
 }  // namespace kestrune::linux_platform

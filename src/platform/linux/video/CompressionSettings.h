@@ -31,6 +31,9 @@ struct CompressionSettings {
   std::int64_t burstBits() const;
   /// The rate at which bits come back, in bits per second: the average, or the limit where that is lower.
   std::int64_t sustainedBitRate() const;
+  /// The quantizer (0 to 51) below which more bits show nothing more on screen content: finer for a higher
+  /// rate.
+  double quantizer() const;
 };
 
 }  // namespace kestrune::linux_platform

@@ -38,11 +38,13 @@ MediaStatus SoftwareCompressionSession::encode(const SharedPixelBuffer& image,
   const auto& changes = image->changes;
   const bool followsLast = changes && lastSequence_ && changes->sequence == *lastSequence_ + 1;
   const bool isUnchanged = followsLast && changes->rectangles.empty();
-  Picture picture{*image, nullptr, false, 0};
+  Picture picture{*image};
   if (followsLast) picture.changedSinceLast = &changes->rectangles;
   picture.isKeyframe = forceKeyframe || keyframes_->isDue(presentationMicroseconds, isUnchanged);
-  picture.creditBits =
+  const auto frameRate = static_cast<double>(settings_.expectedFrameRate);
+  const double credit =
       budget_->creditForFrame(presentationMicroseconds, 1'000'000 / settings_.expectedFrameRate);
+  picture.creditKilobitsPerSecond = kilobits(credit * frameRate);
 
   Encoded encoded = encodePicture(picture);
   if (encoded.status != 0) {
@@ -50,7 +52,8 @@ MediaStatus SoftwareCompressionSession::encode(const SharedPixelBuffer& image,
     return encoded.status;
   }
   lastSequence_ = changes ? std::optional(changes->sequence) : std::nullopt;
-  budget_->noteEncoded(static_cast<std::int64_t>(encoded.units.size()) * 8, encoded.creditedBits);
+  budget_->noteEncoded(static_cast<std::int64_t>(encoded.units.size()) * 8,
+                       picture.creditKilobitsPerSecond * 1000 / frameRate);
   keyframes_->noteEncoded(encoded.isKeyframe, presentationMicroseconds);
   if (!handler) return 0;
   if (encoded.units.empty()) {

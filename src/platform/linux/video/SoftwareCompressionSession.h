@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -36,17 +37,21 @@ class SoftwareCompressionSession : public CompressionSession {
     /// Present when the last picture that was encoded is the one before this: the parts that differ from it.
     const std::vector<PixelRect>* changedSinceLast = nullptr;
     bool isKeyframe = false;
-    double creditBits = 0;  // see RateBudget
+    /// The rate, in kilobits per second, at which the encoder's buffer model is to gain with this frame what
+    /// RateBudget credits it with; at least 1. The models count each frame as one interval of the frame rate.
+    int creditKilobitsPerSecond = 1;
   };
   struct Encoded {
     MediaStatus status = 0;  // other than 0: the encoder took nothing
     Bytes units;             // length-prefixed; empty if the encoder gave nothing for the picture
     bool isKeyframe = false;
-    double creditedBits = 0;
   };
 
   /// The part of the bucket with which a new encoder's own buffer model starts.
   static constexpr double kInitialFill = 0.9;
+
+  /// The unit of the encoders' rates; at least 1, which is the least that they take.
+  static int kilobits(double bits) { return std::max(static_cast<int>(bits / 1000), 1); }
 
   explicit SoftwareCompressionSession(CompressionSettings settings) : settings_(settings) {}
 

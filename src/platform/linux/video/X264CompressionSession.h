@@ -13,10 +13,9 @@ namespace kestrune::linux_platform {
 
 /// H.264 by x264: Constrained Baseline, one reference, one thread, no frame of delay.
 ///
-/// Rate: every picture is coded for one constant quality, which the average bit rate chooses, and the buffer
-/// model raises the quantizer where that would break the rate (RateBudget). A still picture that was coded
-/// coarsely is thus refined by its repeats and then costs nothing more, and a pause saves no more than the
-/// bucket holds.
+/// Rate: every picture is coded for a quality that the average bit rate chooses, and x264's buffer model
+/// raises the quantizer where that would break the rate (RateBudget). A still picture that was coded coarsely
+/// is thus refined by its repeats, and then costs nothing more; a pause saves no more than the bucket holds.
 ///
 /// Unchanged macroblocks are named to x264, which leaves them out of its analysis as soon as they have the
 /// quality that the picture is coded for.
@@ -33,7 +32,6 @@ class X264CompressionSession final : public SoftwareCompressionSession {
  private:
   void configure();
   MediaStatus collectParameterSets(std::vector<Bytes>& parameterSets);
-  double applyCredit(double creditBits);
   void markChanges(const std::vector<PixelRect>& changed);
 
   std::unique_ptr<x264_param_t> parameters_;

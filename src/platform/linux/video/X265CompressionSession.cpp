@@ -14,18 +14,9 @@ namespace {
 constexpr const char* kWorkerThreads = "2";
 constexpr int kBitDepth = 8;
 
-/// As for H.264; the same quantizer means about the same quality in both.
-double qualityForBitRate(std::int64_t bitsPerSecond) {
-  return std::clamp(26.0 - static_cast<double>(bitsPerSecond) / 1'000'000, 18.0, 26.0);
-}
-
 const x265_api& api() {
   static const x265_api* const value = x265_api_get(kBitDepth);
   return *value;
-}
-
-int kilobits(std::int64_t bits) {
-  return std::max(static_cast<int>(bits / 1000), 1);
 }
 
 }  // namespace
@@ -80,12 +71,13 @@ bool X265CompressionSession::configure() {
   p.scenecutThreshold = 0;
 
   p.rc.rateControlMode = X265_RC_CRF;
-  p.rc.rfConstant = qualityForBitRate(wanted.averageBitRate);
+  p.rc.rfConstant = wanted.quantizer();
+  p.rc.qpMin = static_cast<int>(wanted.quantizer());
   p.rc.qCompress = 1.0;
   p.rc.ipFactor = 1.0;
   p.rc.cuTree = 0;
-  p.rc.vbvMaxBitrate = kilobits(wanted.sustainedBitRate());
-  p.rc.vbvBufferSize = kilobits(wanted.burstBits());
+  p.rc.vbvMaxBitrate = kilobits(static_cast<double>(wanted.sustainedBitRate()));
+  p.rc.vbvBufferSize = kilobits(static_cast<double>(wanted.burstBits()));
   p.rc.vbvBufferInit = kInitialFill;
   return api().param_apply_profile(&p, "main") == 0;
 }
@@ -118,8 +110,10 @@ MediaStatus X265CompressionSession::collectParameterSets(std::vector<Bytes>& par
 }
 
 SoftwareCompressionSession::Encoded X265CompressionSession::encodePicture(const Picture& picture) {
-  Encoded encoded;
-  encoded.creditedBits = applyCredit(picture.creditBits);
+  if (parameters_->rc.vbvMaxBitrate != picture.creditKilobitsPerSecond) {
+    parameters_->rc.vbvMaxBitrate = picture.creditKilobitsPerSecond;
+    api().encoder_reconfig(encoder_, parameters_.get());
+  }
 
   splitChroma(picture.image);
   x265_picture input;
@@ -138,6 +132,7 @@ SoftwareCompressionSession::Encoded X265CompressionSession::encodePicture(const 
   api().picture_init(parameters_.get(), &output);
   x265_nal* units = nullptr;
   std::uint32_t count = 0;
+  Encoded encoded;
   const int produced = api().encoder_encode(encoder_, &units, &count, &input, &output);
   if (produced < 0) {
     encoded.status = kVideoEncoderMalfunction;
@@ -149,17 +144,6 @@ SoftwareCompressionSession::Encoded X265CompressionSession::encodePicture(const 
   }
   encoded.isKeyframe = produced > 0 && IS_X265_TYPE_I(output.sliceType);
   return encoded;
-}
-
-/// See X264CompressionSession::applyCredit.
-double X265CompressionSession::applyCredit(double creditBits) {
-  const auto frameRate = static_cast<double>(settings().expectedFrameRate);
-  const int rate = std::max(static_cast<int>(creditBits * frameRate / 1000), 1);
-  if (rate != parameters_->rc.vbvMaxBitrate) {
-    parameters_->rc.vbvMaxBitrate = rate;
-    api().encoder_reconfig(encoder_, parameters_.get());
-  }
-  return rate * 1000 / frameRate;
 }
 
 void X265CompressionSession::splitChroma(const PixelBuffer& image) {

@@ -34,7 +34,6 @@ class X265CompressionSession final : public SoftwareCompressionSession {
 
   bool configure();
   MediaStatus collectParameterSets(std::vector<Bytes>& parameterSets);
-  double applyCredit(double creditBits);
   void splitChroma(const PixelBuffer& image);
 
   std::unique_ptr<x265_param, ParameterDeleter> parameters_;

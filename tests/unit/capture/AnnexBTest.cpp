@@ -1,0 +1,129 @@
+#include <gtest/gtest.h>
+
+#include "capture/AnnexB.h"
+#include "support/FakeCompression.h"
+
+namespace kestrune {
+namespace {
+
+using Case = H264AnnexBError::Case;
+
+Bytes converted(const Bytes& data, int nalHeaderLength) {
+  const auto result = annexb::annexBUnits(data, nalHeaderLength);
+  if (const auto* error = std::get_if<H264AnnexBError>(&result)) {
+    ADD_FAILURE() << error->localizedDescription();
+    return {};
+  }
+  return std::get<Bytes>(result);
+}
+
+Case conversionError(const Bytes& data, int nalHeaderLength) {
+  return std::get<H264AnnexBError>(annexb::annexBUnits(data, nalHeaderLength)).value();
+}
+
+EncodedSample sampleOf(Bytes data, std::optional<bool> notSync) {
+  EncodedSample sample;
+  sample.data = std::make_shared<FakeBlockBuffer>(std::move(data));
+  if (notSync) sample.attachments = std::vector<SampleAttachments>{{*notSync}};
+  return sample;
+}
+
+TEST(AnnexB, ReplacesLengthPrefixesOfEveryWidthByStartCodes) {
+  EXPECT_EQ(converted({0, 0, 0, 5, 1, 2, 3, 4, 5}, 4), (Bytes{0, 0, 0, 1, 1, 2, 3, 4, 5}));
+  EXPECT_EQ(converted({0, 2, 10, 11, 0, 1, 12}, 2), (Bytes{0, 0, 0, 1, 10, 11, 0, 0, 0, 1, 12}));
+  EXPECT_EQ(converted({1, 7, 2, 8, 9}, 1), (Bytes{0, 0, 0, 1, 7, 0, 0, 0, 1, 8, 9}));
+  EXPECT_EQ(converted({0, 0, 1, 7}, 3), (Bytes{0, 0, 0, 1, 7}));
+  EXPECT_EQ(converted({}, 4), Bytes{});
+  // Bytes that look like a start code are content.
+  EXPECT_EQ(converted({0, 0, 0, 4, 0, 0, 0, 1}, 4), (Bytes{0, 0, 0, 1, 0, 0, 0, 1}));
+}
+
+TEST(AnnexB, RefusesWhatIsNoSequenceOfUnits) {
+  EXPECT_EQ(conversionError({}, 0), Case::invalidNALUnitHeaderLength);
+  EXPECT_EQ(conversionError({1, 2}, 5), Case::invalidNALUnitHeaderLength);
+  EXPECT_EQ(conversionError({0, 0, 0}, 4), Case::truncatedNALUnit);
+  EXPECT_EQ(conversionError({0, 0, 0, 2, 9}, 4), Case::truncatedNALUnit);
+  EXPECT_EQ(conversionError({0xff, 0xff, 0xff, 0xff, 9}, 4), Case::truncatedNALUnit);
+  EXPECT_EQ(conversionError({0, 0, 0, 0, 0, 0, 0, 1, 9}, 4), Case::emptyNALUnit);
+  EXPECT_EQ(conversionError({0, 0, 0, 1, 9, 0}, 4), Case::truncatedNALUnit);
+}
+
+TEST(AnnexB, EverythingThatDoesNotStateTheOppositeIsAKeyframe) {
+  EncodedSample sample;
+  EXPECT_TRUE(annexb::isKeyframe(sample));
+  sample.attachments.emplace();
+  EXPECT_TRUE(annexb::isKeyframe(sample));
+  sample.attachments->push_back({});
+  EXPECT_TRUE(annexb::isKeyframe(sample));
+  sample.attachments->front().notSync = SampleAttachments::NotABoolean{};
+  EXPECT_TRUE(annexb::isKeyframe(sample));
+  sample.attachments->front().notSync = false;
+  EXPECT_TRUE(annexb::isKeyframe(sample));
+  sample.attachments->front().notSync = true;
+  EXPECT_FALSE(annexb::isKeyframe(sample));
+}
+
+TEST(AnnexB, ParameterSetsComeInOrderAndFailWithTheCodecsMessages) {
+  const auto format = FakeFormatDescription::withSets({{0x67, 1}, {}, {0x68}}, 2);
+  const auto sets = std::get<annexb::ParameterSets>(annexb::parameterSets(*format, StreamVideoCodec::h264));
+  EXPECT_EQ(sets.bytes, (Bytes{0, 0, 0, 1, 0x67, 1, 0, 0, 0, 1, 0, 0, 0, 1, 0x68}));
+  EXPECT_EQ(sets.nalHeaderLength, 2);
+
+  const auto message = [&](StreamVideoCodec codec) {
+    return std::get<KestruneError>(annexb::parameterSets(*format, codec)).localizedDescription();
+  };
+  format->sets[1] = {0, nullptr, 0};
+  EXPECT_EQ(message(StreamVideoCodec::h264), "Unable to read an H.264 parameter set (OSStatus 0).");
+  format->sets[1] = {-5, format->memory[0].data(), 1};
+  EXPECT_EQ(message(StreamVideoCodec::hevc), "Unable to read an H.265 parameter set (OSStatus -5).");
+  format->summary.status = -12710;
+  EXPECT_EQ(message(StreamVideoCodec::h264), "Unable to read H.264 parameter sets (OSStatus -12710).");
+  EXPECT_EQ(message(StreamVideoCodec::hevc), "Unable to read H.265 parameter sets (OSStatus -12710).");
+
+  EXPECT_EQ(std::get<annexb::ParameterSets>(
+                annexb::parameterSets(*FakeFormatDescription::withSets({}, 3), StreamVideoCodec::h264))
+                .nalHeaderLength,
+            3);
+}
+
+TEST(AnnexB, AKeyframeCarriesItsParameterSetsAndADeltaFrameIgnoresItsDescription) {
+  const auto assembled = [](const EncodedSample& sample) {
+    return std::get<annexb::AccessUnit>(annexb::assemble(sample, StreamVideoCodec::h264));
+  };
+  auto key = sampleOf({0, 1, 0x65}, false);
+  key.format = FakeFormatDescription::withSets({{0x67}, {0x68}}, 2);
+  for (int repeat = 0; repeat < 2; ++repeat) {
+    const auto unit = assembled(key);
+    EXPECT_TRUE(unit.isKeyframe);
+    EXPECT_EQ(unit.payload, (Bytes{0, 0, 0, 1, 0x67, 0, 0, 0, 1, 0x68, 0, 0, 0, 1, 0x65}));
+  }
+
+  // Its description says 2, but a delta frame is read with 4; a description that can't be read is no matter.
+  auto delta = sampleOf({0, 0, 0, 1, 0x41}, true);
+  auto broken = FakeFormatDescription::withSets({}, 2);
+  broken->summary.status = -1;
+  delta.format = broken;
+  EXPECT_FALSE(assembled(delta).isKeyframe);
+  EXPECT_EQ(assembled(delta).payload, (Bytes{0, 0, 0, 1, 0x41}));
+
+  auto emptyKey = sampleOf({}, std::nullopt);
+  emptyKey.format = key.format;
+  EXPECT_EQ(assembled(emptyKey).payload, (Bytes{0, 0, 0, 1, 0x67, 0, 0, 0, 1, 0x68}));
+  EXPECT_EQ(assembled(sampleOf({}, true)).payload, Bytes{});
+  EXPECT_EQ(assembled(sampleOf({0, 0, 0, 1, 0x65}, false)).payload, (Bytes{0, 0, 0, 1, 0x65}));
+}
+
+TEST(AnnexB, AnyFailureEndsTheAssembly) {
+  const auto failure = [](const EncodedSample& sample) {
+    return std::get<H264AnnexBError>(annexb::assemble(sample, StreamVideoCodec::h264));
+  };
+  EncodedSample sample;
+  EXPECT_EQ(failure(sample), H264AnnexBError(Case::missingDataBuffer));
+  sample.data = std::make_shared<FakeBlockBuffer>(Bytes{0, 0, 0, 1, 9}, -12706);
+  EXPECT_EQ(failure(sample), H264AnnexBError::blockBufferReadFailed(-12706));
+  EXPECT_NE(failure(sample), H264AnnexBError::blockBufferReadFailed(-1));
+  EXPECT_EQ(failure(sampleOf({0, 0, 0, 1, 9, 0, 0, 0, 0}, true)).value(), Case::emptyNALUnit);
+}
+
+}  // namespace
+}  // namespace kestrune
