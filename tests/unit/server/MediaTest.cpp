@@ -1,0 +1,152 @@
+#include <gmock/gmock.h>
+
+#include "server/AudioChunkStore.h"
+#include "server/AuthenticationRateLimiter.h"
+#include "server/BoundedFrameQueue.h"
+#include "server/MediaFrames.h"
+#include "server/OutboundQueue.h"
+#include "server/VideoPacketStore.h"
+
+namespace kestrune {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::ElementsAre;
+
+TEST(MediaFramesTest, HaveTheirExactBytes) {
+  const auto video = encodeVideoFrame(std::make_shared<const Bytes>(Bytes{7}), true, 0x0102030405060708);
+  EXPECT_EQ(video.head, (Bytes{1, 1, 2, 3, 4, 5, 6, 7, 8}));
+  EXPECT_EQ(*video.body, Bytes{7});
+  EXPECT_EQ(encodeVideoFrame(std::make_shared<const Bytes>(), false, 1).head,
+            (Bytes{0, 0, 0, 0, 0, 0, 0, 0, 1}));
+
+  EXPECT_EQ(encodeAudioFrame({5, 48'000, 2, 960, {9, 8}}),
+            (Bytes{0, 0, 0, 0, 0, 0, 0, 5, 0, 0, 0xBB, 0x80, 0x82, 0, 0, 0x03, 0xC0, 9, 8}));
+  EXPECT_EQ(encodeAudioFrame({0, -1, 300, 5'000'000'000, {}}),
+            (Bytes{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}));
+}
+
+AudioPCMChunk pcm(std::size_t size, std::int64_t sampleRate = 48'000, std::int64_t channels = 2) {
+  return {0, sampleRate, channels, 1, Bytes(size)};
+}
+
+std::vector<std::uint64_t> sequences(const std::vector<StoredAudioChunk>& batch) {
+  std::vector<std::uint64_t> result;
+  for (const auto& chunk : batch) result.push_back(chunk.sequence);
+  return result;
+}
+
+TEST(AudioChunkStoreTest, NumbersChunksAndKeepsTheNewest) {
+  AudioChunkStore store(3, 100);
+  EXPECT_EQ(store.latestSequence(), 0u);
+  EXPECT_EQ(store.append(pcm(101)).sequence, 1u);  // refused, its number is gone
+  EXPECT_EQ(store.count(), 0u);
+  EXPECT_EQ(store.latestSequence(), 1u);
+  for (int index = 0; index < 4; ++index) store.append(pcm(20));
+  EXPECT_THAT(sequences(store.chunks(0, 10, 1000)), ElementsAre(3, 4, 5));
+  store.append(pcm(81));  // pushes out all but itself
+  EXPECT_THAT(sequences(store.chunks(0, 10, 1000)), ElementsAre(6));
+  EXPECT_EQ(store.droppedItems(), 5u);
+  store.clear();
+  EXPECT_EQ(store.latestSequence(), 6u);
+  EXPECT_EQ(store.append(pcm(1)).sequence, 7u);
+}
+
+TEST(AudioChunkStoreTest, GivesBatchesOfOneFormatWithinTheLimits) {
+  AudioChunkStore store;
+  for (int index = 0; index < 3; ++index) store.append(pcm(10));
+  store.append(pcm(10, 44'100));
+  store.append(pcm(10, 44'100, 1));
+  EXPECT_THAT(sequences(store.chunks(0, 10, 1000)), ElementsAre(1, 2, 3));
+  EXPECT_THAT(sequences(store.chunks(1, 1, 1000)), ElementsAre(2));
+  EXPECT_THAT(sequences(store.chunks(0, 10, 20)), ElementsAre(1, 2));
+  EXPECT_THAT(sequences(store.chunks(0, 10, 5)), ElementsAre(1));
+  EXPECT_THAT(sequences(store.chunks(3, 10, 1000)), ElementsAre(4));
+  EXPECT_THAT(sequences(store.chunks(4, 10, 1000)), ElementsAre(5));
+  EXPECT_THAT(store.chunks(5, 10, 1000), testing::IsEmpty());
+  EXPECT_THAT(store.chunks(~std::uint64_t{0}, 10, 1000), testing::IsEmpty());
+}
+
+TEST(VideoPacketStoreTest, IsBoundedInPacketsAndBytes) {
+  VideoPacketStore store;
+  const auto append = [&store](std::size_t size) {
+    return store.append({std::make_shared<const Bytes>(size), false, 0});
+  };
+  EXPECT_FALSE(append(VideoPacketStore::kMaxBytes + 1));
+  for (int index = 0; index < 91; ++index) EXPECT_TRUE(append(10));
+  EXPECT_EQ(store.count(), 90u);
+  EXPECT_EQ(store.droppedItems(), 2u);
+  EXPECT_TRUE(append(VideoPacketStore::kMaxBytes));
+  EXPECT_EQ(store.count(), 1u);
+}
+
+TEST(BoundedFrameQueueTest, EvictsTheOldestAndRefusesTheTooLarge) {
+  BoundedFrameQueue queue(8, 100);
+  using Result = BoundedFrameQueue::AppendResult;
+  for (std::uint8_t index = 0; index < 8; ++index) {
+    EXPECT_EQ(queue.append({Bytes{index}, nullptr}, index == 0), (Result{true, 0}));
+  }
+  EXPECT_EQ(queue.append({Bytes(1), nullptr}, false), (Result{true, 1}));
+  EXPECT_EQ(queue.frames().front().data.head, Bytes{1});
+  EXPECT_EQ(queue.append({Bytes(101), nullptr}, true), (Result{false, 1}));
+  EXPECT_EQ(queue.frames().size(), 8u);
+  EXPECT_EQ(queue.append({Bytes(100), nullptr}, true), (Result{true, 8}));
+  EXPECT_EQ(queue.byteCount(), 100u);
+  EXPECT_EQ(queue.removeFirst()->data.size(), 100u);
+  EXPECT_EQ(queue.byteCount(), 0u);
+  EXPECT_FALSE(queue.removeFirst());
+}
+
+TEST(OutboundQueueTest, DropsTheOldestVideoAndNeverControl) {
+  OutboundQueue queue;
+  const OutboundBudget budget{4, 100};
+  const auto append = [&](std::size_t size, bool droppable) {
+    return queue.append({{Bytes(size), nullptr}, droppable, false}, budget);
+  };
+  append(10, true);
+  append(11, false);
+  append(12, true);
+  append(13, true);
+  EXPECT_EQ(append(14, true).dropped, 1u);
+  EXPECT_EQ(queue.pendingBytes(), 11u + 12 + 13 + 14);
+  EXPECT_EQ(append(90, true).dropped, 4u);  // it goes too, since the control message alone leaves no room
+  EXPECT_EQ(queue.pendingBytes(), 11u);
+  EXPECT_EQ(append(101, true).outcome, OutboundQueue::Outcome::tooLarge);
+  append(1, true);
+  append(5, false);
+  EXPECT_EQ(queue.droppableCount(), 1u);
+  EXPECT_EQ(queue.purgeDroppable(), 1u);
+  EXPECT_EQ(queue.takeFirst()->data.size(), 11u);
+  EXPECT_EQ(queue.takeFirst()->data.size(), 5u);
+  EXPECT_EQ(queue.pendingBytes(), 0u);
+  for (int index = 0; index < 4; ++index) append(1, false);
+  EXPECT_EQ(append(1, false).outcome, OutboundQueue::Outcome::overflow);
+}
+
+TEST(AuthenticationRateLimiterTest, BlocksForAMinuteAfterFiveFailuresInAMinute) {
+  AuthenticationRateLimiter limiter;
+  Duration now = 0s;
+  const auto fail = [&] {
+    if (!limiter.isAllowed(now)) return false;
+    limiter.recordFailure(now);
+    return true;
+  };
+  for (int index = 0; index < 5; ++index) EXPECT_TRUE(fail());
+  now += 59'999ms;
+  EXPECT_FALSE(fail());
+  now += 1ms;  // a refused attempt has not extended the block
+  EXPECT_TRUE(fail());
+}
+
+TEST(AuthenticationRateLimiterTest, ForgetsFailuresOlderThanAMinute) {
+  for (const auto& [pause, blocks] : {std::pair<Duration, bool>{60s, true}, {60s + 1ns, false}}) {
+    AuthenticationRateLimiter limiter;
+    for (int index = 0; index < 4; ++index) limiter.recordFailure(0s);
+    EXPECT_TRUE(limiter.isAllowed(pause));
+    limiter.recordFailure(pause);
+    EXPECT_EQ(limiter.isAllowed(pause), !blocks);
+  }
+}
+
+}  // namespace
+}  // namespace kestrune

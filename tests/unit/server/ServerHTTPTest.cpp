@@ -1,0 +1,198 @@
+#include "ServerFixture.h"
+
+namespace kestrune {
+namespace {
+
+using ServerHTTPTest = ServerTest;
+
+TEST_F(ServerHTTPTest, AnswersEveryKindOfRequest) {
+  bundle->files["Viewer/index.html"] = "<page>";
+  const std::vector<std::pair<std::string, std::string>> table{
+      {"HEAD /health HTTP/1.1\r\n\r\n", "405 Method Not Allowed\r\nAllow: GET\r\n"},
+      {"get / HTTP/1.1\r\n\r\n", "405 Method Not Allowed\r\nAllow: GET\r\n"},
+      {"nonsense\r\n\r\n", "400 Bad Request\r\n"},
+      {get("/nothing"), "404 Not Found\r\n"},
+      {get("/app.js"), "404 Not Found\r\n"},  // in the table, but not in the bundle
+      {get("/stream"), "400 Bad Request\r\n"},
+      {get("/favicon.ico"), "204 No Content\r\n"},
+      {get("/?x=1"), "200 OK\r\n"},
+      {get("/%69ndex.html"), "200 OK\r\n"},
+      {get("/health"), "200 OK\r\nCache-Control: no-store\r\n"},
+  };
+  for (const auto& [request, answer] : table) {
+    EXPECT_THAT(exchange(request), StartsWith("HTTP/1.1 " + answer)) << request;
+  }
+  EXPECT_THAT(exchange(get("/")), testing::EndsWith("\r\n\r\n<page>"));
+  EXPECT_THAT(exchange(get("/stream")), testing::EndsWith("WebSocket upgrade required"));
+}
+
+TEST_F(ServerHTTPTest, LimitsAHeadWithoutAnEnd) {
+  const auto connection = network->connect();
+  const std::string start = "GET / HTTP/1.1\r\nX: ";
+  connection->deliver(start + std::string(16'384 - start.size(), 'x'));
+  time->runReady();
+  EXPECT_EQ(connection->sent, "");
+  connection->deliver("x");
+  time->runReady();
+  EXPECT_THAT(connection->sent, StartsWith("HTTP/1.1 431 Request Header Fields Too Large\r\n"));
+  EXPECT_TRUE(connection->cancelled);
+  // With its end in the same read a larger head is served.
+  EXPECT_THAT(exchange("GET /health HTTP/1.1\r\nX: " + std::string(20'000, 'x') + "\r\n\r\n"),
+              StartsWith("HTTP/1.1 200"));
+}
+
+TEST_F(ServerHTTPTest, AnswersOncePerConnectionAndHoweverItIsDivided) {
+  const auto connection = network->connect();
+  connection->deliver(get("/health") + get("/health"), 3);
+  time->runReady();
+  EXPECT_EQ(connection->sent.find("HTTP/1.1", 1), std::string::npos);
+  EXPECT_TRUE(connection->cancelled);
+  EXPECT_EQ(snapshot().bytesSent, connection->sent.size());
+}
+
+TEST_F(ServerHTTPTest, AnswersAPeerThatHasEndedItsSide) {
+  const auto connection = network->connect();
+  connection->takesSends = false;
+  connection->deliverWithEnd(get("/health"));
+  time->runReady();
+  EXPECT_FALSE(connection->cancelled);
+  connection->completeSend();
+  time->runReady();
+  EXPECT_THAT(connection->sent, StartsWith("HTTP/1.1 200"));
+  EXPECT_TRUE(connection->cancelled);
+}
+
+TEST_F(ServerHTTPTest, PeersThatNeverFinishHoldNothingForEver) {
+  const auto trickling = network->connect();
+  trickling->deliver("GET /", 1);
+  const auto stuck = network->connect();
+  stuck->takesSends = false;
+  stuck->deliver(get("/health"));
+  time->advance(119s);
+  EXPECT_FALSE(stuck->cancelled);
+  time->advance(10s);
+  EXPECT_TRUE(stuck->cancelled);
+  EXPECT_FALSE(trickling->cancelled);
+  EXPECT_EQ(time->pendingDelayedWork(), 0u);
+  trickling->deliverEnd();
+  time->runReady();
+  EXPECT_TRUE(trickling->cancelled);
+}
+
+TEST_F(ServerHTTPTest, ConnectionsThatFailAreEnded) {
+  const auto reset = network->connect();
+  const auto failed = network->connect();
+  reset->failReceive("reset by peer");
+  failed->changeState(TcpConnection::State::failed, "broken");
+  time->runReady();
+  EXPECT_TRUE(reset->cancelled);
+  EXPECT_TRUE(failed->cancelled);
+  EXPECT_TRUE(log.contains("Server: Viewer connection ended: broken"));
+}
+
+TEST_F(ServerHTTPTest, DataRoutesWantTheTokenAndLimitGuessing) {
+  EXPECT_THAT(exchange(get("/status", kToken)), StartsWith("HTTP/1.1 200"));
+  for (int index = 0; index < 4; ++index) {
+    EXPECT_THAT(exchange(get("/status", "guess")), HasSubstr("401 Unauthorized\r\n"));
+  }
+  const auto fifth = exchange(get("/audio"));  // no token counts like a wrong one
+  EXPECT_THAT(fifth, StartsWith("HTTP/1.1 401"));
+  EXPECT_THAT(fifth, HasSubstr("\r\nWWW-Authenticate: Bearer\r\n"));
+  EXPECT_THAT(exchange(get("/status", "guess")), StartsWith("HTTP/1.1 429"));
+  EXPECT_THAT(exchange(get("/status", kToken)), StartsWith("HTTP/1.1 200"));
+  // The WebSocket shares the limit.
+  const auto guessing = openWebSocket();
+  sendText(guessing, authMessage("guess"));
+  EXPECT_THAT(received(guessing), ElementsAre(closeFrame(1013, "Try again later")));
+  time->advance(60s);
+  EXPECT_THAT(exchange(get("/status", "guess")), StartsWith("HTTP/1.1 401"));
+
+  tokens->fails = true;
+  EXPECT_THAT(exchange(get("/status", kToken)), testing::EndsWith("Server unavailable"));
+  EXPECT_TRUE(log.contains("Server: Viewer token lookup failed: no keyring"));
+}
+
+TEST_F(ServerHTTPTest, StatusIsTheSnapshotAsJson) {
+  time->advance(2900ms);
+  audio->append({0, 48'000, 2, 1, Bytes(4)});
+  broadcast(10, true);
+  const auto bare = exchange(get("/status", kToken));
+  EXPECT_THAT(bare, testing::EndsWith(R"({"viewerConnected":false,"audioSequence":1,"storedAudioChunks":1,)"
+                                      R"("storedVideoPackets":1,"outboundVideoFrames":0,)"
+                                      R"("droppedOutboundFrames":0,"bytesSent":0,"uptimeSeconds":2})"));
+  sendText(connectViewer(),
+           R"({"type":"telemetry","viewerFPS":59.5,"decodeMilliseconds":2,"videoBufferMilliseconds":3,)"
+           R"("audioBufferMilliseconds":4,"audioDriftMilliseconds":-5,"reconnects":6,)"
+           R"("videoBufferRebuildTargetMilliseconds":10000})");
+  EXPECT_THAT(exchange(get("/status", kToken)),
+              HasSubstr(R"("viewer":{"viewerFPS":59.5,"decodeMilliseconds":2.0,"videoBufferMilliseconds":3,)"
+                        R"("audioBufferMilliseconds":4,"audioDriftMilliseconds":-5,"reconnects":6,)"
+                        R"("videoBufferRebuildTargetMilliseconds":10000})"));
+}
+
+class AudioPollTest : public ServerTest {
+ protected:
+  Connection poll(const std::string& after) {
+    auto connection = network->connect();
+    connection->deliver(get("/audio" + after, kToken));
+    time->runReady();
+    return connection;
+  }
+  void store(int count, std::int64_t sampleRate = 48'000) {
+    for (int index = 0; index < count; ++index) {
+      const auto stamp = audio->latestSequence() * 1000 + 1000;
+      audio->append({stamp, sampleRate, 2, 480, Bytes(2, static_cast<std::uint8_t>('a' + index))});
+    }
+  }
+};
+
+TEST_F(AudioPollTest, GivesAFullBatchAtOnceAndASmallOneAfterAWhile) {
+  store(3);
+  const auto waiting = poll("?after=1");
+  time->advance(240ms);
+  EXPECT_EQ(waiting->sent, "");
+  time->advance(20ms);
+  EXPECT_EQ(waiting->sent,
+            "HTTP/1.1 200 OK\r\nCache-Control: no-store\r\nConnection: close\r\nContent-Length: 4\r\n"
+            "Content-Type: application/octet-stream\r\nCross-Origin-Resource-Policy: same-origin\r\n"
+            "Referrer-Policy: no-referrer\r\nX-Audio-Channels: 2\r\nX-Audio-Format: s16le\r\n"
+            "X-Audio-Frames: 960\r\nX-Audio-PTS: 2000\r\nX-Audio-Sample-Rate: 48000\r\n"
+            "X-Audio-Sequence: 3\r\nX-Content-Type-Options: nosniff\r\n\r\nbbcc");
+  const auto filling = poll("");
+  store(7);
+  time->advance(20ms);
+  EXPECT_THAT(filling->sent, HasSubstr("X-Audio-Sequence: 10\r\n"));
+  EXPECT_THAT(poll("?after=0")->sent, HasSubstr("X-Audio-Sequence: 10\r\n"));
+}
+
+TEST_F(AudioPollTest, AnswersNoContentAfterTenSeconds) {
+  store(2);
+  const auto connection = poll("?after=2");
+  connection->deliver(std::string(100'000, 'x'));  // ignored, and not kept
+  time->advance(9990ms);
+  EXPECT_EQ(connection->sent, "");
+  time->advance(20ms);
+  EXPECT_THAT(connection->sent, StartsWith("HTTP/1.1 204 No Content\r\nCache-Control: no-store\r\n"));
+  EXPECT_THAT(connection->sent, HasSubstr("X-Audio-Sequence: 2\r\n"));
+}
+
+TEST_F(AudioPollTest, ReadsTheNumberToContinueFrom) {
+  store(10);
+  const auto answers = [this](const std::string& after) { return !poll("?after=" + after)->sent.empty(); };
+  for (const auto* fromTheOldest :
+       {"", "0", "-0", "-5", "x", "1x", "+", "18446744073709551616", "1.0", "%201"}) {
+    EXPECT_TRUE(answers(fromTheOldest)) << fromTheOldest;
+  }
+  for (const auto* later : {"1", "+1", "18446744073709551615", "01"}) EXPECT_FALSE(answers(later)) << later;
+}
+
+TEST_F(AudioPollTest, EndsWithItsConnection) {
+  const auto connection = poll("");
+  connection->deliverEnd();
+  time->runReady();
+  EXPECT_TRUE(connection->cancelled);
+  EXPECT_EQ(time->pendingDelayedWork(), 0u);
+}
+
+}  // namespace
+}  // namespace kestrune

@@ -1,0 +1,112 @@
+#include "ServerFixture.h"
+
+namespace kestrune {
+namespace {
+
+class ServerLifecycleTest : public ServerTest {
+ protected:
+  void SetUp() override {}
+};
+
+TEST_F(ServerLifecycleTest, StartsOnLoopbackOnce) {
+  EXPECT_EQ(server->localURL(), "http://127.0.0.1:8080");
+  startServer();
+  EXPECT_EQ(startResult, "started");
+  EXPECT_EQ(network->endpoints.at(0).host, "127.0.0.1");
+  EXPECT_EQ(network->endpoints.at(0).port, 8080);
+  EXPECT_TRUE(log.contains("Server: Local viewer server ready on 127.0.0.1:8080"));
+  startServer();
+  EXPECT_EQ(startResult, "Streaming is already running.");
+  EXPECT_THAT(exchange(get("/health")), HasSubstr("{\"ok\":true}"));
+}
+
+TEST_F(ServerLifecycleTest, TellsWhyItCannotStart) {
+  tokens->fails = true;
+  startServer();
+  EXPECT_EQ(startResult, "no keyring");
+  tokens->fails = false;
+
+  network->outcome = TcpListener::State::failed;
+  network->reason = "Address already in use";
+  startServer();
+  EXPECT_EQ(startResult, "Address already in use");
+  EXPECT_TRUE(log.contains("Server: Local viewer server failed: Address already in use"));
+  EXPECT_FALSE(network->isListening());
+
+  network->outcome = TcpListener::State::cancelled;
+  startServer();
+  EXPECT_EQ(startResult, "The local streaming server is not ready.");
+  stopServer();
+
+  network->outcome = TcpListener::State::ready;
+  startServer();
+  EXPECT_EQ(startResult, "started");
+}
+
+TEST_F(ServerLifecycleTest, AStopOvertakesAStart) {
+  network->outcome = TcpListener::State::setup;
+  startServer();
+  stopServer();
+  EXPECT_THAT(events, ElementsAre("stopped"));
+  EXPECT_EQ(startResult, "");
+  network->outcome = TcpListener::State::ready;
+  startServer();
+  EXPECT_EQ(startResult, "started");
+}
+
+TEST_F(ServerLifecycleTest, StopLeavesNothingBehind) {
+  startServer();
+  const auto viewer = connectViewer();
+  enterControlMode(viewer);
+  audio->append({0, 48'000, 2, 1, Bytes(4)});
+  const auto poll = network->connect();
+  poll->deliver(get("/audio?after=1", kToken));
+  const auto waiting = network->connect();
+  time->runReady();
+  EXPECT_EQ(snapshot().storedAudioChunks, 1);
+
+  stopServer();
+  EXPECT_THAT(seen(), ElementsAre("disconnected", "controlEnded", "stopped"));
+  for (const auto& connection : {viewer, poll, waiting}) EXPECT_TRUE(connection->cancelled);
+  EXPECT_TRUE(log.contains("Server: Local viewer server stopped"));
+  const auto after = snapshot();
+  EXPECT_FALSE(after.viewerConnected);
+  EXPECT_EQ(after.bytesSent, 0u);
+  EXPECT_EQ(after.storedAudioChunks + after.storedVideoPackets + after.uptimeSeconds, 0);
+  time->advance(30s);
+  EXPECT_EQ(poll->sent, "");
+  EXPECT_EQ(time->pendingDelayedWork(), 0u);
+
+  startServer();
+  connectViewer();
+  EXPECT_EQ(snapshot().audioSequence, 1u);
+}
+
+TEST_F(ServerLifecycleTest, StopTellsOfAPlayingViewer) {
+  startServer();
+  connectViewer();
+  stopServer();
+  EXPECT_THAT(seen(), ElementsAre("disconnected playing", "stopped"));
+}
+
+TEST_F(ServerLifecycleTest, AListenerThatFailsLaterStopsTheServer) {
+  startServer();
+  const auto viewer = connectViewer();
+  network->changeListenerState(TcpListener::State::failed, "gone");
+  time->runReady();
+  EXPECT_TRUE(viewer->cancelled);
+  EXPECT_THAT(seen(), ElementsAre("disconnected playing"));
+}
+
+TEST_F(ServerLifecycleTest, ItsEndCancelsWhatIsOpen) {
+  startServer();
+  const auto viewer = connectViewer();
+  server->broadcastVideo({std::make_shared<const Bytes>(1), true, 0});
+  server.reset();
+  time->advance(60s);
+  EXPECT_TRUE(viewer->cancelled);
+  EXPECT_EQ(network->listenersCancelled, 1u);
+}
+
+}  // namespace
+}  // namespace kestrune
