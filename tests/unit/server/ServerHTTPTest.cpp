@@ -87,7 +87,7 @@ TEST_F(ServerHTTPTest, ConnectionsThatFailAreEnded) {
   time->runReady();
   EXPECT_TRUE(reset->cancelled);
   EXPECT_TRUE(failed->cancelled);
-  EXPECT_TRUE(log.contains("Server: Viewer connection ended: broken"));
+  EXPECT_TRUE(log.contains("debug [Server] Viewer connection ended: broken"));
 }
 
 TEST_F(ServerHTTPTest, DataRoutesWantTheTokenAndLimitGuessing) {
@@ -109,7 +109,7 @@ TEST_F(ServerHTTPTest, DataRoutesWantTheTokenAndLimitGuessing) {
 
   tokens->fails = true;
   EXPECT_THAT(exchange(get("/status", kToken)), testing::EndsWith("Server unavailable"));
-  EXPECT_TRUE(log.contains("Server: Viewer token lookup failed: no keyring"));
+  EXPECT_TRUE(log.contains("error [Server] Viewer token lookup failed: no keyring"));
 }
 
 TEST_F(ServerHTTPTest, StatusIsTheSnapshotAsJson) {

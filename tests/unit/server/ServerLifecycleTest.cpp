@@ -14,7 +14,7 @@ TEST_F(ServerLifecycleTest, StartsOnLoopbackOnce) {
   EXPECT_EQ(startResult, "started");
   EXPECT_EQ(network->endpoints.at(0).host, "127.0.0.1");
   EXPECT_EQ(network->endpoints.at(0).port, 8080);
-  EXPECT_TRUE(log.contains("Server: Local viewer server ready on 127.0.0.1:8080"));
+  EXPECT_TRUE(log.contains("notice [Server] Local viewer server ready on 127.0.0.1:8080"));
   startServer();
   EXPECT_EQ(startResult, "Streaming is already running.");
   EXPECT_THAT(exchange(get("/health")), HasSubstr("{\"ok\":true}"));
@@ -30,7 +30,7 @@ TEST_F(ServerLifecycleTest, TellsWhyItCannotStart) {
   network->reason = "Address already in use";
   startServer();
   EXPECT_EQ(startResult, "Address already in use");
-  EXPECT_TRUE(log.contains("Server: Local viewer server failed: Address already in use"));
+  EXPECT_TRUE(log.contains("error [Server] Local viewer server failed: Address already in use"));
   EXPECT_FALSE(network->isListening());
 
   network->outcome = TcpListener::State::cancelled;
@@ -68,7 +68,7 @@ TEST_F(ServerLifecycleTest, StopLeavesNothingBehind) {
   stopServer();
   EXPECT_THAT(seen(), ElementsAre("disconnected", "controlEnded", "stopped"));
   for (const auto& connection : {viewer, poll, waiting}) EXPECT_TRUE(connection->cancelled);
-  EXPECT_TRUE(log.contains("Server: Local viewer server stopped"));
+  EXPECT_TRUE(log.contains("notice [Server] Local viewer server stopped"));
   const auto after = snapshot();
   EXPECT_FALSE(after.viewerConnected);
   EXPECT_EQ(after.bytesSent, 0u);

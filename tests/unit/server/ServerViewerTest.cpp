@@ -29,7 +29,7 @@ TEST_F(ServerViewerTest, GreetsAViewerInOrder) {
           R"("captureDroppedFrames":0,"encoderPendingFrames":0,"serverPendingFrames":0,)"
           R"("networkDroppedFrames":0,"audioChannels":2})"));
   EXPECT_THAT(seen(), ElementsAre("connected", "keyframe"));
-  EXPECT_TRUE(log.contains("Server: Authenticated viewer connected"));
+  EXPECT_TRUE(log.contains("notice [Server] Authenticated viewer connected"));
 
   server->updateStreamSettings(StreamProfile::safe, StreamFrameRate::fps24, StreamVideoCodec::h264);
   server->updateRemoteStreamState(RemoteStreamState::streaming, std::nullopt);
@@ -145,7 +145,7 @@ TEST_F(ServerViewerTest, TheEndOfControlIsToldBeforeTheDisconnect) {
   viewer->failReceive("reset");
   time->runReady();
   EXPECT_THAT(seen(), ElementsAre("controlEnded", "disconnected"));
-  EXPECT_TRUE(log.contains("Server: Viewer disconnected"));
+  EXPECT_TRUE(log.contains("notice [Server] Viewer disconnected"));
 }
 
 TEST_F(ServerViewerTest, ThePayloadOfAVideoFrameIsNotCopied) {
