@@ -1,0 +1,731 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <future>
+#include <stdexcept>
+#include <thread>
+
+#include "capture/CaptureContent.h"
+#include "capture/ScreenCaptureService.h"
+#include "coordination/model/KestruneError.h"
+#include "runtime/ManualTime.h"
+#include "runtime/ThreadQueue.h"
+#include "support/CapturedLog.h"
+#include "support/FakeCompression.h"
+#include "support/FakePixelTransfer.h"
+#include "support/FakeScreenCapture.h"
+
+namespace kestrune {
+namespace {
+
+using namespace std::chrono_literals;
+using Lines = std::vector<std::string>;
+
+constexpr ShareableDisplay kMain{7, {0, 0, 1920, 1080}};
+constexpr ShareableDisplay kSide{9, {1920, 0, 1280, 1024}};
+
+std::exception_ptr failure(const std::string& text) {
+  return std::make_exception_ptr(std::runtime_error(text));
+}
+
+ContentFilter displayFilter(const ShareableDisplay& display) {
+  return FakeScreenCapture().filterForDisplay(display);
+}
+
+VideoSample frame(int width = 1280, int height = 720) {
+  static const SharedPixelBuffer image = makePixelBuffer(1280, 720);
+  VideoSample sample;
+  sample.image = width == 1280 && height == 720 ? image : makePixelBuffer(width, height);
+  sample.presentationMicroseconds = 1;
+  return sample;
+}
+
+struct FakePreview final : CapturePreviewSink {
+  void enqueue(const VideoSample&) override { ++frames; }
+  void clear() override { ++clears; }
+  int frames = 0;
+  int clears = 0;
+};
+
+/// Fails, or gives as many frames as it was told to, for one sample each.
+struct FakeConverter final : AudioSampleConverter {
+  AudioPCMChunk convert(const AudioSample&, AudioChannelMode mode) override {
+    const int frames = results.front();
+    results.erase(results.begin());
+    if (frames < 0) throw std::runtime_error("bad sample");
+    AudioPCMChunk chunk;
+    chunk.channels = channelCount(mode);
+    chunk.frameCount = frames;
+    return chunk;
+  }
+  void clearCaches() override { ++clears; }
+  std::vector<int> results;
+  int clears = 0;
+};
+
+struct FakePicker final : ContentSharingPicker {
+  void setActive(bool active) override { calls.push_back(active ? "active" : "inactive"); }
+  void setConfiguration(const Configuration& made, ScreenStream&) override { configuration = made; }
+  Lines calls;
+  std::optional<Configuration> configuration;
+};
+
+Task<void> noteOutcome(Task<void> task, std::string& outcome) {
+  Task<void> body = std::move(task);
+  try {
+    co_await body;
+    outcome = "ok";
+  } catch (const KestruneError& error) {
+    outcome = error.localizedDescription();
+  }
+}
+
+class ScreenCaptureServiceTest : public ::testing::Test {
+ protected:
+  ScreenCaptureServiceTest() {
+    capture->displays = {kMain, kSide};
+    displays->displays = {kMain, kSide};
+    ScreenCaptureService::Dependencies dependencies;
+    dependencies.capture = capture;
+    dependencies.displays = displays;
+    dependencies.clock = time;
+    dependencies.compression = compression;
+    dependencies.pixelTransfer = std::make_shared<FakePixelTransferFactory>();
+    dependencies.callbackQueue = main;
+    dependencies.makeQueue = [this](const std::string& label) { return time->makeQueue(label); };
+    dependencies.picker = picker;
+    dependencies.preview = preview;
+    dependencies.audioConverter = converter;
+    dependencies.bundleIdentifier = "com.example.app";
+    service = std::make_shared<ScreenCaptureService>(std::move(dependencies));
+    service->setCallbacks(recordingCallbacks());
+  }
+
+  ScreenCaptureCallbacks recordingCallbacks() {
+    ScreenCaptureCallbacks callbacks;
+    callbacks.onSourceChanged = [this](const std::optional<CaptureSourceDescriptor>& source) {
+      events.push_back("source " + (source ? source->title : "none"));
+    };
+    callbacks.onControlTargetChanged = [this](const std::optional<RemoteControlTarget>& target) {
+      events.push_back("target " +
+                       (target ? std::to_string(target->displayID.value_or(0)) : std::string("none")));
+    };
+    callbacks.onVideoPacket = [this](const EncodedVideoPacket& packet) { packets.push_back(packet); };
+    callbacks.onAudioChunk = [this](const AudioPCMChunk& chunk) { chunks.push_back(chunk); };
+    callbacks.onMetricsChanged = [this](const StreamMetrics& metrics) { reports.push_back(metrics); };
+    callbacks.onError = [this](const std::exception_ptr& error) {
+      events.push_back("error " + localizedDescription(error));
+      EXPECT_EQ(reports.back().lastError, localizedDescription(error));
+    };
+    callbacks.onCaptureStopped = [this](const std::exception_ptr& error) {
+      events.push_back("stopped " + localizedDescription(error));
+      EXPECT_EQ(reports.back().lastError, localizedDescription(error));
+    };
+    return callbacks;
+  }
+
+  /// Runs the task as far as it comes; "ok", the message of its failure, or "waiting".
+  std::string run(Task<void> task) {
+    outcome = "waiting";
+    startTask(main, noteOutcome(std::move(task), outcome));
+    time->runReady();
+    return outcome;
+  }
+  Lines take() {
+    time->runReady();
+    return std::exchange(events, {});
+  }
+  std::shared_ptr<FakeStreamRecord> startOnMain(bool encoding = true) {
+    service->selectFilter(displayFilter(kMain), "Main Display", std::nullopt, false);
+    EXPECT_EQ(run(service->start({})), "ok");
+    if (encoding) service->setVideoEncodingEnabled(true);
+    time->runReady();
+    events.clear();
+    reports.clear();
+    return capture->latest();
+  }
+  void send(int frames = 1) {
+    for (int i = 0; i < frames; ++i) {
+      capture->latest()->sendVideo(frame());
+      time->runReady();
+    }
+  }
+  /// The output of the newest session for its last frame.
+  void emit(bool isKeyframe, std::size_t bytes = 100) {
+    Bytes data(bytes, 1);
+    const std::size_t unit = bytes - 4;
+    data[0] = data[1] = 0;
+    data[2] = static_cast<std::uint8_t>(unit >> 8);
+    data[3] = static_cast<std::uint8_t>(unit & 0xFF);
+    compression->sessions.back()->frames.back().handler(0, makeFakeSample(std::move(data), isKeyframe));
+  }
+  std::size_t encodedFrames() const {
+    std::size_t count = 0;
+    for (const auto& session : compression->sessions) count += session->frames.size();
+    return count;
+  }
+  bool lastWasForced() const { return compression->sessions.back()->frames.back().forceKeyframe; }
+
+  CapturedLog log;
+  std::shared_ptr<ManualTime> time = ManualTime::make();
+  std::shared_ptr<SerialQueue> main = time->makeQueue("main");
+  std::shared_ptr<FakeScreenCapture> capture = std::make_shared<FakeScreenCapture>();
+  std::shared_ptr<FakeDisplays> displays = std::make_shared<FakeDisplays>();
+  std::shared_ptr<FakeCompressionSessionFactory> compression =
+      std::make_shared<FakeCompressionSessionFactory>();
+  std::shared_ptr<FakePicker> picker = std::make_shared<FakePicker>();
+  std::shared_ptr<FakePreview> preview = std::make_shared<FakePreview>();
+  std::shared_ptr<FakeConverter> converter = std::make_shared<FakeConverter>();
+  std::shared_ptr<ScreenCaptureService> service;
+  std::string outcome;
+  Lines events;
+  std::vector<StreamMetrics> reports;
+  std::vector<EncodedVideoPacket> packets;
+  std::vector<AudioPCMChunk> chunks;
+};
+
+TEST(CaptureContent, TitlesFollowTheFirstIncludedContent) {
+  using Style = ContentFilter::Style;
+  using Kind = CaptureSourceDescriptor::Kind;
+  ContentFilter filter;
+  EXPECT_EQ(describeContent(filter, std::nullopt),
+            (CaptureSourceDescriptor{"Shared Content", Kind::unknown}));
+  filter.style = Style::window;
+  EXPECT_EQ(describeContent(filter, std::nullopt).title, "Window");
+  EXPECT_EQ(describeContent(filter, "Mine"), (CaptureSourceDescriptor{"Mine", Kind::window}));
+  filter.includedDisplays = {kSide};
+  EXPECT_EQ(describeContent(filter, std::nullopt).title, "Display 9");
+  filter.includedApplicationNames = {"Editor", "Mail"};
+  EXPECT_EQ(describeContent(filter, std::nullopt).title, "Editor");
+  filter.includedWindows = {{}};  // neither title nor owner: the default stays
+  EXPECT_EQ(describeContent(filter, std::nullopt).title, "Window");
+  filter.includedWindows = {{std::nullopt, "Terminal"}};
+  EXPECT_EQ(describeContent(filter, std::nullopt).title, "Terminal");
+  filter.includedWindows = {{"notes.txt", "Terminal"}};
+  EXPECT_EQ(describeContent(filter, std::nullopt).title, "notes.txt");
+  filter.style = Style::application;
+  EXPECT_EQ(describeContent(filter, std::nullopt).kind, Kind::application);
+}
+
+TEST(CaptureContent, DisplayAndTargetAreFoundByNameOrByOverlap) {
+  FakeDisplays displays;
+  displays.displays = {kMain, kSide};
+  ContentFilter filter = displayFilter(kSide);
+  EXPECT_EQ(controlTargetOfContent(filter, displays), (RemoteControlTarget{kSide.frame, 9}));
+  filter.includedDisplays.clear();
+  filter.contentRect = {1800, 0, 400, 100};  // 120 points on the main display, 280 on the other
+  EXPECT_EQ(displayOfContent(filter, displays), 9u);
+  EXPECT_EQ(controlTargetOfContent(filter, displays), (RemoteControlTarget{filter.contentRect, 9}));
+  filter.contentRect = {0, -100, 50, 100};  // touches, does not overlap
+  EXPECT_EQ(controlTargetOfContent(filter, displays),
+            (RemoteControlTarget{filter.contentRect, std::nullopt}));
+  filter.contentRect.width = 0;
+  EXPECT_FALSE(controlTargetOfContent(filter, displays));
+  filter = displayFilter(kMain);
+  filter.style = ContentFilter::Style::window;
+  EXPECT_FALSE(controlTargetOfContent(filter, displays));
+  EXPECT_FALSE(displayOfContent(filter, displays));
+}
+
+TEST(CaptureContent, TheStreamIsAskedForTheEncodersSize) {
+  ContentFilter filter = displayFilter({1, {0, 0, 1440.4, 900}});
+  filter.pointPixelScale = 2;
+  const auto made = streamConfiguration(filter, StreamProfile::high, StreamFrameRate::fps24,
+                                        AudioChannelMode::mono, false, true);
+  ScreenStreamConfiguration expected;
+  expected.width = 1600;
+  expected.height = 1000;  // of 2881 by 1800 pixels
+  expected.minimumFrameIntervalFPS = 24;
+  expected.showsCursor = false;
+  expected.channelCount = 1;
+  expected.excludesCurrentProcessAudio = false;
+  expected.streamName = "Kestrune";
+  EXPECT_EQ(made, expected);
+}
+
+TEST_F(ScreenCaptureServiceTest, SelectsDisplaysByIdentifier) {
+  EXPECT_EQ(run(service->selectDisplay(7, "Main Display", false, false)), "ok");
+  EXPECT_EQ(take(), (Lines{"source Main Display", "target 7"}));
+  EXPECT_EQ(service->selectedDisplayID(), 7u);
+  EXPECT_EQ(run(service->selectDisplay(8, std::nullopt, false, false)),
+            "The selected display is not available to ScreenCaptureKit yet.");
+  capture->contentFailure = failure("no access");
+  EXPECT_EQ(run(service->selectDisplay(9, std::nullopt, false, false)),
+            "Unable to find the selected display: no access");
+  EXPECT_EQ(take(), Lines{});
+  EXPECT_EQ(service->selectedDisplayID(), 7u);
+
+  capture->contentFailure = nullptr;
+  EXPECT_FALSE(service->clearManagedSelection(7));
+  EXPECT_EQ(run(service->selectDisplay(9, std::nullopt, true, true)), "ok");
+  EXPECT_EQ(take(), (Lines{"source Display 9", "target 9"}));
+  EXPECT_FALSE(service->selectedDisplayID());
+  EXPECT_FALSE(service->clearManagedSelection(7));
+  EXPECT_EQ(run(service->start({})), "ok");
+  EXPECT_FALSE(capture->latest()->configuration.excludesCurrentProcessAudio);
+  EXPECT_FALSE(service->clearManagedSelection(9));
+  EXPECT_EQ(run(service->stop()), "ok");
+  EXPECT_TRUE(service->clearManagedSelection(9));
+  EXPECT_EQ(run(service->start({})), "Choose a screen, window, or app first.");
+  EXPECT_EQ(take(), Lines{});
+}
+
+TEST_F(ScreenCaptureServiceTest, StartsOneStream) {
+  service->selectFilter(displayFilter(kMain), std::nullopt, std::nullopt, false);
+  service->setVideoEncodingEnabled(true);  // without a stream it is only stored, and a start resets it
+  capture->holdsStart = true;
+  EXPECT_EQ(run(service->start({})), "waiting");
+  EXPECT_FALSE(service->isRunning());
+  std::string second;
+  startTask(main, noteOutcome(service->start({}), second));
+  time->runReady();
+  EXPECT_EQ(second, "Streaming is already running.");
+  const auto stream = capture->latest();
+  stream->sendVideo(frame());
+  time->runReady();
+  stream->complete();
+  time->runReady();
+  EXPECT_EQ(outcome, "ok");
+  EXPECT_TRUE(service->isRunning());
+  EXPECT_EQ(reports.back(), StreamMetrics{});
+  EXPECT_EQ(stream->videoQueue->name(), "com.fennwick.Kestrune.capture.video");
+  EXPECT_EQ(stream->audioQueue->name(), "com.fennwick.Kestrune.capture.audio");
+  ASSERT_TRUE(picker->configuration);
+  EXPECT_EQ(picker->configuration->allowedPickerModes, 21u);
+  EXPECT_TRUE(picker->configuration->allowsChangingSelectedContent);
+  EXPECT_EQ(picker->configuration->excludedBundleIDs, Lines{"com.example.app"});
+  EXPECT_TRUE(log.contains("info [Capture] Screen and system-audio capture started"));
+  EXPECT_TRUE(log.contains("info [Audio] System audio capture ready at 48 kHz with 2 channel(s)"));
+  EXPECT_EQ(run(service->start({})), "Streaming is already running.");
+  EXPECT_EQ(capture->streamCount(), 1u);
+  send();
+  EXPECT_EQ(encodedFrames(), 0u);
+}
+
+TEST_F(ScreenCaptureServiceTest, AFailedStartKeepsTheSelectionAndNothingElse) {
+  service->selectFilter(displayFilter(kMain), std::nullopt, std::nullopt, false);
+  capture->outputRefusal = failure("no output");
+  EXPECT_EQ(run(service->start({})), "Unable to start screen capture: no output");
+  capture->outputRefusal = nullptr;
+  capture->outcomes = {failure("no display")};
+  EXPECT_EQ(run(service->start({})), "Unable to start screen capture: no display");
+  // Ends between the completion of its start and the turn in which the service would store it.
+  capture->holdsStart = true;
+  EXPECT_EQ(run(service->start({})), "waiting");
+  capture->latest()->complete();
+  capture->latest()->onStopped(failure("unplugged"));
+  time->runReady();
+  EXPECT_EQ(outcome, "Unable to start screen capture: unplugged");
+  EXPECT_FALSE(service->isRunning());
+  EXPECT_FALSE(capture->latest()->isAlive);
+  EXPECT_TRUE(reports.empty());
+  // A start whose completion is dropped leaves the way free.
+  EXPECT_EQ(run(service->start({})), "waiting");
+  capture->latest()->waiting.clear();
+  capture->holdsStart = false;
+  EXPECT_EQ(run(service->start({})), "ok");
+}
+
+TEST_F(ScreenCaptureServiceTest, ASourceChosenDuringTheStartIsTakenOver) {
+  service->selectFilter(displayFilter(kMain), std::nullopt, std::nullopt, false);
+  capture->holdsStart = true;
+  EXPECT_EQ(run(service->start({})), "waiting");
+  service->selectFilter(displayFilter(kSide), std::nullopt, std::nullopt, false);
+  const auto stream = capture->latest();
+  stream->holds = false;
+  stream->complete();
+  time->runReady();
+  EXPECT_EQ(stream->filter.includedDisplays.front().id, 7u);
+  ASSERT_EQ(stream->filters.size(), 1u);
+  EXPECT_EQ(stream->filters.front().includedDisplays.front().id, 9u);
+  EXPECT_EQ(take().back(), "target 9");
+}
+
+TEST_F(ScreenCaptureServiceTest, CountsShowsAndEncodesFrames) {
+  const auto stream = startOnMain(false);
+  send();
+  EXPECT_EQ(preview->frames, 1);
+  for (const int missing : {0, 1, 2}) {
+    VideoSample sample = frame();
+    if (missing == 0) sample.isValid = false;
+    if (missing == 1) sample.isDataReady = false;
+    if (missing == 2) sample.image = nullptr;
+    stream->sendVideo(sample);
+  }
+  time->runReady();
+  EXPECT_EQ(service->metrics().capturedFrames, 1u);
+  EXPECT_EQ(preview->frames, 1);
+  EXPECT_EQ(encodedFrames(), 0u);
+
+  service->setVideoEncodingEnabled(true);
+  EXPECT_EQ(stream->frameRequests, 1);  // a still screen does not keep the viewer waiting
+  send(2);
+  EXPECT_EQ(encodedFrames(), 2u);
+  EXPECT_TRUE(compression->sessions.back()->frames[0].forceKeyframe);
+  EXPECT_FALSE(lastWasForced());
+  emit(true);
+  time->runReady();
+  ASSERT_EQ(packets.size(), 1u);
+  EXPECT_TRUE(packets[0].isKeyframe);
+  EXPECT_EQ(service->metrics().encodedFrames, 1u);
+
+  service->requestKeyframe();
+  EXPECT_EQ(stream->frameRequests, 2);
+  send();
+  EXPECT_TRUE(lastWasForced());
+  service->setVideoEncodingEnabled(true);  // once more: a keyframe once more
+  EXPECT_EQ(stream->frameRequests, 3);
+  send();
+  EXPECT_TRUE(lastWasForced());
+
+  service->setVideoEncodingEnabled(false);
+  service->requestKeyframe();
+  EXPECT_EQ(stream->frameRequests, 3);
+  send();
+  EXPECT_EQ(encodedFrames(), 4u);
+  EXPECT_TRUE(reports.empty());  // within the first second
+}
+
+TEST_F(ScreenCaptureServiceTest, DropsAreReportedOneByOne) {
+  const auto stream = startOnMain();
+  // Four frames arrive before the encoder's queue has a turn.
+  for (int i = 0; i < 4; ++i) stream->video(frame());
+  time->runReady();
+  EXPECT_EQ(encodedFrames(), 2u);
+  ASSERT_EQ(reports.size(), 2u);
+  EXPECT_EQ(reports[0].droppedFrames, 1u);
+  EXPECT_EQ(reports[1].droppedFrames, 2u);
+  EXPECT_EQ(reports[1].encoderPendingFrames, 2);
+  EXPECT_EQ(service->metrics().encoderPendingFrames, 0);
+}
+
+TEST_F(ScreenCaptureServiceTest, RatesAreThoseOfTheRealTime) {
+  startOnMain();
+  for (int i = 0; i < 5; ++i) {
+    send();
+    emit(false, 1000);
+  }
+  time->advance(999ms);
+  send();
+  EXPECT_TRUE(reports.empty());
+  time->advance(1001ms);
+  EXPECT_TRUE(reports.empty());  // no timer: nothing arrived
+  send();
+  ASSERT_EQ(reports.size(), 1u);
+  EXPECT_NEAR(reports[0].captureFPS, 7 / 2.0, 1e-9);
+  EXPECT_NEAR(reports[0].encodeFPS, 5 / 2.0, 1e-9);
+  EXPECT_NEAR(reports[0].bitRateMbps, 5 * 1000 * 8 / 2.0 / 1e6, 1e-9);
+  time->advance(4s);
+  emit(false);  // packets tick as well
+  time->runReady();
+  ASSERT_EQ(reports.size(), 2u);
+  EXPECT_EQ(reports[1].captureFPS, 0);
+  EXPECT_NEAR(reports[1].encodeFPS, 0.25, 1e-9);
+  EXPECT_EQ(run(service->stop()), "ok");
+  EXPECT_EQ(service->metrics().capturedFrames, 7u);
+  EXPECT_EQ(run(service->start({})), "ok");
+  EXPECT_EQ(service->metrics(), StreamMetrics{});
+}
+
+TEST_F(ScreenCaptureServiceTest, VideoSettingsChangeUnderTheRunningStream) {
+  const ScreenCaptureService::VideoSettings settings{StreamProfile::safe, StreamFrameRate::fps30,
+                                                     StreamVideoCodec::hevc, StreamBitRate::high,
+                                                     StreamVideoEncoderKind::software};
+  EXPECT_EQ(run(service->updateVideoSettings(settings)), "ok");
+  EXPECT_EQ(capture->streamCount(), 0u);
+
+  const auto stream = startOnMain();
+  send();
+  stream->holds = true;
+  EXPECT_EQ(run(service->updateVideoSettings(settings)), "waiting");
+  send();  // the old encoder goes on meanwhile
+  EXPECT_EQ(compression->sessions.size(), 1u);
+  EXPECT_EQ(encodedFrames(), 2u);
+  stream->complete();
+  time->runReady();
+  EXPECT_EQ(outcome, "ok");
+  EXPECT_EQ(stream->configurations.back().width, 960);
+  EXPECT_EQ(stream->configurations.back().minimumFrameIntervalFPS, 30);
+  EXPECT_EQ(stream->calls, (Lines{"start", "configuration"}));
+  EXPECT_EQ(converter->clears, 1);
+  EXPECT_EQ(stream->frameRequests, 2);
+  EXPECT_TRUE(log.contains(
+      "notice [Capture] Video settings changed to H.265 (Experimental), 540p, 6 Mbps at 30 fps using "
+      "CPU — Apple software"));
+  send();
+  EXPECT_EQ(compression->sessions[0]->invalidateCalls, 1);
+  EXPECT_EQ(compression->sessions[1]->codec, VideoCodecType::hvc1);
+  EXPECT_TRUE(lastWasForced());
+
+  EXPECT_EQ(run(service->updateVideoSettings({})), "waiting");
+  stream->complete(failure("refused"));
+  time->runReady();
+  EXPECT_EQ(outcome, "Unable to change video quality: refused");
+  send();
+  EXPECT_EQ(compression->sessions.size(), 2u);
+  EXPECT_EQ(compression->sessions[1]->frames.size(), 2u);
+}
+
+TEST_F(ScreenCaptureServiceTest, WhatHappensDuringAChangeOfSettingsIsKept) {
+  const auto stream = startOnMain();
+  stream->holds = true;
+  EXPECT_EQ(run(service->updateVideoSettings({})), "waiting");
+  service->setVideoEncodingEnabled(false);
+  stream->complete();
+  time->runReady();
+  service->setVideoEncodingEnabled(true);
+  send();
+  EXPECT_EQ(encodedFrames(), 1u);
+
+  EXPECT_EQ(run(service->updateVideoSettings({})), "waiting");
+  stream->onStopped(failure("gone"));
+  stream->complete();
+  time->runReady();
+  EXPECT_EQ(outcome, "ok");
+  EXPECT_FALSE(service->isRunning());
+  EXPECT_FALSE(stream->isAlive);
+}
+
+TEST_F(ScreenCaptureServiceTest, SelectionsOnARunningStreamHappenOneAfterTheOther) {
+  const auto stream = startOnMain();
+  stream->holds = true;
+  service->selectFilter(displayFilter(kSide), "First", std::nullopt, false);
+  service->selectFilter(displayFilter({11, {0, 0, 800, 600}}), "Second", std::nullopt, true);
+  EXPECT_EQ(take(), (Lines{"target none", "target none"}));
+  EXPECT_EQ(stream->filters.size(), 1u);
+  EXPECT_EQ(service->selectedDisplayID(), 7u);
+  stream->complete();  // the first filter: overtaken, so nothing is stored or told
+  time->runReady();
+  EXPECT_EQ(stream->calls.back(), "configuration");
+  EXPECT_EQ(stream->filters.size(), 1u);
+  stream->complete();
+  EXPECT_EQ(take(), Lines{});
+  ASSERT_EQ(stream->filters.size(), 2u);
+  stream->complete();
+  EXPECT_EQ(take(), (Lines{"source Second", "target 11"}));
+  EXPECT_EQ(service->selectedDisplayID(), 11u);
+  stream->complete();
+  time->runReady();
+  EXPECT_EQ(stream->configurations.back().width, 800);
+  EXPECT_FALSE(stream->configurations.back().excludesCurrentProcessAudio);
+  EXPECT_EQ(stream->frameRequests, 3);  // once for the encoding, once for each change
+  send();
+  EXPECT_TRUE(lastWasForced());
+}
+
+TEST_F(ScreenCaptureServiceTest, RefusedSelectionsAnnounceTheOldOneUnlessOvertaken) {
+  const auto stream = startOnMain();
+  stream->outcomes = {failure("no")};
+  service->selectFilter(displayFilter(kSide), "Side", std::nullopt, false);
+  EXPECT_EQ(take(), (Lines{"target none", "source Main Display", "target 7",
+                           "error Unable to change the capture source: no"}));
+  EXPECT_EQ(service->selectedDisplayID(), 7u);
+
+  stream->holds = true;
+  service->selectFilter(displayFilter(kSide), "Side", std::nullopt, false);
+  service->selectFilter(displayFilter(kSide), "Side again", std::nullopt, false);
+  time->runReady();
+  stream->complete(failure("no"));
+  EXPECT_EQ(take(), (Lines{"target none", "target none", "error Unable to change the capture source: no"}));
+  stream->complete();
+  time->runReady();
+  stream->complete(failure("too small"));
+  EXPECT_EQ(take(), (Lines{"source Side again", "target 9",
+                           "error Unable to resize the changed capture source: too small"}));
+  EXPECT_EQ(service->selectedDisplayID(), 9u);
+  EXPECT_TRUE(log.contains("error [Capture] Unable to resize the changed capture source: too small"));
+}
+
+TEST_F(ScreenCaptureServiceTest, ThePickerChoosesCancelsAndFails) {
+  ContentFilter window;
+  window.style = ContentFilter::Style::window;
+  window.includedWindows = {{"Notes", std::nullopt}};
+  service->pickerDidUpdate(window);
+  EXPECT_EQ(take(), (Lines{"source Notes", "target none"}));
+  service->pickerDidCancel();
+  service->pickerStartDidFail(failure("no picker"));
+  EXPECT_EQ(take(), Lines{"error Unable to show the screen picker: no picker"});
+  EXPECT_EQ(picker->calls, (Lines{"inactive", "inactive", "inactive"}));
+}
+
+TEST_F(ScreenCaptureServiceTest, StopLetsGoOfTheStreamWhateverTheSystemSays) {
+  EXPECT_EQ(run(service->stop()), "ok");
+  EXPECT_EQ(preview->clears, 1);
+  const auto stream = startOnMain();
+  send();
+  stream->outcomes = {failure("busy")};
+  EXPECT_EQ(run(service->stop()), "Unable to stop screen capture cleanly: busy");
+  EXPECT_FALSE(service->isRunning());
+  EXPECT_FALSE(stream->isAlive);
+  EXPECT_EQ(preview->clears, 2);
+  EXPECT_EQ(picker->calls, (Lines{"inactive", "inactive"}));
+  EXPECT_EQ(compression->sessions[0]->invalidateCalls, 1);
+  EXPECT_TRUE(log.contains("info [Capture] Screen capture stopped"));
+  // A frame that was on its way counts for nothing and is not shown.
+  stream->video(frame());
+  EXPECT_EQ(preview->frames, 1);
+  EXPECT_EQ(service->metrics().capturedFrames, 1u);
+  stream->onStopped(failure("late"));
+  EXPECT_EQ(take(), Lines{});
+}
+
+TEST_F(ScreenCaptureServiceTest, AStreamThatEndsByItselfIsReportedOnceAndOnlyIfCurrent) {
+  const auto old = startOnMain();
+  EXPECT_EQ(run(service->stop()), "ok");
+  const auto stream = startOnMain();
+  old->onStopped(failure("old"));
+  EXPECT_EQ(take(), Lines{});
+  EXPECT_TRUE(service->isRunning());
+
+  stream->onStopped(failure("unplugged"));
+  EXPECT_TRUE(stream->isAlive);  // it may be the stream's own thread that tells: it is ended elsewhere
+  EXPECT_EQ(take(), Lines{"stopped Screen capture stopped unexpectedly: unplugged"});
+  EXPECT_FALSE(stream->isAlive);
+  EXPECT_FALSE(service->isRunning());
+  EXPECT_TRUE(log.contains("error [Capture] Screen capture stopped unexpectedly: unplugged"));
+  EXPECT_EQ(service->selectedDisplayID(), 7u);
+  EXPECT_EQ(run(service->start({})), "ok");
+}
+
+TEST_F(ScreenCaptureServiceTest, OneRunOfBadSoundIsOneReport) {
+  const auto stream = startOnMain(false);
+  converter->results = {480, -1, -1, 0, -1, 960};
+  for (std::size_t i = converter->results.size(); i > 0; --i) stream->sendAudio({});
+  EXPECT_EQ(take(), (Lines{"error bad sample", "error bad sample"}));
+  ASSERT_EQ(chunks.size(), 2u);
+  EXPECT_EQ(chunks[0].frameCount, 480);
+  EXPECT_EQ(chunks[0].channels, 2);
+  EXPECT_EQ(chunks[1].frameCount, 960);
+  EXPECT_TRUE(log.contains("error [Audio] Audio conversion failed: bad sample"));
+}
+
+TEST_F(ScreenCaptureServiceTest, EncoderFailuresAreReportedAndSurvived) {
+  startOnMain();
+  compression->createStatuses = {-1, -2};
+  send();
+  EXPECT_EQ(take(), Lines{"error Unable to create the H.264 encoder (OSStatus -2)."});
+  send();
+  EXPECT_EQ(encodedFrames(), 1u);
+}
+
+TEST_F(ScreenCaptureServiceTest, AHeldUpOwnerGetsABoundedBacklogAndThenAKeyframe) {
+  const auto stream = startOnMain();
+  send();
+  // The callback queue has no turn while these come.
+  for (int i = 0; i < 300; ++i) emit(i == 0);
+  const int requested = stream->frameRequests;
+  time->runReady();
+  EXPECT_EQ(packets.size(), 240u);
+  emit(false);  // it builds on what was dropped
+  EXPECT_EQ(stream->frameRequests, requested + 1);
+  time->runReady();
+  EXPECT_EQ(packets.size(), 240u);
+  emit(true);
+  emit(false);
+  time->runReady();
+  EXPECT_EQ(packets.size(), 242u);
+}
+
+/// Answers at once, on the encoder's queue, as a real session may.
+struct InstantSessions final : CompressionSessionFactory {
+  struct Session final : CompressionSession {
+    MediaStatus setProperty(const CompressionProperty&) override { return 0; }
+    MediaStatus prepareToEncode() override { return 0; }
+    MediaStatus encode(const SharedPixelBuffer&, std::optional<std::int64_t>, std::int64_t, bool key,
+                       OutputHandler handler) override {
+      handler(0, makeFakeSample({0, 0, 0, 1, 0x65}, key));
+      return 0;
+    }
+    MediaStatus completeFrames() override { return 0; }
+    void invalidate() override {}
+  };
+  Result create(std::int32_t, std::int32_t, VideoCodecType,
+                const std::optional<EncoderSpecification>&) override {
+    return {0, std::make_unique<Session>()};
+  }
+};
+struct NoTransfers final : PixelTransferFactory {
+  std::unique_ptr<PixelTransferSession> createSession() override { return nullptr; }
+  std::unique_ptr<PixelBufferPool> createPool(int, int) override { return nullptr; }
+  std::shared_ptr<PixelBuffer> createBuffer(int, int) override { return nullptr; }
+};
+
+Task<void> tolerate(Task<void> task) {
+  Task<void> body = std::move(task);
+  try {
+    co_await body;
+  } catch (const KestruneError&) {
+    // The stream ended under the operation.
+  }
+}
+
+Task<void> driveStreams(std::shared_ptr<ScreenCaptureService> service, std::promise<void>& done) {
+  for (int round = 0; round < 60; ++round) {
+    auto selecting = tolerate(service->selectDisplay(7, std::nullopt, false, false));
+    co_await selecting;
+    auto starting = tolerate(service->start({}));
+    co_await starting;
+    service->setVideoEncodingEnabled(true);
+    service->selectFilter(displayFilter(kSide), std::nullopt, std::nullopt, false);
+    auto updating = tolerate(service->updateVideoSettings({}));
+    co_await updating;
+    service->requestKeyframe();
+    if (round % 2 == 0) continue;
+    auto stopping = tolerate(service->stop());
+    co_await stopping;
+  }
+  done.set_value();
+}
+
+TEST(ScreenCaptureServiceThreads, OperationsAndFramesMeetFromDifferentThreads) {
+  const CapturedLog log;
+  auto main = std::make_shared<ThreadQueue>("main");
+  auto capture = std::make_shared<FakeScreenCapture>();
+  capture->displays = {kMain, kSide};
+  ScreenCaptureService::Dependencies dependencies;
+  dependencies.capture = capture;
+  dependencies.displays = std::make_shared<FakeDisplays>();
+  dependencies.clock = systemClock();
+  dependencies.compression = std::make_shared<InstantSessions>();
+  dependencies.pixelTransfer = std::make_shared<NoTransfers>();
+  dependencies.callbackQueue = main;
+  dependencies.makeQueue = [](const std::string& label) { return std::make_shared<ThreadQueue>(label); };
+  auto service = std::make_shared<ScreenCaptureService>(std::move(dependencies));
+  std::atomic<int> packets{0};
+  ScreenCaptureCallbacks callbacks;
+  callbacks.onVideoPacket = [&](const EncodedVideoPacket&) { ++packets; };
+  service->setCallbacks(callbacks);
+
+  std::promise<void> driven;
+  startTask(main, driveStreams(service, driven));
+  std::atomic<bool> endsStreams{true};
+  std::atomic<bool> isDone{false};
+  std::thread frames([&] {
+    for (int count = 1; !isDone; ++count) {
+      const auto stream = capture->latest();
+      if (!stream || !stream->hasOutputs) continue;
+      stream->video(frame());
+      if (count % 50 == 0 && endsStreams) stream->onStopped(failure("gone"));
+    }
+  });
+  driven.get_future().wait();
+  endsStreams = false;
+  std::promise<void> again;
+  startTask(main, driveStreams(service, again));
+  again.get_future().wait();
+  // The last round left encoding on or the stream stopped; one more start, and packets must come.
+  std::promise<void> started;
+  auto starting = startTask(main, tolerate(service->start({})));
+  starting.whenFinished([&] { started.set_value(); });
+  started.get_future().wait();
+  service->setVideoEncodingEnabled(true);
+  packets = 0;
+  while (packets < 10) std::this_thread::yield();
+  isDone = true;
+  frames.join();
+  EXPECT_TRUE(service->isRunning());
+  service = nullptr;
+}
+
+}  // namespace
+}  // namespace kestrune
