@@ -1,0 +1,321 @@
+#include "platform/linux/input/XTestInputEvents.h"
+
+#define explicit explicit_  // a name in the header of the keyboard extension
+#include <xcb/xkb.h>
+#undef explicit
+#include <xcb/xtest.h>
+#include <xkbcommon/xkbcommon-keysyms.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdlib>
+#include <functional>
+#include <mutex>
+#include <utility>
+
+#include "platform/linux/input/KeyboardMap.h"
+#include "platform/linux/input/TextTyper.h"
+#include "platform/linux/x11/DisplayLayout.h"
+#include "platform/linux/x11/X11Connection.h"
+#include "runtime/Log.h"
+#include "runtime/ThreadQueue.h"
+
+namespace kestrune::linux_platform {
+namespace {
+
+constexpr Logger kLogger("App");
+constexpr Duration kLendingTime = std::chrono::seconds(2);
+constexpr std::uint8_t kFirstWheelButton = 4;     // 4 up, 5 down, 6 left, 7 right
+constexpr xkb_keysym_t kPlaySymbol = 0x1008FF14;  // XF86AudioPlay
+constexpr std::int64_t kPlayKeyType = 16;
+
+/// The key symbol of a virtual key code of the key table.
+std::optional<xkb_keysym_t> symbolOfVirtualKey(std::uint16_t code) {
+  switch (code) {
+    case 3:
+      return XKB_KEY_f;
+    case 36:
+      return XKB_KEY_Return;
+    case 48:
+      return XKB_KEY_Tab;
+    case 49:
+      return XKB_KEY_space;
+    case 51:
+      return XKB_KEY_BackSpace;
+    case 53:
+      return XKB_KEY_Escape;
+    case 123:
+      return XKB_KEY_Left;
+    case 124:
+      return XKB_KEY_Right;
+    case 125:
+      return XKB_KEY_Down;
+    case 126:
+      return XKB_KEY_Up;
+    default:
+      return std::nullopt;
+  }
+}
+
+}  // namespace
+
+/// The connection and everything that is sent over it.
+class XTestInputEvents::Injector : public std::enable_shared_from_this<Injector> {
+ public:
+  Injector(std::string displayName, std::shared_ptr<const Clock> clock)
+      : displayName_(std::move(displayName)), clock_(std::move(clock)), queue_("x11-input", clock_) {}
+
+  /// Whether events can be sent; true without a look while some wait.
+  bool connect() {
+    std::lock_guard order(orderLock_);
+    if (waiting_ > 0) return true;
+    std::lock_guard guard(sendLock_);
+    return connectLocked();
+  }
+
+  /// Runs `send` now if nothing waits, else behind what waits.
+  void post(std::function<void(Injector&)> send, bool mayWait) {
+    {
+      std::lock_guard order(orderLock_);
+      if (!mayWait && waiting_ == 0) {
+        std::lock_guard guard(sendLock_);
+        if (connectLocked()) send(*this);
+        return;
+      }
+      if (waiting_ >= kMostWaiting) {
+        kLogger.error("Too much input is waiting; some was dropped");
+        return;
+      }
+      ++waiting_;
+    }
+    queue_.post([self = weak_from_this(), send = std::move(send)] {
+      if (const auto injector = self.lock()) injector->runWaiting(send);
+    });
+  }
+
+  std::optional<Point> cursorLocation() {
+    std::lock_guard order(orderLock_);
+    if (waiting_ > 0) return std::nullopt;  // what waits may move the pointer yet
+    std::lock_guard guard(sendLock_);
+    if (!connectLocked()) return std::nullopt;
+    const auto reply = waitForReply(*connection_, xcb_query_pointer_reply,
+                                    xcb_query_pointer(*connection_, connection_->root()));
+    if (!reply) return std::nullopt;
+    const auto origin = globalOrigin();
+    return Point{reply->root_x - origin.x, reply->root_y - origin.y};
+  }
+
+  // Called by what post() runs, under sendLock_.
+
+  void movePointer(Point position) {
+    const auto origin = globalOrigin();
+    const auto x =
+        static_cast<std::int16_t>(std::lround(std::clamp(position.x + origin.x, -32768.0, 32767.0)));
+    const auto y =
+        static_cast<std::int16_t>(std::lround(std::clamp(position.y + origin.y, -32768.0, 32767.0)));
+    xcb_test_fake_input(*connection_, XCB_MOTION_NOTIFY, 0, XCB_CURRENT_TIME, connection_->root(), x, y, 0);
+  }
+
+  void button(std::uint8_t number, bool isDown) {
+    xcb_test_fake_input(*connection_, isDown ? XCB_BUTTON_PRESS : XCB_BUTTON_RELEASE, number,
+                        XCB_CURRENT_TIME, XCB_NONE, 0, 0, 0);
+  }
+
+  void scroll(std::size_t axis, std::int32_t pixels) {
+    auto& collected = collected_.at(axis);
+    if ((pixels > 0 && collected < 0) || (pixels < 0 && collected > 0)) collected = 0;
+    collected += pixels;
+    const int steps = collected / kPixelsPerStep;
+    collected -= steps * kPixelsPerStep;
+    const auto number = static_cast<std::uint8_t>(kFirstWheelButton + 2 * axis + (steps < 0 ? 1 : 0));
+    for (int step = 0; step < std::abs(steps); ++step) {
+      button(number, true);
+      button(number, false);
+    }
+  }
+
+  void key(xkb_keysym_t symbol, bool isDown) {
+    if (!map_->refresh()) return;
+    auto found = map_->ownKey(symbol);
+    if (!found || found->needsShift) found = map_->anyKey(symbol);
+    if (!found) return;
+    sendKey(*connection_, found->code, isDown);
+    if (map_->hasLent()) scheduleGiveBack();
+  }
+
+  void type(const std::u16string& text) {
+    TextTyper(*connection_, *map_).type(text);
+    if (map_->hasLent()) scheduleGiveBack();
+  }
+
+  void flush() { xcb_flush(*connection_); }
+
+ private:
+  void runWaiting(const std::function<void(Injector&)>& send) {
+    {
+      std::lock_guard guard(sendLock_);
+      if (connectLocked()) send(*this);
+    }
+    std::lock_guard order(orderLock_);
+    --waiting_;
+  }
+
+  bool connectLocked() {
+    if (connection_ && !connection_->isBroken()) {
+      // Nobody else reads this connection's events; notices about mappings would pile up.
+      while (const XcbOwned<xcb_generic_event_t> event{xcb_poll_for_event(*connection_)}) continue;
+      return !connection_->isBroken();
+    }
+    map_.reset();
+    connection_.reset();
+    try {
+      auto connection = X11Connection::open(displayName_);
+      if (!connection->extension(xcb_test_id) || !connection->extension(xcb_xkb_id)) return false;
+      waitForReply(*connection, xcb_xkb_use_extension_reply, xcb_xkb_use_extension(*connection, 1, 0));
+      connection_ = std::move(connection);
+      map_ = std::make_unique<KeyboardMap>(*connection_, clock_);
+      collected_ = {};
+      return true;
+    } catch (const X11Error&) {
+      return false;  // the caller's event fails, and the viewer is told
+    }
+  }
+
+  Point globalOrigin() const { return readDisplayLayout(*connection_).globalOrigin(); }
+
+  void scheduleGiveBack() {
+    giveBack_.cancel();
+    giveBack_ = queue_.postAfter(kLendingTime, [self = weak_from_this()] {
+      const auto injector = self.lock();
+      if (!injector) return;
+      std::lock_guard guard(injector->sendLock_);
+      if (!injector->map_) return;
+      injector->map_->giveBack(kLendingTime);
+      if (injector->map_->hasLent()) injector->scheduleGiveBack();
+    });
+  }
+
+  const std::string displayName_;
+  const std::shared_ptr<const Clock> clock_;
+  // Typing holds sendLock_ for long; who holds orderLock_ takes sendLock_ only while nothing waits, so that
+  // nobody but the typing thread ever waits for a key code.
+  std::mutex orderLock_;  // guards waiting_; taken before sendLock_
+  int waiting_ = 0;       // events on the queue, or being sent from it
+  std::mutex sendLock_;   // guards the connection and what belongs to it
+  std::unique_ptr<X11Connection> connection_;
+  std::unique_ptr<KeyboardMap> map_;  // of connection_
+  std::array<int, 2> collected_{};    // pixels of a wheel that do not make a step yet: vertical, horizontal
+  DelayedWork giveBack_;
+  ThreadQueue queue_;
+};
+
+namespace {
+
+using Injector = XTestInputEvents::Injector;
+
+class Event final : public InputEvent {
+ public:
+  using Send = std::function<void(Injector&)>;
+  Event(std::shared_ptr<Injector> injector, Send send, bool isKeyDown = false)
+      : injector_(std::move(injector)), send_(std::move(send)), isKeyDown_(isKeyDown) {}
+
+  void setUnicodeString(std::u16string_view text) override {
+    hasText_ = true;
+    // The press types the text; its release has nothing more to say.
+    send_ = [typed = std::u16string(isKeyDown_ ? text : std::u16string_view())](Injector& injector) {
+      if (!typed.empty()) injector.type(typed);
+    };
+  }
+
+  void post() override {
+    injector_->post(
+        [send = send_](Injector& injector) {
+          send(injector);
+          injector.flush();
+        },
+        hasText_);
+  }
+
+ private:
+  const std::shared_ptr<Injector> injector_;
+  Send send_;
+  const bool isKeyDown_;
+  bool hasText_ = false;
+};
+
+class Source final : public InputEventSource {
+ public:
+  explicit Source(std::shared_ptr<Injector> injector) : injector_(std::move(injector)) {}
+
+  std::unique_ptr<InputEvent> mouseEvent(MouseEventType type, Point position, MouseButton button) override {
+    const std::uint8_t number = button == MouseButton::right ? 3 : 1;
+    return make([type, position, number](Injector& injector) {
+      injector.movePointer(position);
+      switch (type) {
+        case MouseEventType::leftDown:
+        case MouseEventType::rightDown:
+          injector.button(number, true);
+          break;
+        case MouseEventType::leftUp:
+        case MouseEventType::rightUp:
+          injector.button(number, false);
+          break;
+        case MouseEventType::moved:
+        case MouseEventType::leftDragged:
+          break;
+      }
+    });
+  }
+
+  std::unique_ptr<InputEvent> scrollEvent(std::int32_t wheel1, std::int32_t wheel2) override {
+    return make([wheel1, wheel2](Injector& injector) {
+      injector.scroll(0, wheel1);
+      injector.scroll(1, wheel2);
+    });
+  }
+
+  std::unique_ptr<InputEvent> keyboardEvent(std::uint16_t keyCode, bool isDown) override {
+    const auto symbol = symbolOfVirtualKey(keyCode);
+    if (!symbol && keyCode != 0) return nullptr;
+    return std::make_unique<Event>(
+        injector_,
+        [symbol, isDown](Injector& injector) {
+          if (symbol) injector.key(*symbol, isDown);
+        },
+        isDown);
+  }
+
+ private:
+  std::unique_ptr<InputEvent> make(Event::Send send) {
+    return std::make_unique<Event>(injector_, std::move(send));
+  }
+
+  const std::shared_ptr<Injector> injector_;
+};
+
+}  // namespace
+
+XTestInputEvents::XTestInputEvents(std::string displayName, std::shared_ptr<const Clock> clock)
+    : injector_(std::make_shared<Injector>(std::move(displayName), std::move(clock))) {}
+
+XTestInputEvents::~XTestInputEvents() = default;
+
+std::unique_ptr<InputEventSource> XTestInputEvents::createSource() {
+  return injector_->connect() ? std::make_unique<Source>(injector_) : nullptr;
+}
+
+std::optional<Point> XTestInputEvents::cursorLocation() {
+  return injector_->cursorLocation();
+}
+
+std::unique_ptr<InputEvent> XTestInputEvents::systemDefinedEvent(const SystemDefinedEvent& description) {
+  constexpr std::int64_t kStateDown = 0x0A;
+  const bool isPlayKey = description.subtype == 8 && (description.data1 >> 16) == kPlayKeyType;
+  if (!isPlayKey || !injector_->connect()) return nullptr;
+  const bool isDown = ((description.data1 >> 8) & 0xFF) == kStateDown;
+  return std::make_unique<Event>(injector_,
+                                 [isDown](Injector& injector) { injector.key(kPlaySymbol, isDown); });
+}
+
+}  // namespace kestrune::linux_platform
