@@ -1,0 +1,509 @@
+/**
+ * The viewer: puts connection, picture, input and panels together and holds the page's state.
+ */
+
+import { InputOutbox, control } from './control-protocol.js';
+import { Connection, streamAddress } from './wire-runtime.js';
+import { VideoPipeline, makePresenter } from './video-runtime.js';
+import { canDecodeHevc } from './webcodecs-hevc.js';
+import { StatisticsPanel, capabilityReport, missingCapabilities, telemetryMessage } from './reporting.js';
+import { KeyboardInput, StageInput, ViewerInterface } from './viewer-ui.js';
+
+const TOKEN_KEY = 'kestrune.token';
+const TOKEN_FORM = /^[A-Za-z0-9_-]{43}$/;
+const byId = (id) => document.getElementById(id);
+
+const RESULT_WORDS = {
+  controlDisabled: 'Remote control is turned off on the computer.',
+  permissionRequired: 'The computer does not allow Kestrune to send input. Grant the permission there.',
+  displayRequired: 'No display is being shown that could be controlled.',
+  invalidCoordinates: 'That place is outside the display.',
+  applicationUnavailable: 'The browser is not available on the computer.',
+  eventFailed: 'The computer could not do that now.',
+};
+
+/** The token from an address, a fragment or by itself; null if there is none. */
+function tokenFrom(text) {
+  const candidate = text.trim().replace(/^.*#/, '').replace(/^token=/, '');
+  return TOKEN_FORM.test(candidate) ? candidate : null;
+}
+
+/** Reads the token from the fragment and takes it out of sight; a reload finds it in the tab's session. */
+function takeToken() {
+  const token = tokenFrom(window.location.hash);
+  if (token) {
+    rememberToken(token);
+    window.history.replaceState(null, '', window.location.pathname);
+    return token;
+  }
+  try {
+    return tokenFrom(window.sessionStorage.getItem(TOKEN_KEY) || '');
+  } catch (error) {
+    return null;
+  }
+}
+
+function rememberToken(token) {
+  try {
+    if (token) window.sessionStorage.setItem(TOKEN_KEY, token);
+    else window.sessionStorage.removeItem(TOKEN_KEY);
+  } catch (error) {
+    // Storage may be forbidden; the token then lives as long as the page.
+  }
+}
+
+class Viewer {
+  constructor() {
+    this.model = {
+      missing: missingCapabilities(window),
+      hasToken: false,
+      phase: 'stopped',
+      details: {},
+      everConnected: false,
+      stream: { state: 'armed' },
+      hasPicture: false,
+      problem: null,
+      mode: 'video',
+    };
+    this.connection = null;
+    this.diagnostics = null;
+    this.settings = null;
+    this.capabilities = null;
+    this.second = { fps: 0, latency: 0, dropped: 0, kilobits: 0 }; // the last one
+    this.shownAt = -Infinity;
+    this.shownLatency = 0;
+    this.awaitedFrameSince = null; // when a frame was asked for that has to come
+    this.startAsked = false;
+    this.wakeLock = null;
+    this.wakeLockAsked = false;
+    this.counted = { shown: 0, dropped: 0, bytes: 0 };
+    this.hooks = { onFrameDecoded: null, onFrameShown: null };
+    this.ui = new ViewerInterface((action, value) => this.act(action, value));
+    this.panel = new StatisticsPanel({ plot: byId('plot'), figures: byId('figures') });
+    this.outbox = new InputOutbox({
+      send: (message) => this.send(message),
+      now: () => performance.now(),
+      defer: (callback, delay) => setTimeout(callback, delay),
+    });
+    const enabled = () => this.controlling();
+    this.stageInput = new StageInput({ stage: byId('stage'), outbox: this.outbox, ui: this.ui, enabled });
+    this.keyboard = new KeyboardInput({ outbox: this.outbox, enabled });
+  }
+
+  start() {
+    this.render();
+    if (this.model.missing.length > 0) return;
+    this.presenter = makePresenter(byId('picture-video'), byId('picture-canvas'), (info) => this.shown(info));
+    this.video = new VideoPipeline(this.presenter, {
+      requestKeyframe: () => this.send(control.keyframe()),
+      onPictureSize: (width, height) => this.ui.setPictureSize(width, height),
+      onCodecUnusable: (codec) => this.codecUnusable(codec),
+      onDecoded: (frame, receivedAt, decodedAt) => this.decoded(frame, receivedAt, decodedAt),
+    });
+    this.watchPage();
+    setInterval(() => this.everySecond(), 1000);
+    capabilityReport(window, canDecodeHevc).then((report) => {
+      this.capabilities = report;
+    });
+    this.useToken(takeToken());
+  }
+
+  useToken(token) {
+    this.model.hasToken = token !== null;
+    if (this.connection) this.connection.stop();
+    if (token) {
+      this.connection = new Connection(streamAddress(window.location), token, {
+        onPhase: (phase, details) => this.phaseChanged(phase, details),
+        onMessage: (message) => this.received(message),
+        onFrame: (body, now) => this.video.push(body, now),
+        onRoundTrip: (milliseconds) => this.video.clock.addRoundTrip(milliseconds),
+      });
+      this.connection.connect();
+    }
+    this.render();
+  }
+
+  send(message) {
+    return this.connection !== null && this.connection.send(message);
+  }
+
+  render() {
+    this.ui.render(this.model);
+  }
+
+  controlling() {
+    return this.model.mode === 'control' && this.model.phase === 'connected' && this.model.stream.state === 'streaming';
+  }
+
+  // The connection
+
+  phaseChanged(phase, details) {
+    this.model.phase = phase;
+    this.model.details = details;
+    if (phase === 'connected') {
+      this.model.everConnected = true;
+      this.startAsked = false;
+      this.video.restart();
+      // A new connection begins in video mode, whatever the last one was in.
+      if (this.model.mode === 'control') this.send(control.mode('control'));
+    } else {
+      this.outbox.clear();
+      this.stageInput.cancel();
+    }
+    if (phase === 'unauthorized') rememberToken(null);
+    this.updateWakeLock();
+    this.render();
+  }
+
+  received(message) {
+    const handlers = {
+      streamSettings: () => this.settingsChanged(message),
+      streamState: () => this.streamStateChanged(message),
+      cursorState: () => this.ui.setCursor(message),
+      hostDiagnostics: () => {
+        this.diagnostics = message;
+      },
+      mode: () => this.modeChanged(message.mode),
+      tapResult: () => this.showResult(message.result, null),
+      playPauseResult: () => this.showResult(message.result, 'Play or pause sent'),
+      fullscreenResult: () => this.showResult(message.result, 'Full-screen video switched'),
+      openChromeResult: () => this.showResult(message.result, 'Browser opened'),
+      resetBrowserResult: () => this.showResult(message.result, 'Browser reset'),
+    };
+    if (Object.prototype.hasOwnProperty.call(handlers, message.type)) handlers[message.type]();
+  }
+
+  async settingsChanged(settings) {
+    this.settings = settings;
+    this.video.setCodec(settings.codec);
+    // Said before any frame comes, so that no time is lost on frames that nobody here can decode.
+    if (settings.codec === 'hevc' && !(await canDecodeHevc())) this.send(control.simple('codecFallback'));
+  }
+
+  streamStateChanged({ state, message }) {
+    if (!['armed', 'starting', 'streaming', 'error'].includes(state)) return;
+    const before = this.model.stream.state;
+    this.model.stream = { state, message };
+    if (state !== 'streaming') {
+      this.model.problem = null;
+      if (state !== 'starting' || before === 'armed') this.model.hasPicture = false;
+      this.outbox.clear();
+    }
+    this.startWhenSeen();
+    this.updateWakeLock();
+    this.render();
+  }
+
+  /** Asks for the stream once in a connection. A host that goes back to standby later did so on purpose. */
+  startWhenSeen() {
+    if (this.startAsked || document.hidden || this.model.stream.state !== 'armed') return;
+    this.startAsked = this.send(control.startStream());
+  }
+
+  modeChanged(mode) {
+    if (mode !== 'video' && mode !== 'control') return;
+    this.model.mode = mode;
+    this.video.setVideoMode(mode === 'video');
+    if (mode === 'video') {
+      this.keyboard.toggle(false);
+      this.outbox.clear();
+    } else {
+      this.keyboard.attend();
+    }
+    this.render();
+  }
+
+  showResult(result, success) {
+    if (result === 'clicked') {
+      if (success) this.ui.toast(success);
+    } else {
+      this.ui.toast(RESULT_WORDS[result] || RESULT_WORDS.eventFailed, 'bad');
+    }
+  }
+
+  // The picture
+
+  decoded(frame, receivedAt, decodedAt) {
+    if (!this.model.hasPicture || this.model.problem) {
+      this.model.hasPicture = true;
+      this.model.problem = null;
+      this.render();
+    }
+    this.awaitedFrameSince = null;
+    if (this.hooks.onFrameDecoded) this.hooks.onFrameDecoded(frame, receivedAt, decodedAt);
+  }
+
+  shown(info) {
+    this.shownAt = info.shownAt;
+    this.shownLatency = this.video.clock.latency(info.timestamp, info.shownAt);
+    if (this.hooks.onFrameShown) this.hooks.onFrameShown(info);
+  }
+
+  codecUnusable(codec) {
+    if (codec === 'hevc') {
+      this.send(control.simple('codecFallback'));
+      return;
+    }
+    this.model.problem = `The browser's decoder failed: ${this.video.lastError}`;
+    this.render();
+  }
+
+  // Wishes of the user
+
+  act(action, value) {
+    const simple = { playPause: 'playPause', fullscreen: 'fullscreen', openChrome: 'openChrome', resetBrowser: 'resetBrowser' };
+    if (simple[action]) {
+      if (!this.send(control.simple(simple[action]))) this.ui.toast('Not connected.', 'bad');
+      if (this.model.mode === 'control') this.keyboard.attend();
+      return undefined;
+    }
+    const actions = {
+      start: () => this.send(control.startStream()),
+      keyframe: () => this.send(control.keyframe()),
+      retry: () => this.connection.connect(),
+      takeover: () => this.connection.connect(true),
+      stop: () => this.connection.stop(),
+      modeVideo: () => this.requestMode('video'),
+      modeControl: () => this.requestMode('control'),
+      keyboard: () => this.keyboard.toggle(),
+      statistics: () => this.toggleStatistics(),
+      copyReport: () => this.copyReport(),
+      pageFullscreen: () => this.togglePageFullscreen(),
+      dock: () => this.openDock(),
+      token: () => this.tokenEntered(value),
+    };
+    return actions[action]();
+  }
+
+  requestMode(mode) {
+    this.send(control.mode(mode));
+  }
+
+  tokenEntered(text) {
+    const token = tokenFrom(text);
+    if (!token) return false;
+    rememberToken(token);
+    this.useToken(token);
+    return true;
+  }
+
+  toggleStatistics() {
+    const panel = byId('statistics');
+    panel.hidden = !panel.hidden;
+    byId('show-statistics').setAttribute('aria-expanded', String(!panel.hidden));
+    if (!panel.hidden) this.showStatistics();
+  }
+
+  togglePageFullscreen() {
+    const root = document.documentElement;
+    if (document.fullscreenElement) document.exitFullscreen();
+    else if (root.requestFullscreen) root.requestFullscreen().catch(() => this.ui.toast('The browser refuses full screen.', 'bad'));
+    else this.ui.toast('This browser has no full screen.', 'bad');
+  }
+
+  openDock() {
+    document.body.dataset.dock = 'open';
+    clearTimeout(this.dockTimer);
+    this.dockTimer = setTimeout(() => {
+      document.body.dataset.dock = 'closed';
+    }, 6000);
+  }
+
+  async copyReport() {
+    try {
+      await navigator.clipboard.writeText(JSON.stringify(this.report(), null, 2));
+      this.ui.toast('Report copied');
+    } catch (error) {
+      this.ui.toast('The browser does not allow copying.', 'bad');
+    }
+  }
+
+  // The page's surroundings
+
+  watchPage() {
+    const release = () => {
+      this.stageInput.cancel();
+      if (this.controlling()) this.outbox.release();
+    };
+    window.addEventListener('blur', release);
+    window.addEventListener('pagehide', release);
+    window.addEventListener('online', () => this.connection && this.connection.retryNow());
+    window.addEventListener('hashchange', () => {
+      const token = takeToken();
+      if (token) this.useToken(token);
+    });
+    document.addEventListener('visibilitychange', () => {
+      if (document.hidden) release();
+      else this.cameBack();
+      this.updateWakeLock();
+    });
+    document.addEventListener('fullscreenchange', () => {
+      document.body.dataset.fullscreen = document.fullscreenElement ? 'yes' : 'no';
+      document.body.dataset.dock = 'closed';
+    });
+    byId('stage').addEventListener('pointerdown', () => {
+      document.body.dataset.dock = 'closed';
+    });
+    byId('stage').addEventListener('pointerup', () => {
+      if (this.controlling()) this.keyboard.attend();
+    });
+  }
+
+  /** A hidden page may have been starved of frames: start from a fresh one, and make sure that it comes. */
+  cameBack() {
+    if (!this.connection) return;
+    this.connection.retryNow();
+    this.startWhenSeen();
+    if (this.model.stream.state === 'streaming' && this.send(control.keyframe())) {
+      this.awaitedFrameSince = performance.now();
+    }
+  }
+
+  async updateWakeLock() {
+    const wanted = !document.hidden && this.model.phase === 'connected' && this.model.stream.state === 'streaming';
+    if (!('wakeLock' in navigator)) return;
+    if (!wanted && this.wakeLock) {
+      const lock = this.wakeLock;
+      this.wakeLock = null;
+      await lock.release();
+    } else if (wanted && !this.wakeLock && !this.wakeLockAsked) {
+      this.wakeLockAsked = true;
+      try {
+        this.wakeLock = await navigator.wakeLock.request('screen');
+        this.wakeLock.addEventListener('release', () => {
+          this.wakeLock = null;
+        });
+      } catch (error) {
+        // A low battery is a good reason to refuse.
+      }
+      this.wakeLockAsked = false;
+    }
+  }
+
+  // Every second
+
+  everySecond() {
+    const now = performance.now();
+    const { video, presenter, counted } = this;
+    video.watch(now);
+    if (this.awaitedFrameSince !== null && now - this.awaitedFrameSince > 2500) {
+      this.awaitedFrameSince = now;
+      video.keyframes.request(now);
+    }
+    const dropped = video.counters.dropped + presenter.replaced;
+    const second = {
+      fps: presenter.shown - counted.shown,
+      latency: now - this.shownAt < 1500 ? this.shownLatency : 0,
+      dropped: dropped - counted.dropped,
+      kilobits: ((video.counters.bytes - counted.bytes) * 8) / 1000,
+    };
+    this.second = { fps: 0, latency: 0, dropped: 0, kilobits: 0 }; // the last one
+    this.shownAt = -Infinity;
+    this.shownLatency = 0;
+    this.awaitedFrameSince = null; // when a frame was asked for that has to come
+    this.startAsked = false;
+    this.wakeLock = null;
+    this.wakeLockAsked = false;
+    this.counted = { shown: presenter.shown, dropped, bytes: video.counters.bytes };
+    this.second = second;
+    this.panel.add(second);
+    if (this.model.phase === 'connected') {
+      this.send(telemetryMessage({
+        viewerFPS: second.fps,
+        decodeMilliseconds: video.decodeTime.get(),
+        videoBufferMilliseconds: video.queuedMilliseconds,
+        reconnects: this.connection.reconnects,
+      }));
+    }
+    if (!byId('statistics').hidden) this.showStatistics();
+  }
+
+  showStatistics() {
+    const { video, presenter, second, diagnostics } = this;
+    const rows = [
+      ['Frames shown', `${second.fps} /s`],
+      ['Decode time', `${video.decodeTime.get().toFixed(1)} ms`],
+      ['Latency estimate', `${second.latency.toFixed(0)} ms`],
+      ['Round trip', video.clock.roundTripMs === null ? '–' : `${video.clock.roundTripMs.toFixed(1)} ms`],
+      ['Dropped here', String(video.counters.dropped + presenter.replaced)],
+      ['Received', `${(second.kilobits / 1000).toFixed(2)} Mbit/s`],
+      ['Picture', video.width ? `${video.width} × ${video.height}` : '–'],
+      ['Codec', video.codecString || '–'],
+      ['Decoder', video.label || '–'],
+      ['Queue', this.model.mode === 'video' ? `${video.depth.depthMs.toFixed(0)} ms` : 'none'],
+      ['Presented by', presenter.name],
+      ['Reconnects', String(this.connection ? this.connection.reconnects : 0)],
+    ];
+    if (diagnostics) rows.push(...diagnosticsRows(diagnostics));
+    this.panel.show(rows);
+  }
+
+  report() {
+    return { capabilities: this.capabilities, settings: this.settings, stats: this.stats(), diagnostics: this.diagnostics };
+  }
+
+  stats() {
+    const { video, presenter } = this;
+    return {
+      framesReceived: video ? video.counters.received : 0,
+      framesDecoded: video ? video.counters.decoded : 0,
+      framesShown: presenter ? presenter.shown : 0,
+      dropped: video ? video.counters.dropped + presenter.replaced : 0,
+      decodeErrors: video ? video.counters.decodeErrors : 0,
+      decodeMilliseconds: video ? video.decodeTime.get() : 0,
+      keptBackByDecoder: video && Number.isFinite(video.keptBack) ? video.keptBack : null,
+      codec: video ? video.codecString : '',
+      decoder: video ? video.label || '' : '',
+      presenter: presenter ? presenter.name : '',
+      width: video ? video.width : 0,
+      height: video ? video.height : 0,
+      mode: this.model.mode,
+      connected: this.model.phase === 'connected',
+      reconnects: this.connection ? this.connection.reconnects : 0,
+      queueMilliseconds: video ? video.depth.depthMs : 0,
+      latencyMilliseconds: this.shownLatency,
+    };
+  }
+}
+
+function diagnosticsRows(host) {
+  const number = (value, digits) => (Number.isFinite(value) ? value.toFixed(digits) : '–');
+  return [
+    ['Host', null],
+    ['Capture', `${number(host.captureFPS, 1)} of ${number(host.captureTargetFPS, 0)} /s`],
+    ['Encode', `${number(host.encodeFPS, 1)} /s`],
+    ['Bit rate', `${number(host.bitRateMbps, 2)} Mbit/s`],
+    ['Captured / encoded', `${number(host.capturedFrames, 0)} / ${number(host.encodedFrames, 0)}`],
+    ['Dropped at capture', number(host.captureDroppedFrames, 0)],
+    ['Dropped for the network', number(host.networkDroppedFrames, 0)],
+    ['Waiting: encoder / server', `${number(host.encoderPendingFrames, 0)} / ${number(host.serverPendingFrames, 0)}`],
+    ['Display', host.captureMode === 'virtualDisplay' ? 'virtual' : 'physical'],
+  ];
+}
+
+const viewer = new Viewer();
+
+/**
+ * A view into the page for diagnostics and measurements. Nothing in the viewer depends on it, and it offers nothing
+ * that the token's owner could not do by hand.
+ *   state            'armed' | 'starting' | 'streaming' | 'error', as the host said last
+ *   phase            of the connection: 'connecting', 'connected', 'waiting', 'askTakeover', 'replaced', 'unauthorized', 'stopped'
+ *   stats            counters, see Viewer.stats
+ *   onFrameDecoded   (videoFrame, receivedAtMs, decodedAtMs); must not keep or close the frame
+ *   onFrameShown     ({timestamp, receivedAt, decodedAt, shownAt, metadata, element}); timestamp in the host's microseconds
+ *   sendControl(o)   sends one control message; whether it went out
+ */
+window.kestruneViewer = {
+  get state() { return viewer.model.stream.state; },
+  get phase() { return viewer.model.phase; },
+  get stats() { return viewer.stats(); },
+  get report() { return viewer.report(); },
+  get pictureRect() { return viewer.ui.pictureRect(); },
+  set onFrameDecoded(hook) { viewer.hooks.onFrameDecoded = hook; },
+  get onFrameDecoded() { return viewer.hooks.onFrameDecoded; },
+  set onFrameShown(hook) { viewer.hooks.onFrameShown = hook; },
+  get onFrameShown() { return viewer.hooks.onFrameShown; },
+  sendControl: (message) => viewer.send(message),
+};
+
+viewer.start();

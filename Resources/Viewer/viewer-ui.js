@@ -1,0 +1,427 @@
+/**
+ * The page's elements: what is said in place of a picture, the dock, the remote pointer, and the events of fingers,
+ * mouse and keyboard. Decides nothing about the stream; it shows a model and reports wishes.
+ */
+
+import { GestureRecogniser, NAMED_KEYS, control, graphemes, namedKey, normalizedPoint, pictureRect, textMessages } from './control-protocol.js';
+
+const byId = (id) => document.getElementById(id);
+
+/**
+ * The card for a state of the viewer, or null where the picture speaks for itself. Pure.
+ * @param {{missing: string[], hasToken: boolean, phase: string, details: object, stream: {state: string, message?: string},
+ *   hasPicture: boolean, problem: string | null}} model
+ */
+export function cardFor(model) {
+  if (model.missing.length > 0) {
+    return {
+      tone: 'bad', icon: 'warning', title: 'This browser cannot show the picture',
+      text: `It lacks ${model.missing.join(' and ')}. A current version of a Chromium-based browser has what is needed.`,
+    };
+  }
+  if (!model.hasToken) {
+    return {
+      tone: 'wait', icon: 'key', title: 'Access token needed', tokenForm: true,
+      text: 'Open the viewer address exactly as Kestrune shows it, with everything behind the # sign, or paste it here.',
+    };
+  }
+  return connectionCard(model) || streamCard(model);
+}
+
+function connectionCard({ phase, details, everConnected }) {
+  switch (phase) {
+    case 'connecting':
+      return { tone: 'wait', icon: 'standby', busy: true, title: everConnected ? 'Reconnecting…' : 'Connecting…', text: 'Reaching the computer.' };
+    case 'waiting':
+      return {
+        tone: 'wait', icon: 'standby', busy: true, primary: ['retry', 'Try now'],
+        title: details.busy ? 'Too many attempts' : 'Connection lost',
+        text: details.busy
+          ? 'The computer refuses new attempts for a moment. The viewer tries again slowly.'
+          : `Trying again in ${Math.max(1, Math.ceil(details.delayMs / 1000))} s.`,
+      };
+    case 'askTakeover':
+      return {
+        tone: 'wait', icon: 'people', title: 'Another viewer is active', primary: ['takeover', 'Take over'], secondary: ['stop', 'Not now'],
+        text: 'Only one viewer can be connected. Taking over disconnects the other one.',
+      };
+    case 'replaced':
+      return {
+        tone: 'wait', icon: 'people', title: 'Replaced by newer viewer', primary: ['takeover', 'Use it here again'],
+        text: 'The picture is now shown somewhere else.',
+      };
+    case 'unauthorized':
+      return {
+        tone: 'bad', icon: 'key', title: 'Unauthorized', tokenForm: true,
+        text: 'The computer does not accept this access token. Open the address that Kestrune shows now, or paste it here.',
+      };
+    case 'stopped':
+      return { tone: 'wait', icon: 'standby', title: 'Not connected', text: 'The viewer is at rest.', primary: ['retry', 'Connect'] };
+    default:
+      return null;
+  }
+}
+
+function streamCard({ stream, hasPicture, problem }) {
+  switch (stream.state) {
+    case 'armed':
+      return { tone: 'good', icon: 'standby', title: 'Standing by', text: stream.message || 'Nothing is captured until you start the stream.', primary: ['start', 'Start streaming'] };
+    case 'starting':
+      return { tone: 'wait', icon: 'standby', busy: true, title: 'Starting…', text: stream.message || 'The computer prepares its picture.' };
+    case 'error':
+      return { tone: 'bad', icon: 'warning', title: 'The stream could not run', text: stream.message || 'The computer gave no reason.', primary: ['start', 'Try again'] };
+    default:
+      if (problem) return { tone: 'bad', icon: 'warning', title: 'The picture cannot be decoded', text: problem, primary: ['keyframe', 'Try again'] };
+      return hasPicture ? null : { tone: 'wait', icon: 'standby', busy: true, title: 'Waiting for the picture…', text: 'The stream is on; its first frame is on the way.' };
+  }
+}
+
+/** The dock's word and the tone of its dot. Pure. */
+export function statusFor(model) {
+  if (model.missing.length > 0) return ['Unsupported', 'bad'];
+  if (!model.hasToken) return ['No token', 'bad'];
+  if (model.phase === 'unauthorized') return ['Unauthorized', 'bad'];
+  if (model.phase === 'connecting' || model.phase === 'waiting') return [model.everConnected ? 'Reconnecting' : 'Connecting', 'wait'];
+  if (model.phase !== 'connected') return ['Not connected', 'idle'];
+  return { armed: ['Standing by', 'idle'], starting: ['Starting', 'wait'], streaming: ['Live', 'good'], error: ['Error', 'bad'] }[model.stream.state];
+}
+
+/** Elements that only show. Wishes of the user arrive at `act(name)`. */
+export class ViewerInterface {
+  constructor(act) {
+    this.act = act;
+    this.stage = byId('stage');
+    this.cursor = byId('cursor');
+    this.touch = byId('touch');
+    this.picture = { width: 0, height: 0 };
+    this.cursorState = { visible: false, x: 0.5, y: 0.5 };
+    this.localPointerUntil = 0;
+    this.toasts = new Map();
+    const buttons = {
+      'mode-video': 'modeVideo', 'mode-control': 'modeControl', 'play-pause': 'playPause', 'host-fullscreen': 'fullscreen',
+      'open-browser': 'openChrome', 'page-fullscreen': 'pageFullscreen', 'show-statistics': 'statistics',
+      'close-statistics': 'statistics', 'copy-report': 'copyReport', 'dock-handle': 'dock', keyboard: 'keyboard',
+    };
+    for (const [id, action] of Object.entries(buttons)) byId(id).addEventListener('click', () => act(action));
+    for (const id of ['card-primary', 'card-secondary']) {
+      byId(id).addEventListener('click', (event) => act(event.currentTarget.dataset.action));
+    }
+    byId('reset-browser').addEventListener('click', () => this.confirmReset());
+    byId('confirm').addEventListener('close', (event) => {
+      if (event.target.returnValue === 'reset') act('resetBrowser');
+    });
+    byId('token-form').addEventListener('submit', (event) => {
+      event.preventDefault();
+      byId('token-problem').hidden = act('token', byId('token-input').value) !== false;
+    });
+    new ResizeObserver(() => this.placeCursor()).observe(this.stage);
+  }
+
+  render(model) {
+    const card = cardFor(model);
+    byId('card').hidden = !card;
+    if (card) this.renderCard(card);
+    const [word, tone] = statusFor(model);
+    setText(byId('status-word'), word);
+    byId('status-dot').dataset.tone = tone;
+    const body = document.body.dataset;
+    body.mode = model.mode;
+    body.picture = model.hasPicture ? 'yes' : 'no';
+    body.stale = card ? 'yes' : 'no';
+    byId('mode-video').setAttribute('aria-pressed', String(model.mode === 'video'));
+    byId('mode-control').setAttribute('aria-pressed', String(model.mode === 'control'));
+    const connected = model.phase === 'connected';
+    const live = connected && model.stream.state === 'streaming';
+    for (const id of ['mode-video', 'mode-control', 'open-browser', 'reset-browser']) byId(id).disabled = !connected;
+    for (const id of ['play-pause', 'host-fullscreen', 'keyboard']) byId(id).disabled = !live;
+    this.placeCursor();
+  }
+
+  renderCard(card) {
+    byId('card').dataset.tone = card.tone;
+    byId('card-icon').firstElementChild.setAttribute('href', `#i-${card.icon}`);
+    byId('card-spinner').hidden = !card.busy;
+    setText(byId('card-title'), card.title);
+    setText(byId('card-text'), card.text);
+    byId('token-form').hidden = !card.tokenForm;
+    for (const [id, choice] of [['card-primary', card.primary], ['card-secondary', card.secondary]]) {
+      byId(id).hidden = !choice;
+      if (!choice) continue;
+      byId(id).dataset.action = choice[0];
+      setText(byId(id), choice[1]);
+    }
+  }
+
+  confirmReset() {
+    const dialog = byId('confirm');
+    dialog.returnValue = '';
+    dialog.showModal();
+  }
+
+  setPictureSize(width, height) {
+    this.picture = { width, height };
+    this.placeCursor();
+  }
+
+  /** The picture's rectangle in client coordinates, or null while there is none. */
+  pictureRect() {
+    return pictureRect(this.stage.getBoundingClientRect(), this.picture.width, this.picture.height);
+  }
+
+  setCursor(state) {
+    this.cursorState = state;
+    if (performance.now() > this.localPointerUntil) this.placeCursor();
+  }
+
+  /** Shows the pointer where the user just put it, ahead of the host's own word. */
+  predictCursor(point) {
+    this.localPointerUntil = performance.now() + 250;
+    this.placeCursor(point);
+    clearTimeout(this.predictionTimer);
+    this.predictionTimer = setTimeout(() => this.placeCursor(), 260);
+  }
+
+  placeCursor(point = this.cursorState) {
+    const rect = this.pictureRect();
+    const visible = this.cursorState.visible && rect !== null && document.body.dataset.picture === 'yes' && document.body.dataset.stale === 'no';
+    this.cursor.toggleAttribute('hidden', !visible);
+    document.body.dataset.pointer = visible ? 'remote' : 'own';
+    if (!visible) return;
+    const stage = this.stage.getBoundingClientRect();
+    const x = rect.left - stage.left + point.x * rect.width;
+    const y = rect.top - stage.top + point.y * rect.height;
+    this.cursor.style.transform = `translate(${x}px, ${y}px)`;
+  }
+
+  showTouch(clientX, clientY) {
+    const stage = this.stage.getBoundingClientRect();
+    this.touch.style.left = `${clientX - stage.left}px`;
+    this.touch.style.top = `${clientY - stage.top}px`;
+    this.touch.hidden = false;
+    this.touch.classList.remove('shown');
+    void this.touch.offsetWidth; // restarts the animation
+    this.touch.classList.add('shown');
+  }
+
+  /** A short note; the same note is not stacked. */
+  toast(text, tone = 'good') {
+    const present = this.toasts.get(text);
+    if (present) clearTimeout(present.timer);
+    const element = present ? present.element : document.createElement('div');
+    if (!present) {
+      element.className = 'toast';
+      element.textContent = text;
+      element.dataset.tone = tone;
+      byId('toasts').append(element);
+    }
+    const timer = setTimeout(() => {
+      element.remove();
+      this.toasts.delete(text);
+    }, tone === 'bad' ? 5000 : 2200);
+    this.toasts.set(text, { element, timer });
+  }
+}
+
+function setText(element, text) {
+  if (element.textContent !== text) element.textContent = text;
+}
+
+/** Fingers, mouse and wheel on the stage. */
+export class StageInput {
+  /** @param {{stage: Element, outbox: InputOutbox, ui: ViewerInterface, enabled: () => boolean}} parts */
+  constructor({ stage, outbox, ui, enabled }) {
+    Object.assign(this, { stage, outbox, ui, enabled });
+    this.mouseHeld = false;
+    this.gestures = new GestureRecogniser(this.gestureActions());
+    stage.addEventListener('pointerdown', (event) => this.down(event));
+    stage.addEventListener('pointermove', (event) => this.move(event));
+    stage.addEventListener('pointerup', (event) => this.up(event));
+    stage.addEventListener('pointercancel', () => this.cancel());
+    stage.addEventListener('wheel', (event) => this.wheel(event), { passive: false });
+    stage.addEventListener('contextmenu', (event) => {
+      if (this.enabled()) event.preventDefault();
+    });
+  }
+
+  gestureActions() {
+    const place = ({ x, y }) => this.place(x, y);
+    const { outbox } = this;
+    return {
+      tap: (p) => {
+        this.ui.showTouch(p.x, p.y);
+        outbox.tap(place(p));
+      },
+      dragStart: (p) => outbox.pointer('down', place(p)),
+      dragMove: (p) => outbox.move(place(p)),
+      dragEnd: (p) => outbox.pointer('up', place(p)),
+      longPress: (p) => {
+        this.ui.showTouch(p.x, p.y);
+        if (navigator.vibrate) navigator.vibrate(15);
+        outbox.rightClick(place(p));
+      },
+      scrollStart: (p) => outbox.move(place(p)),
+      // The content follows the fingers, so the wheel turns the other way.
+      scroll: (dx, dy) => outbox.scroll(-dx / this.rect.scale, -dy / this.rect.scale),
+      cancel: () => outbox.release(),
+    };
+  }
+
+  place(clientX, clientY) {
+    const point = normalizedPoint(this.rect, clientX, clientY);
+    this.ui.predictCursor(point);
+    return point;
+  }
+
+  /** @returns {boolean} whether an event is ours to send; refreshes the picture's place */
+  ready(event) {
+    if (!this.enabled() || event.target.closest('.card, .statistics, button')) return false;
+    this.rect = this.ui.pictureRect();
+    return this.rect !== null;
+  }
+
+  down(event) {
+    if (!this.ready(event)) return;
+    const inside = normalizedPoint(this.rect, event.clientX, event.clientY).inside;
+    if (!inside && this.gestures.phase === 'idle') return;
+    this.stage.setPointerCapture(event.pointerId);
+    if (event.pointerType !== 'mouse') {
+      this.gestures.down(event.pointerId, event.clientX, event.clientY, performance.now());
+      this.armLongPress();
+    } else if (event.button === 0) {
+      this.mouseHeld = true;
+      this.outbox.pointer('down', this.place(event.clientX, event.clientY));
+    } else if (event.button === 2 && !this.mouseHeld) {
+      this.outbox.rightClick(this.place(event.clientX, event.clientY));
+    }
+  }
+
+  move(event) {
+    if (!this.ready(event)) return;
+    if (event.pointerType !== 'mouse') {
+      this.gestures.move(event.pointerId, event.clientX, event.clientY, performance.now());
+    } else if (this.mouseHeld || normalizedPoint(this.rect, event.clientX, event.clientY).inside) {
+      this.outbox.move(this.place(event.clientX, event.clientY));
+    }
+  }
+
+  up(event) {
+    if (event.pointerType !== 'mouse') {
+      this.gestures.up(event.pointerId, event.clientX, event.clientY, performance.now());
+    } else if (event.button === 0 && this.mouseHeld) {
+      this.mouseHeld = false;
+      this.outbox.pointer('up', this.place(event.clientX, event.clientY));
+    }
+  }
+
+  wheel(event) {
+    if (event.ctrlKey || !this.ready(event)) return;
+    event.preventDefault();
+    const unit = [1, 40, 400][event.deltaMode] || 1; // pixels, lines, pages
+    this.outbox.scroll(event.deltaX * unit, event.deltaY * unit);
+  }
+
+  armLongPress() {
+    clearTimeout(this.longPressTimer);
+    if (this.gestures.deadline === null) return;
+    const delay = this.gestures.deadline - performance.now();
+    this.longPressTimer = setTimeout(() => this.gestures.tick(performance.now()), delay + 1);
+  }
+
+  /** Forgets what is held; the caller tells the host. */
+  cancel() {
+    clearTimeout(this.longPressTimer);
+    const held = this.mouseHeld || this.gestures.phase === 'dragging';
+    this.mouseHeld = false;
+    this.gestures.phase = 'idle';
+    this.gestures.fingers.clear();
+    if (held) this.outbox.release();
+  }
+}
+
+/** A padding that gives a phone's keyboard something to delete, so that a backspace is noticed at all. */
+const PADDING = '\u200b\u200b';
+const LONGEST_PASTE = 20000;
+
+/**
+ * Physical and on-screen keyboard. Text goes through a hidden field, since only a field gets compositions (Chinese,
+ * Japanese, accents) and raises the keyboard of a phone or a car.
+ */
+export class KeyboardInput {
+  constructor({ outbox, enabled }) {
+    Object.assign(this, { outbox, enabled });
+    this.field = byId('typing');
+    this.field.value = PADDING;
+    this.finePointer = window.matchMedia('(pointer: fine)');
+    document.addEventListener('keydown', (event) => this.keyDown(event));
+    this.field.addEventListener('input', (event) => {
+      if (!event.isComposing) this.takeField();
+    });
+    this.field.addEventListener('compositionupdate', (event) => this.showComposition(event.data));
+    this.field.addEventListener('compositionend', () => {
+      this.showComposition('');
+      this.takeField();
+    });
+    this.field.addEventListener('blur', () => this.showComposition(''));
+    this.buildKeyRow();
+  }
+
+  buildKeyRow() {
+    const labels = { return: '↵ Return', tab: '⇥ Tab', space: 'Space', delete: '⌫ Delete', escape: 'Esc', left: '←', right: '→', down: '↓', up: '↑', f: 'F' };
+    const order = ['escape', 'tab', 'return', 'delete', 'space', 'left', 'up', 'down', 'right', 'f'];
+    for (const key of order.filter((name) => NAMED_KEYS.includes(name))) {
+      const button = document.createElement('button');
+      button.type = 'button';
+      button.textContent = labels[key];
+      button.setAttribute('aria-label', `Key ${key}`);
+      button.dataset.key = key;
+      button.addEventListener('pointerdown', (event) => event.preventDefault()); // the field keeps the focus
+      button.addEventListener('click', () => this.outbox.message(control.key(key)));
+      byId('key-row').append(button);
+    }
+  }
+
+  /** Opens or closes the bar of keys, and with it a touch screen's keyboard. */
+  toggle(open = byId('keys').hidden) {
+    byId('keys').hidden = !open;
+    byId('keyboard').setAttribute('aria-expanded', String(open));
+    if (open) this.field.focus({ preventScroll: true });
+    else this.field.blur();
+  }
+
+  /** Takes the focus for a physical keyboard, without raising the keyboard of a touch screen. */
+  attend() {
+    if (this.finePointer.matches || !byId('keys').hidden) this.field.focus({ preventScroll: true });
+  }
+
+  keyDown(event) {
+    if (!this.enabled() || event.isComposing || event.keyCode === 229) return;
+    const focus = document.activeElement;
+    const ours = focus === this.field || focus === document.body || focus === byId('stage');
+    if (!ours || byId('confirm').open) return;
+    const altGraph = event.getModifierState('AltGraph');
+    if ((event.ctrlKey || event.altKey || event.metaKey) && !altGraph) return;
+    const key = namedKey(event.key);
+    if (key) {
+      event.preventDefault();
+      this.outbox.message(control.key(key));
+    } else if (event.key !== 'Dead' && event.key !== 'Unidentified' && graphemes(event.key).length === 1) {
+      event.preventDefault();
+      this.outbox.message(control.text(event.key));
+    }
+  }
+
+  takeField() {
+    const value = this.field.value;
+    this.field.value = PADDING;
+    this.field.setSelectionRange(PADDING.length, PADDING.length);
+    const typed = value.replace(/\u200b/g, '');
+    const deleted = PADDING.length - (value.match(/\u200b/g) || []).length;
+    for (let i = 0; i < deleted; i++) this.outbox.message(control.key('delete'));
+    for (const message of textMessages(typed.slice(0, LONGEST_PASTE))) this.outbox.message(message);
+  }
+
+  showComposition(text) {
+    byId('composition').hidden = !text;
+    byId('composition').textContent = text;
+  }
+}
