@@ -397,13 +397,6 @@ class Viewer {
       dropped: dropped - counted.dropped,
       kilobits: ((video.counters.bytes - counted.bytes) * 8) / 1000,
     };
-    this.second = { fps: 0, latency: 0, dropped: 0, kilobits: 0 }; // the last one
-    this.shownAt = -Infinity;
-    this.shownLatency = 0;
-    this.awaitedFrameSince = null; // when a frame was asked for that has to come
-    this.startAsked = false;
-    this.wakeLock = null;
-    this.wakeLockAsked = false;
     this.counted = { shown: presenter.shown, dropped, bytes: video.counters.bytes };
     this.second = second;
     this.panel.add(second);

@@ -339,11 +339,17 @@ class TrackPresenter {
     this.waiting = null;
     this.writing = false;
     this.newest = null;
-    video.muted = true;
-    video.srcObject = new MediaStream([track]);
-    const started = video.play();
-    if (started) started.catch(() => {}); // autoplay of a muted track is only refused while hidden; it resumes by itself
+    this.track = track;
     if (video.requestVideoFrameCallback) this.watchShown();
+  }
+
+  /** Not before the first picture: an element that waits for data holds back the page's load event. */
+  attach() {
+    this.element.muted = true;
+    this.element.srcObject = new MediaStream([this.track]);
+    this.track = null;
+    const started = this.element.play();
+    if (started) started.catch(() => {}); // autoplay of a muted track is only refused while hidden; it resumes by itself
   }
 
   watchShown() {
@@ -359,6 +365,7 @@ class TrackPresenter {
       this.waiting.picture.close();
       this.replaced++;
     }
+    if (this.track) this.attach();
     this.waiting = { picture, info };
     this.write();
   }
