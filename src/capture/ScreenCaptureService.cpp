@@ -253,8 +253,7 @@ void ScreenCaptureService::handleStreamStopped(const std::shared_ptr<Link>& link
   {
     const std::lock_guard guard(stateLock_);
     if (stream_.link != link) {
-      link->hasEnded = true;
-      link->failure = std::move(failure);
+      if (!std::exchange(link->hasEnded, true)) link->failure = std::move(failure);
       return;
     }
     stream = std::exchange(stream_, {});
