@@ -1,0 +1,53 @@
+#include "coordination/ApplicationDelegate.h"
+
+#include "coordination/StreamCoordinator.h"
+
+namespace kestrune {
+
+ApplicationDelegate::ApplicationDelegate(std::shared_ptr<SerialQueue> mainQueue,
+                                         std::function<void()> terminate,
+                                         std::optional<NetworkRecovery> recovery)
+    : mainQueue_(std::move(mainQueue)), terminate_(std::move(terminate)), recovery_(std::move(recovery)) {}
+
+void ApplicationDelegate::attachCoordinator(const std::shared_ptr<StreamCoordinator>& coordinator) {
+  coordinator_ = coordinator;
+  if (coordinator && recovery_ && !networkMonitoringStarted_) startNetworkMonitoring();
+}
+
+void ApplicationDelegate::startNetworkMonitoring() {
+  networkMonitoringStarted_ = true;
+  const auto handler = [queue = mainQueue_, weak = weak_from_this()](NetworkPathMonitor::Status status) {
+    queue->post([weak, status] {
+      if (const auto self = weak.lock()) self->handleNetworkStatus(status);
+    });
+  };
+  recovery_->monitor->start(recovery_->queue, handler);
+}
+
+void ApplicationDelegate::handleNetworkStatus(NetworkPathMonitor::Status status) {
+  const auto previous = std::exchange(previousNetworkStatus_, status);
+  const bool isRestored = status == NetworkPathMonitor::Status::satisfied && previous &&
+                          previous != NetworkPathMonitor::Status::satisfied;
+  if (isRestored && !coordinator_.expired()) recovery_->onRestored();
+}
+
+ApplicationDelegate::TerminationReply ApplicationDelegate::applicationShouldTerminate() {
+  const auto coordinator = coordinator_.lock();
+  if (isReadyToTerminate_ || !coordinator) return TerminationReply::terminateNow;
+  if (!isFinishingTermination_) {
+    isFinishingTermination_ = true;
+    startTask(mainQueue_, finishTermination(weak_from_this(), coordinator));
+  }
+  return TerminationReply::terminateCancel;
+}
+
+Task<void> ApplicationDelegate::finishTermination(std::weak_ptr<ApplicationDelegate> weak,
+                                                  std::shared_ptr<StreamCoordinator> coordinator) {
+  co_await coordinator->prepareForTermination();
+  const auto self = weak.lock();
+  if (!self) co_return;
+  self->isReadyToTerminate_ = true;
+  self->terminate_();
+}
+
+}  // namespace kestrune
