@@ -1,0 +1,82 @@
+#include "CoordinatorFixture.h"
+#include "coordination/ApplicationDelegate.h"
+
+namespace kestrune {
+namespace {
+
+using Reply = ApplicationDelegate::TerminationReply;
+using Status = NetworkPathMonitor::Status;
+
+/// The test keeps `handler` to report through it.
+struct FakePathMonitor final : NetworkPathMonitor {
+  explicit FakePathMonitor(std::function<void(Status)>& handler_) : handler(handler_) {}
+  void start(std::shared_ptr<SerialQueue>, std::function<void(Status)> given) override {
+    handler = std::move(given);
+  }
+  std::function<void(Status)>& handler;
+};
+
+class ApplicationDelegateTest : public CoordinatorTest {
+ protected:
+  void attach() {
+    delegate = std::make_shared<ApplicationDelegate>(
+        mainQueue,
+        [this] {
+          ++terminations;
+          lastReply = delegate->applicationShouldTerminate();
+        },
+        ApplicationDelegate::NetworkRecovery{std::make_unique<FakePathMonitor>(report), mainQueue,
+                                             [this] { ++recoveries; }});
+    delegate->attachCoordinator(coordinator);
+  }
+  void change(Status status) {
+    report(status);
+    time->runReady();
+  }
+
+  std::shared_ptr<ApplicationDelegate> delegate;
+  std::function<void(Status)> report;
+  std::optional<Reply> lastReply;
+  int terminations = 0;
+  int recoveries = 0;
+};
+
+TEST_F(ApplicationDelegateTest, TheFirstOfSeveralRequestsShutsDownAndThenEndsTheProcess) {
+  streamToViewer();
+  attach();
+  EXPECT_EQ(delegate->applicationShouldTerminate(), Reply::terminateCancel);
+  EXPECT_EQ(delegate->applicationShouldTerminate(), Reply::terminateCancel);
+  EXPECT_EQ(terminations, 0);
+  time->runReady();
+  EXPECT_EQ(terminations, 1);
+  EXPECT_EQ(lastReply, Reply::terminateNow);
+  EXPECT_FALSE(network->isListening());
+  EXPECT_EQ(screen->latest()->calls.back(), "stop");
+}
+
+TEST_F(ApplicationDelegateTest, WithoutACoordinatorThereIsNothingToWaitFor) {
+  make();
+  attach();
+  observation.reset();
+  coordinator.reset();
+  EXPECT_EQ(delegate->applicationShouldTerminate(), Reply::terminateNow);
+  time->runReady();
+  EXPECT_EQ(terminations, 0);
+}
+
+TEST_F(ApplicationDelegateTest, OnlyANetworkThatComesBackIsARecovery) {
+  make();
+  attach();
+  for (const auto status : {Status::satisfied, Status::satisfied, Status::unsatisfied}) change(status);
+  EXPECT_EQ(recoveries, 0);
+  change(Status::satisfied);
+  EXPECT_EQ(recoveries, 1);
+  change(Status::requiresConnection);
+  change(Status::satisfied);
+  EXPECT_EQ(recoveries, 2);
+  change(Status::satisfied);
+  EXPECT_EQ(recoveries, 2);
+}
+
+}  // namespace
+}  // namespace kestrune

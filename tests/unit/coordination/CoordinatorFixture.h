@@ -1,0 +1,211 @@
+#pragma once
+
+#include <gmock/gmock.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "access/TokenStore.h"
+#include "coordination/StreamCoordinator.h"
+#include "coordination/model/KestruneError.h"
+#include "runtime/ManualTime.h"
+#include "support/CapturedLog.h"
+#include "support/FakeBundle.h"
+#include "support/FakeCompression.h"
+#include "support/FakeCredentials.h"
+#include "support/FakeNetwork.h"
+#include "support/FakePixelTransfer.h"
+#include "support/FakePreferences.h"
+#include "support/FakeScreenCapture.h"
+#include "support/WebSocketPeer.h"
+
+namespace kestrune {
+
+using namespace std::chrono_literals;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::IsSupersetOf;
+using testing::Not;
+
+struct FakePermissions final : PrivacyPermissions {
+  bool isCaptureAllowed = true;
+  bool isTrusted = true;
+  bool isScreenCaptureAllowed() const override { return isCaptureAllowed; }
+  bool isTrustedForInput() const override { return isTrusted; }
+  void promptForInputTrust() override {}
+};
+
+/// Notes what is posted.
+struct FakeInput final : InputEvents {
+  std::vector<std::string> posted;
+  std::optional<Point> cursor;
+
+  struct Event final : InputEvent {
+    Event(std::vector<std::string>& posted_, std::string text_) : posted(posted_), text(std::move(text_)) {}
+    void setUnicodeString(std::u16string_view) override {}
+    void post() override { posted.push_back(text); }
+    std::vector<std::string>& posted;
+    std::string text;
+  };
+  struct Source final : InputEventSource {
+    explicit Source(FakeInput& input_) : input(input_) {}
+    std::unique_ptr<InputEvent> mouseEvent(MouseEventType type, Point at, MouseButton) override {
+      return input.make("mouse " + std::to_string(static_cast<int>(type)) + " at " +
+                        testing::PrintToString(at.x) + "," + testing::PrintToString(at.y));
+    }
+    std::unique_ptr<InputEvent> scrollEvent(std::int32_t, std::int32_t) override {
+      return input.make("scroll");
+    }
+    std::unique_ptr<InputEvent> keyboardEvent(std::uint16_t code, bool isDown) override {
+      return input.make("key " + std::to_string(code) + (isDown ? " down" : " up"));
+    }
+    FakeInput& input;
+  };
+
+  std::unique_ptr<InputEventSource> createSource() override { return std::make_unique<Source>(*this); }
+  std::optional<Point> cursorLocation() override { return cursor; }
+  std::unique_ptr<InputEvent> systemDefinedEvent(const SystemDefinedEvent&) override {
+    return make("media key");
+  }
+  std::unique_ptr<InputEvent> make(std::string text) {
+    return std::make_unique<Event>(posted, std::move(text));
+  }
+};
+
+/// The coordinator on its real services, with the system and time under the test's hand.
+class CoordinatorTest : public testing::Test {
+ protected:
+  using Case = StreamPhase::Case;
+  using Viewer = std::shared_ptr<FakeTcpConnection>;
+  static constexpr const char* kToken = "abcdefghijklmnopqrstuvwxyz0123456789-_ABCDE";
+
+  struct FixedRandom final : RandomSource {
+    std::int32_t copyBytes(std::span<std::uint8_t>) override { return 0; }
+  };
+
+  CoordinatorTest() {
+    credentials->setItem("com.fennwick.Kestrune.viewer", "capability-token", kToken);
+    displays->displays = screen->displays = {{7, {0, 0, 1000, 500}}};
+  }
+
+  void make() {
+    StreamCoordinatorDependencies dependencies;
+    dependencies.mainQueue = mainQueue;
+    dependencies.clock = time;
+    dependencies.defaults = preferences;
+    dependencies.tokenStore = std::make_shared<TokenStore>(
+        std::make_shared<CredentialHelperClient>(credentials), std::make_shared<FixedRandom>());
+    dependencies.bundle = std::make_shared<FakeBundle>();
+    dependencies.permissions = permissions;
+    dependencies.displays = displays;
+    dependencies.inputEvents = input;
+    dependencies.network = network;
+    dependencies.screenCapture = screen;
+    dependencies.compression = compression;
+    dependencies.pixelTransfer = std::make_shared<FakePixelTransferFactory>();
+    dependencies.makeQueue = [this](std::string label) { return time->makeQueue(std::move(label)); };
+    coordinator = StreamCoordinator::make(std::move(dependencies));
+    observation =
+        coordinator->phase.observe([this](const StreamPhase& phase) { phases.push_back(phase.title()); });
+    time->runReady();
+  }
+
+  TaskHandle start(Task<void> task) { return startTask(mainQueue, std::move(task)); }
+  void run(Task<void> task) {
+    const auto handle = start(std::move(task));
+    time->runReady();
+    EXPECT_TRUE(handle.isFinished());
+    EXPECT_FALSE(handle.failure());
+  }
+
+  /// What the program does at launch.
+  void launch() {
+    make();
+    run(coordinator->selectDefaultDisplayIfNeeded());
+    run(coordinator->startServing());
+  }
+
+  Viewer connectViewer() {
+    auto viewer = network->connect();
+    viewer->deliver(
+        "GET /stream HTTP/1.1\r\nHost: x\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
+        "Sec-WebSocket-Version: 13\r\nSec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n\r\n");
+    time->runReady();
+    viewer->sent.clear();
+    send(viewer, std::string(R"({"type":"auth","token":")") + kToken + "\"}");
+    return viewer;
+  }
+  void send(const Viewer& viewer, const std::string& text) {
+    viewer->deliver(textFrame(text));
+    time->runReady();
+  }
+  void requestStart(const Viewer& viewer) { send(viewer, R"({"type":"startStream"})"); }
+  void disconnect(const Viewer& viewer) {
+    viewer->deliverEnd();
+    time->runReady();
+  }
+  /// The texts sent to the viewer since the last look.
+  static std::vector<std::string> received(const Viewer& viewer) {
+    std::vector<std::string> texts;
+    for (auto& frame : takeServerFrames(viewer->sent)) {
+      if (frame.firstByte == 0x81) texts.push_back(std::move(frame.payload));
+    }
+    return texts;
+  }
+  /// The stream states among them, with their messages.
+  static std::vector<std::string> states(const Viewer& viewer) {
+    std::vector<std::string> found;
+    for (const auto& text : received(viewer)) {
+      if (text.find("\"streamState\"") != std::string::npos) found.push_back(text);
+    }
+    return found;
+  }
+  static std::string state(const std::string& name, const std::string& message = {}) {
+    return R"({"type":"streamState","state":")" + name + "\"" +
+           (message.empty() ? "" : R"(,"message":")" + message + "\"") + "}";
+  }
+
+  Viewer streamToViewer() {
+    launch();
+    auto viewer = connectViewer();
+    requestStart(viewer);
+    EXPECT_TRUE(coordinator->isCapturing);
+    viewer->sent.clear();
+    phases.clear();
+    return viewer;
+  }
+  /// One frame on its way from the screen to the encoder.
+  void showFrame() {
+    VideoSample sample;
+    sample.image = makePixelBuffer(640, 320);
+    sample.presentationMicroseconds = 1;
+    screen->latest()->sendVideo(sample);
+    time->runReady();
+  }
+  std::size_t framesAtEncoder() const {
+    std::size_t count = 0;
+    for (const auto& session : compression->sessions) count += session->frames.size();
+    return count;
+  }
+
+  CapturedLog log;
+  std::shared_ptr<ManualTime> time = ManualTime::make();
+  std::shared_ptr<SerialQueue> mainQueue = time->makeQueue("main");
+  std::shared_ptr<FakePreferences> preferences = std::make_shared<FakePreferences>();
+  std::shared_ptr<FakeCredentials> credentials = std::make_shared<FakeCredentials>();
+  std::shared_ptr<FakePermissions> permissions = std::make_shared<FakePermissions>();
+  std::shared_ptr<FakeDisplays> displays = std::make_shared<FakeDisplays>();
+  std::shared_ptr<FakeInput> input = std::make_shared<FakeInput>();
+  std::shared_ptr<FakeNetwork> network = std::make_shared<FakeNetwork>(time->makeQueue("server"));
+  std::shared_ptr<FakeScreenCapture> screen = std::make_shared<FakeScreenCapture>();
+  std::shared_ptr<FakeCompressionSessionFactory> compression =
+      std::make_shared<FakeCompressionSessionFactory>();
+  std::shared_ptr<StreamCoordinator> coordinator;
+  Observation observation;
+  std::vector<std::string> phases;  // every change
+};
+
+}  // namespace kestrune

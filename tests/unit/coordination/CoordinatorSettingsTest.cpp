@@ -1,0 +1,151 @@
+#include "CoordinatorFixture.h"
+#include "coordination/model/PreferenceKeys.h"
+
+namespace kestrune {
+namespace {
+
+namespace keys = preference_keys;
+
+class CoordinatorSettingsTest : public CoordinatorTest {
+ protected:
+  void store(std::string_view key, PreferenceValue value) { preferences->set(key, std::move(value)); }
+  PreferenceValue stored(std::string_view key) {
+    return preferences->value(key).value_or(std::string("absent"));
+  }
+};
+
+TEST_F(CoordinatorSettingsTest, ALaunchResolvesWhatIsStoredAndWritesItBack) {
+  make();
+  EXPECT_EQ(coordinator->profile, StreamProfile::balanced);
+  EXPECT_EQ(coordinator->frameRate, StreamFrameRate::fps60);
+  EXPECT_EQ(stored(keys::kProfile), PreferenceValue("balanced"));
+  EXPECT_EQ(stored(keys::kFrameRate), PreferenceValue(std::int64_t{60}));
+  EXPECT_EQ(stored(keys::kVideoCodec), PreferenceValue("hevc"));
+  EXPECT_EQ(stored(keys::kBitRate), PreferenceValue("medium"));
+  EXPECT_EQ(stored(keys::kVideoEncoderKind), PreferenceValue("automatic"));
+  EXPECT_EQ(stored(keys::kAudioChannelMode), PreferenceValue("stereo"));
+  EXPECT_EQ(preferences->values.count(std::string(keys::kDisplayMode)), 0u);
+
+  store(keys::kProfile, "safe");
+  store(keys::kFrameRate, "24");
+  store(keys::kVideoCodec, "h264");
+  store(keys::kBitRate, "enormous");
+  store(keys::kVideoEncoderKind, "software");
+  store(keys::kAudioChannelMode, "mono");
+  store(keys::kDisplayMode, "virtualDisplay");
+  make();
+  EXPECT_EQ(coordinator->profile, StreamProfile::safe);
+  EXPECT_EQ(coordinator->frameRate, StreamFrameRate::fps24);
+  EXPECT_EQ(coordinator->videoCodec, StreamVideoCodec::hevc);
+  EXPECT_EQ(coordinator->bitRate, StreamBitRate::medium);
+  EXPECT_EQ(coordinator->videoEncoderKind, StreamVideoEncoderKind::software);
+  EXPECT_EQ(coordinator->audioChannelMode, AudioChannelMode::stereo);
+  EXPECT_EQ(coordinator->streamDisplayMode, StreamDisplayMode::virtualDisplay);
+  EXPECT_EQ(stored(keys::kFrameRate), PreferenceValue(std::int64_t{24}));
+  EXPECT_EQ(stored(keys::kVideoCodec), PreferenceValue("hevc"));
+  EXPECT_EQ(stored(keys::kBitRate), PreferenceValue("medium"));
+}
+
+TEST_F(CoordinatorSettingsTest, OddFrameRatesAreSixty) {
+  for (const PreferenceValue& odd : {PreferenceValue(std::int64_t{25}), PreferenceValue(30.9e30),
+                                     PreferenceValue("x30"), PreferenceValue(true)}) {
+    store(keys::kFrameRate, odd);
+    make();
+    EXPECT_EQ(coordinator->frameRate, StreamFrameRate::fps60);
+  }
+  store(keys::kFrameRate, 30.9);  // cut, not rounded
+  make();
+  EXPECT_EQ(coordinator->frameRate, StreamFrameRate::fps30);
+}
+
+TEST_F(CoordinatorSettingsTest, ATokenFailureIsShownInPlaceOfTheAddress) {
+  credentials->readStatus = kCredentialNotAvailable;
+  make();
+  EXPECT_EQ(coordinator->localViewerURL.get(), "Unavailable");
+  EXPECT_EQ(coordinator->lastError.get(), "Could not access the viewer token in Keychain (OSStatus -25291).");
+  EXPECT_EQ(coordinator->phase.get(), StreamPhase(Case::idle));
+
+  credentials->readStatus = 0;
+  make();
+  EXPECT_EQ(coordinator->localViewerURL.get(), std::string("http://127.0.0.1:8080#") + kToken);
+}
+
+TEST_F(CoordinatorSettingsTest, WithoutCaptureAChangeIsStoredAndToldAtOnce) {
+  launch();
+  const auto viewer = connectViewer();
+  viewer->sent.clear();
+  run(coordinator->applyStreamSettings(StreamProfile::high, StreamFrameRate::fps30));
+  EXPECT_EQ(stored(keys::kProfile), PreferenceValue("high"));
+  EXPECT_EQ(stored(keys::kFrameRate), PreferenceValue(std::int64_t{30}));
+  EXPECT_THAT(received(viewer), Contains(HasSubstr(R"("quality":"high","fps":30,"codec":"hevc")")));
+  EXPECT_EQ(screen->streamCount(), 0u);
+}
+
+TEST_F(CoordinatorSettingsTest, AViewerThatCannotDecodeH265GetsH264) {
+  const auto viewer = streamToViewer();
+  send(viewer, R"({"type":"codecFallback"})");
+  EXPECT_EQ(coordinator->videoCodec, StreamVideoCodec::h264);
+  EXPECT_EQ(stored(keys::kVideoCodec), PreferenceValue("h264"));
+  EXPECT_THAT(received(viewer), Contains(HasSubstr(R"("codec":"h264","reconfigured":true)")));
+  showFrame();
+  EXPECT_EQ(compression->sessions.back()->codec, VideoCodecType::avc1);
+
+  // A viewer's wish for another quality is answered with the present one and changes nothing.
+  send(viewer, R"({"type":"streamSettings","quality":"safe","fps":24})");
+  EXPECT_EQ(coordinator->profile, StreamProfile::balanced);
+  EXPECT_EQ(coordinator->frameRate, StreamFrameRate::fps60);
+}
+
+TEST_F(CoordinatorSettingsTest, OfSeveralQuickChangesTheLastIsApplied) {
+  streamToViewer();
+  const auto stream = screen->latest();
+  stream->holds = true;
+  const auto first = start(coordinator->applyStreamSettings(StreamProfile::high, StreamFrameRate::fps60));
+  time->runReady();
+  EXPECT_TRUE(coordinator->isUpdatingStreamSettings);
+  EXPECT_FALSE(coordinator->canEditStreamSettings());
+  for (const auto rate : {StreamFrameRate::fps24, StreamFrameRate::fps60, StreamFrameRate::fps30}) {
+    run(coordinator->applyStreamSettings(StreamProfile::safe, rate));
+  }
+  EXPECT_EQ(coordinator->profile, StreamProfile::balanced);  // nothing is published before it is true
+  stream->holds = false;
+  stream->complete();
+  time->runReady();
+  EXPECT_TRUE(first.isFinished());
+  EXPECT_FALSE(coordinator->isUpdatingStreamSettings);
+  EXPECT_EQ(coordinator->profile, StreamProfile::safe);
+  EXPECT_EQ(coordinator->frameRate, StreamFrameRate::fps30);
+  EXPECT_EQ(stream->configurations.size(), 2u);
+}
+
+TEST_F(CoordinatorSettingsTest, ARefusedChangeKeepsTheOldValuesAndSaysSo) {
+  const auto viewer = streamToViewer();
+  screen->latest()->outcomes = {std::make_exception_ptr(KestruneError::operationFailed("no"))};
+  run(coordinator->applyStreamSettings(StreamProfile::high, StreamFrameRate::fps24));
+  EXPECT_EQ(coordinator->profile, StreamProfile::balanced);
+  EXPECT_EQ(coordinator->lastError.get(), "Unable to change video quality: no");
+  EXPECT_EQ(coordinator->phase.get(), StreamPhase(Case::streaming));
+  EXPECT_THAT(received(viewer), Contains(HasSubstr(R"("quality":"balanced","fps":60)")));
+}
+
+TEST_F(CoordinatorSettingsTest, ATeardownMakesARunningChangeMeaningless) {
+  streamToViewer();
+  const auto stream = screen->latest();
+  stream->holds = true;
+  const auto change = start(coordinator->applyStreamSettings(StreamProfile::high, StreamFrameRate::fps60));
+  time->runReady();
+  const auto end = start(coordinator->teardown());
+  time->runReady();
+  run(coordinator->applyStreamSettings(StreamProfile::safe, StreamFrameRate::fps60));  // dropped
+  while (!stream->waiting.empty()) {
+    stream->complete();
+    time->runReady();
+  }
+  EXPECT_TRUE(change.isFinished() && end.isFinished());
+  EXPECT_EQ(coordinator->profile, StreamProfile::balanced);
+  EXPECT_EQ(coordinator->lastError.get(), std::nullopt);
+  EXPECT_FALSE(coordinator->isUpdatingStreamSettings);
+}
+
+}  // namespace
+}  // namespace kestrune

@@ -1,0 +1,311 @@
+#include "CoordinatorFixture.h"
+
+namespace kestrune {
+namespace {
+
+constexpr const char* kCaptureMessage =
+    "The Mac could not start screen capture. Check Screen Recording permission and reselect the display.";
+
+std::exception_ptr failure(const std::string& text) {
+  return std::make_exception_ptr(KestruneError::operationFailed(text));
+}
+
+class CoordinatorStreamTest : public CoordinatorTest {};
+
+TEST_F(CoordinatorStreamTest, ARefusedTransitionChangesNothingAndIsLogged) {
+  make();
+  coordinator->setPhase(Case::remoteReady);
+  EXPECT_EQ(coordinator->phase.get(), StreamPhase(Case::idle));
+  EXPECT_TRUE(log.contains("error [App] Rejected invalid stream state transition from Idle to Remote Ready"));
+  EXPECT_THAT(phases, IsEmpty());
+}
+
+TEST_F(CoordinatorStreamTest, ALaunchSelectsTheMainDisplayAndWaitsForAViewer) {
+  launch();
+  EXPECT_THAT(phases, ElementsAre("Source Selected", "Starting", "Remote Ready"));
+  EXPECT_EQ(coordinator->selectedSource.get(),
+            (CaptureSourceDescriptor{"Main Display", CaptureSourceDescriptor::Kind::display}));
+  EXPECT_TRUE(network->isListening());
+  EXPECT_EQ(screen->streamCount(), 0u);
+  EXPECT_TRUE(log.contains("notice [App] Main display selected automatically"));
+  EXPECT_TRUE(coordinator->canChangeSource());
+  EXPECT_FALSE(coordinator->canChangeDisplayMode());
+  const auto viewer = connectViewer();
+  EXPECT_EQ(states(viewer).back(), state("armed"));
+  run(coordinator->startServing());  // it is up already
+  EXPECT_EQ(network->endpoints.size(), 1u);
+}
+
+TEST_F(CoordinatorStreamTest, AServerThatCannotStartLeavesNothingUp) {
+  network->outcome = TcpListener::State::failed;
+  network->reason = "Address already in use";
+  launch();
+  EXPECT_EQ(coordinator->phase.get(), StreamPhase::failed("Address already in use"));
+  EXPECT_EQ(coordinator->lastError.get(), "Address already in use");
+  EXPECT_FALSE(coordinator->isRemoteStartArmed || coordinator->isRemoteStartBusy);
+  EXPECT_TRUE(log.contains("error [App] Stream startup failed: Address already in use"));
+  EXPECT_EQ(time->pendingDelayedWork(), 0u);
+
+  network->outcome = TcpListener::State::ready;
+  run(coordinator->startServing());
+  EXPECT_EQ(coordinator->phase.get(), StreamPhase(Case::remoteReady));
+  EXPECT_EQ(coordinator->lastError.get(), std::nullopt);
+}
+
+TEST_F(CoordinatorStreamTest, AStartThatIsStoppedIsNoFailure) {
+  make();
+  run(coordinator->selectDefaultDisplayIfNeeded());
+  network->outcome = TcpListener::State::setup;  // neither ready nor failed
+  const auto starting = start(coordinator->startServing());
+  time->runReady();
+  EXPECT_TRUE(coordinator->isRemoteStartBusy);
+  const auto ending = start(coordinator->prepareForTermination());
+  time->runReady();
+  EXPECT_FALSE(ending.isFinished());
+  network->changeListenerState(TcpListener::State::ready, "");
+  time->runReady();
+  EXPECT_TRUE(starting.isFinished() && ending.isFinished());
+  EXPECT_EQ(coordinator->phase.get(), StreamPhase(Case::sourceSelected));
+  EXPECT_EQ(coordinator->lastError.get(), std::nullopt);
+  EXPECT_FALSE(network->isListening());
+}
+
+TEST_F(CoordinatorStreamTest, AViewersRequestStartsCaptureAndEncoding) {
+  launch();
+  const auto viewer = connectViewer();
+  states(viewer);
+  phases.clear();
+  requestStart(viewer);
+  EXPECT_THAT(states(viewer), ElementsAre(state("starting"), state("streaming")));
+  EXPECT_THAT(phases, ElementsAre("Starting", "Streaming"));
+  EXPECT_FALSE(screen->latest()->configuration.showsCursor);  // the page draws it
+  EXPECT_FALSE(coordinator->canChangeSource());
+  showFrame();
+  EXPECT_EQ(framesAtEncoder(), 1u);
+  EXPECT_TRUE(compression->sessions.back()->frames.front().forceKeyframe);
+
+  requestStart(viewer);  // again: the same stream
+  EXPECT_THAT(states(viewer), ElementsAre(state("streaming")));
+  EXPECT_EQ(screen->streamCount(), 1u);
+}
+
+TEST_F(CoordinatorStreamTest, RequestsDuringAStartAreAnsweredWithIt) {
+  launch();
+  const auto viewer = connectViewer();
+  states(viewer);
+  screen->holdsStart = true;
+  requestStart(viewer);
+  requestStart(viewer);
+  EXPECT_THAT(states(viewer), ElementsAre(state("starting"), state("starting")));
+  EXPECT_TRUE(coordinator->isRemoteStartBusy);
+  screen->latest()->complete();
+  time->runReady();
+  EXPECT_THAT(states(viewer), ElementsAre(state("streaming")));
+  EXPECT_EQ(screen->streamCount(), 1u);
+  EXPECT_FALSE(coordinator->isRemoteStartBusy);
+}
+
+TEST_F(CoordinatorStreamTest, AViewerThatLeavesDuringAStartLeavesNothingEncoding) {
+  launch();
+  const auto viewer = connectViewer();
+  screen->holdsStart = true;
+  requestStart(viewer);
+  disconnect(viewer);
+  screen->latest()->holds = false;
+  screen->latest()->complete();
+  time->runReady();
+  EXPECT_TRUE(coordinator->isCapturing);
+  EXPECT_EQ(coordinator->phase.get(), StreamPhase(Case::remoteReady));
+  showFrame();
+  EXPECT_EQ(framesAtEncoder(), 0u);
+}
+
+TEST_F(CoordinatorStreamTest, MissingPermissionsAreToldToTheViewer) {
+  launch();
+  const auto viewer = connectViewer();
+  states(viewer);
+  permissions->isTrusted = false;
+  requestStart(viewer);
+  const std::string message =
+      "Screen Recording and Accessibility must be allowed on the Mac before streaming can start.";
+  EXPECT_THAT(states(viewer), ElementsAre(state("error", message)));
+  EXPECT_EQ(coordinator->lastError.get(), message);
+  EXPECT_FALSE(coordinator->remoteControlPermissionGranted);
+  EXPECT_EQ(screen->streamCount(), 0u);
+}
+
+TEST_F(CoordinatorStreamTest, AFailedCaptureKeepsTheStandbyForAnotherTry) {
+  launch();
+  const auto viewer = connectViewer();
+  states(viewer);
+  phases.clear();
+  screen->outcomes = {failure("busy")};
+  requestStart(viewer);
+  EXPECT_THAT(states(viewer), ElementsAre(state("starting"), state("error", kCaptureMessage)));
+  EXPECT_THAT(phases, ElementsAre("Starting", "Remote Ready"));
+  EXPECT_EQ(coordinator->lastError.get(), kCaptureMessage);
+  EXPECT_EQ(coordinator->metrics->lastError, kCaptureMessage);
+  EXPECT_TRUE(log.contains("error [App] Remote screen capture failed: Unable to start screen capture: busy"));
+  EXPECT_TRUE(coordinator->isRemoteStartArmed);
+  requestStart(viewer);
+  EXPECT_THAT(states(viewer), ElementsAre(state("starting"), state("streaming")));
+  EXPECT_EQ(coordinator->lastError.get(), std::nullopt);
+}
+
+TEST_F(CoordinatorStreamTest, WithoutADisplayTheServerIsUpAndARequestFails) {
+  screen->displays.clear();
+  launch();
+  EXPECT_THAT(phases, IsEmpty());
+  EXPECT_TRUE(coordinator->isRemoteStartArmed);
+  const auto viewer = connectViewer();
+  states(viewer);
+  requestStart(viewer);
+  EXPECT_EQ(states(viewer).back(), state("error", kCaptureMessage));
+
+  permissions->isCaptureAllowed = false;
+  launch();
+  EXPECT_TRUE(log.contains(
+      "info [App] Skipped automatic display selection because screen capture access is unavailable"));
+}
+
+TEST_F(CoordinatorStreamTest, EncodingFollowsTheViewerAndAShortLossCostsNothing) {
+  const auto first = streamToViewer();
+  showFrame();
+  EXPECT_EQ(framesAtEncoder(), 1u);
+  disconnect(first);
+  EXPECT_THAT(phases, ElementsAre("Recovering"));
+  time->advance(4s);
+  const auto second = connectViewer();
+  EXPECT_THAT(phases, ElementsAre("Recovering", "Streaming"));
+  EXPECT_THAT(states(second), Contains(state("streaming")));
+  time->advance(2s);
+  showFrame();
+  EXPECT_EQ(framesAtEncoder(), 2u);
+  EXPECT_TRUE(compression->sessions.back()->frames.back().forceKeyframe);
+
+  disconnect(second);
+  EXPECT_EQ(coordinator->metrics->viewerCount, 0);
+  time->advance(5s);
+  showFrame();
+  EXPECT_EQ(framesAtEncoder(), 2u);  // capture goes on, encoding does not
+  const auto third = connectViewer();
+  EXPECT_EQ(coordinator->metrics->viewerCount, 1);
+  showFrame();
+  EXPECT_EQ(framesAtEncoder(), 3u);
+}
+
+TEST_F(CoordinatorStreamTest, AStreamThatDiesIsToldAndMayBeStartedAnew) {
+  const auto viewer = streamToViewer();
+  time->advance(1s);
+  screen->latest()->onStopped(failure("the display is gone"));
+  time->runReady();
+  const std::string told = "Screen capture stopped on the Mac. Check the selected display, then try again.";
+  EXPECT_THAT(states(viewer), ElementsAre(state("error", told)));
+  EXPECT_THAT(phases, ElementsAre("Remote Ready"));
+  EXPECT_EQ(coordinator->lastError.get(), "Screen capture stopped unexpectedly: the display is gone");
+  EXPECT_EQ(coordinator->metrics->captureFPS, 0);
+  EXPECT_EQ(coordinator->metrics->viewerCount, 1);
+  EXPECT_FALSE(coordinator->isCapturing);
+  requestStart(viewer);
+  EXPECT_THAT(states(viewer), ElementsAre(state("starting"), state("streaming")));
+}
+
+TEST_F(CoordinatorStreamTest, TheUsersStopGoesBackToStandby) {
+  const auto viewer = streamToViewer();
+  run(coordinator->stop());
+  EXPECT_THAT(states(viewer), ElementsAre(state("armed")));
+  EXPECT_EQ(coordinator->phase.get(), StreamPhase(Case::remoteReady));
+  EXPECT_EQ(screen->latest()->calls.back(), "stop");
+  EXPECT_TRUE(network->isListening());
+  run(coordinator->teardown());
+  run(coordinator->stop());
+  EXPECT_EQ(coordinator->phase.get(), StreamPhase(Case::sourceSelected));
+}
+
+TEST_F(CoordinatorStreamTest, OverlappingTeardownsShareOneRunThatEndsCaptureBeforeTheServer) {
+  const auto viewer = streamToViewer();
+  const auto stream = screen->latest();
+  stream->holds = true;
+  const auto one = start(coordinator->teardown());
+  const auto two = start(coordinator->teardown());
+  time->runReady();
+  EXPECT_FALSE(one.isFinished() || two.isFinished());
+  EXPECT_EQ(stream->calls.back(), "stop");
+  EXPECT_TRUE(network->isListening());
+  EXPECT_FALSE(coordinator->isRemoteStartArmed);
+  EXPECT_THAT(received(viewer), Contains(HasSubstr(R"("cursorState","visible":false)")));
+  stream->onStopped(failure("late"));  // nobody cares any more
+  requestStart(viewer);
+  stream->complete(failure("stubborn"));
+  time->runReady();
+  EXPECT_TRUE(one.isFinished() && two.isFinished());
+  EXPECT_TRUE(log.contains(
+      "error [Capture] Capture shutdown failed: Unable to stop screen capture cleanly: stubborn"));
+  EXPECT_FALSE(network->isListening());
+  EXPECT_TRUE(viewer->cancelled);
+  EXPECT_EQ(coordinator->metrics.get(), StreamMetrics());
+  EXPECT_EQ(coordinator->lastError.get(), std::nullopt);
+  EXPECT_EQ(screen->streamCount(), 1u);
+  time->advance(10s);  // what connections had waited for
+  EXPECT_EQ(time->pendingDelayedWork(), 0u);
+}
+
+TEST_F(CoordinatorStreamTest, TheViewersInputReachesTheSystemAndANewViewerStartsInTheMiddle) {
+  const auto viewer = streamToViewer();
+  EXPECT_THAT(input->posted, Contains("mouse 5 at 500,250"));
+  input->posted.clear();
+  send(viewer, R"({"type":"fullscreen"})");
+  EXPECT_THAT(input->posted, ElementsAre("key 3 down", "key 3 up"));
+  input->posted.clear();
+  send(viewer, R"({"type":"mode","mode":"control"})");
+  send(viewer, R"({"type":"tap","x":0.25,"y":0.5})");
+  EXPECT_THAT(input->posted, ElementsAre("mouse 1 at 250,250", "mouse 2 at 250,250"));
+  EXPECT_THAT(received(viewer), Contains(HasSubstr("clicked")));
+}
+
+TEST_F(CoordinatorStreamTest, ThePointerIsFollowedWhileAViewerWatchesADisplay) {
+  input->cursor = Point{100, 250};
+  const auto viewer = streamToViewer();
+  time->advance(1s);
+  EXPECT_THAT(received(viewer), Not(Contains(HasSubstr("cursorState"))));  // it has not moved
+  input->cursor = Point{900, 250};
+  time->advance(67ms);
+  EXPECT_THAT(received(viewer), Contains(HasSubstr(R"("cursorState","visible":true,"x":0.9,"y":0.5)")));
+  input->cursor = Point{1200, 250};
+  time->advance(67ms);
+  EXPECT_THAT(received(viewer), Contains(HasSubstr(R"("cursorState","visible":false,"x":0.5,"y":0.5)")));
+  disconnect(viewer);
+  run(coordinator->teardown());
+  time->advance(10s);
+  EXPECT_EQ(time->pendingDelayedWork(), 0u);
+}
+
+TEST_F(CoordinatorStreamTest, NumbersComeFromCaptureServerAndViewer) {
+  const auto viewer = streamToViewer();
+  send(viewer, R"({"type":"telemetry","viewerFPS":29.5,"decodeMilliseconds":4,"videoBufferMilliseconds":0,)"
+               R"("audioBufferMilliseconds":0,"audioDriftMilliseconds":0,"reconnects":2,)"
+               R"("videoBufferRebuildTargetMilliseconds":5000})");
+  for (int index = 0; index < 3; ++index) {
+    time->advance(600ms);
+    showFrame();
+  }
+  EXPECT_EQ(coordinator->metrics->viewerFPS, 29.5);
+  EXPECT_EQ(coordinator->metrics->reconnects, 2);
+  EXPECT_EQ(coordinator->metrics->viewerCount, 1);
+  EXPECT_GT(coordinator->metrics->bytesSent, 0u);
+  EXPECT_GT(coordinator->metrics->captureFPS, 1.0);
+  EXPECT_THAT(received(viewer),
+              Contains(HasSubstr(R"("captureMode":"physicalDisplay","captureTargetFPS":60)")));
+}
+
+TEST_F(CoordinatorStreamTest, NothingKeepsACoordinatorThatIsLetGo) {
+  streamToViewer();
+  const std::weak_ptr<StreamCoordinator> weak = coordinator;
+  observation.reset();
+  coordinator.reset();
+  time->advance(1min);
+  EXPECT_TRUE(weak.expired());
+}
+
+}  // namespace
+}  // namespace kestrune
