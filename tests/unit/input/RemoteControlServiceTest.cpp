@@ -1,0 +1,337 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <limits>
+
+#include "input/ControlTargetMapping.h"
+#include "input/RemoteControlService.h"
+#include "runtime/ManualTime.h"
+#include "support/FakeInputEvents.h"
+
+namespace kestrune {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using Phase = RemotePointerPhase;
+using Result = RemoteTapResult;
+
+constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
+constexpr double kInfinity = std::numeric_limits<double>::infinity();
+
+class RemoteControlServiceTest : public ::testing::Test {
+ protected:
+  RemoteControlServiceTest() {
+    service.setEnabled(true);
+    service.setTarget(target);
+  }
+
+  /// A display of 1000 x 500 points that does not start at the origin.
+  const RemoteControlTarget target{Rect{0, 0, 10, 10}, DisplayID{1}};
+  std::shared_ptr<ManualTime> time = ManualTime::make();
+  std::shared_ptr<FakeInputEvents> events = std::make_shared<FakeInputEvents>();
+  std::shared_ptr<FakeDisplays> displays = [] {
+    auto result = std::make_shared<FakeDisplays>();
+    result->area = {100, 200, 1000, 500};
+    return result;
+  }();
+  std::shared_ptr<FakePrivacyPermissions> permissions = std::make_shared<FakePrivacyPermissions>();
+  RemoteControlService service{events, displays, permissions, time->makeQueue("main"), time};
+};
+
+TEST_F(RemoteControlServiceTest, ButtonFollowsTheFinger) {
+  EXPECT_EQ(service.pointer(Phase::move, 0.5, 0.5), Result::clicked);
+  EXPECT_EQ(service.pointer(Phase::down, 0.1, 0.2), Result::clicked);
+  EXPECT_EQ(service.pointer(Phase::move, 1, 1), Result::clicked);
+  EXPECT_EQ(service.pointer(Phase::up, 0, 0), Result::clicked);
+  EXPECT_THAT(events->takePosted(),
+              ElementsAre("mouse 5 (600, 450) button 0", "mouse 1 (200, 300) button 0",
+                          "mouse 6 (1100, 700) button 0", "mouse 2 (100, 200) button 0"));
+
+  // An up without a press posts nothing, but the pointer counts as being there.
+  EXPECT_EQ(service.pointer(Phase::up, 0.5, 0.5), Result::clicked);
+  EXPECT_THAT(events->takePosted(), IsEmpty());
+  EXPECT_EQ(service.move(0, 0, 1), Result::clicked);
+  EXPECT_THAT(events->takePosted(), ElementsAre("mouse 5 (600, 450) button 0"));
+
+  EXPECT_EQ(service.tap(0.5, 0.5), Result::clicked);
+  EXPECT_THAT(events->takePosted(),
+              ElementsAre("mouse 1 (600, 450) button 0", "mouse 2 (600, 450) button 0"));
+}
+
+TEST_F(RemoteControlServiceTest, HeldButtonIsLetGoWhereverControlMayBeLost) {
+  const auto press = [this] {
+    service.pointer(Phase::down, 0.1, 0.2);
+    events->posted.clear();
+  };
+  const std::string up = "mouse 2 (200, 300) button 0";
+
+  press();
+  service.pointer(Phase::down, 0.5, 0.5);
+  EXPECT_THAT(events->takePosted(), ElementsAre(up, "mouse 1 (600, 450) button 0"));
+
+  // Even by a press that is refused itself.
+  for (const double bad : {-0.01, 1.01, kNaN, kInfinity}) {
+    press();
+    EXPECT_EQ(service.pointer(Phase::down, bad, 0.5), Result::invalidCoordinates);
+    EXPECT_EQ(service.pointer(Phase::move, 0.5, bad), Result::invalidCoordinates);
+    EXPECT_THAT(events->takePosted(), ElementsAre(up));
+  }
+
+  press();
+  service.setTarget(std::nullopt);
+  EXPECT_THAT(events->takePosted(), ElementsAre(up));
+  service.setTarget(target);
+
+  // A cancel needs neither permission nor target nor the switch; a second one has nothing left to do.
+  press();
+  permissions->input = false;
+  service.setEnabled(false);
+  EXPECT_EQ(service.pointer(Phase::cancel, kNaN, kNaN), Result::clicked);
+  service.setTarget(std::nullopt);
+  EXPECT_EQ(service.pointer(Phase::cancel, 0, 0), Result::clicked);
+  EXPECT_THAT(events->takePosted(), ElementsAre(up));
+}
+
+TEST_F(RemoteControlServiceTest, TargetThatChangesMidwayIsNotTouched) {
+  displays->onBounds = [this] {
+    displays->onBounds = nullptr;
+    service.setTarget(RemoteControlTarget{Rect{0, 0, 5, 5}, std::nullopt});
+  };
+  EXPECT_EQ(service.pointer(Phase::down, 0.5, 0.5), Result::displayRequired);
+  service.releaseButton();
+  EXPECT_THAT(events->takePosted(), IsEmpty());
+}
+
+TEST_F(RemoteControlServiceTest, FrameIsThatOfTheDisplayNowElseTheFallback) {
+  displays->area = {-50, 0, 200, 100};
+  EXPECT_EQ(service.pointer(Phase::move, 0.5, 0.5), Result::clicked);
+  displays->area = {};
+  EXPECT_EQ(service.pointer(Phase::move, 0.5, 0.5), Result::clicked);
+  EXPECT_THAT(events->takePosted(), ElementsAre("mouse 5 (50, 50) button 0", "mouse 5 (5, 5) button 0"));
+
+  service.setTarget(RemoteControlTarget{Rect{0, 0, 0, 10}, std::nullopt});
+  EXPECT_EQ(service.pointer(Phase::move, 0.5, 0.5), Result::invalidCoordinates);
+  EXPECT_THAT(events->takePosted(), IsEmpty());
+}
+
+TEST_F(RemoteControlServiceTest, RelativeMoveStaysOnePointInside) {
+  events->cursor = Point{110, 210};
+  EXPECT_EQ(service.move(0.1, 0.1, 3.0), Result::clicked);    // from the cursor
+  EXPECT_EQ(service.move(0.1, -0.1, 0.25), Result::clicked);  // from where it was put last
+  EXPECT_EQ(service.move(9, 9, 1), Result::clicked);
+  EXPECT_EQ(service.move(-9, -9, 1), Result::clicked);
+  EXPECT_THAT(events->takePosted(),
+              ElementsAre("mouse 5 (410, 360) button 0", "mouse 5 (435, 347.5) button 0",
+                          "mouse 5 (1099, 699) button 0", "mouse 5 (100, 200) button 0"));
+
+  service.setButton(true);
+  EXPECT_EQ(service.move(0.1, 0, 1), Result::clicked);
+  EXPECT_THAT(events->takePosted(),
+              ElementsAre("mouse 1 (110, 210) button 0", "mouse 6 (210, 210) button 0"));
+
+  for (const double sensitivity : {0.2499, 3.01, kNaN}) {
+    EXPECT_EQ(service.move(0, 0, sensitivity), Result::invalidCoordinates);
+  }
+  EXPECT_EQ(service.move(kInfinity, 0, 1), Result::invalidCoordinates);
+  EXPECT_THAT(events->takePosted(), IsEmpty());
+}
+
+TEST_F(RemoteControlServiceTest, ClicksStartFromTheCursorThenTheLastPointThenTheMiddle) {
+  EXPECT_EQ(service.click(RemoteMouseButton::left), Result::clicked);
+  service.pointer(Phase::move, 0, 0);
+  EXPECT_EQ(service.click(RemoteMouseButton::left), Result::clicked);
+  events->cursor = Point{7, 8};
+  EXPECT_EQ(service.click(RemoteMouseButton::right), Result::clicked);
+  EXPECT_THAT(events->takePosted(), ElementsAre("mouse 1 (600, 450) button 0", "mouse 2 (600, 450) button 0",
+                                                "mouse 5 (100, 200) button 0", "mouse 1 (100, 200) button 0",
+                                                "mouse 2 (100, 200) button 0", "mouse 3 (7, 8) button 1",
+                                                "mouse 4 (7, 8) button 1"));
+
+  // A click leaves the service's own state alone: no button is held, and the last point is the earlier one.
+  service.releaseButton();
+  EXPECT_EQ(service.move(0, 0, 1), Result::clicked);
+  EXPECT_THAT(events->takePosted(), ElementsAre("mouse 5 (100, 200) button 0"));
+}
+
+TEST_F(RemoteControlServiceTest, ScrollTruncatesAndLimits) {
+  for (const auto& [dx, dy] :
+       {std::pair{0.0, 0.2}, {0.0, 1.0}, {0.0, 0.001}, {-0.0999, 0.0}, {-9.0, -0.05}}) {
+    EXPECT_EQ(service.scroll(dx, dy), Result::clicked);
+  }
+  EXPECT_THAT(events->takePosted(),
+              ElementsAre("scroll -120 0", "scroll -120 0", "scroll 0 0", "scroll 0 59", "scroll 30 120"));
+  EXPECT_EQ(service.scroll(kNaN, 0), Result::invalidCoordinates);
+  EXPECT_EQ(service.scroll(0, kInfinity), Result::invalidCoordinates);
+}
+
+TEST_F(RemoteControlServiceTest, TextTravelsInChunksThatCutNoCharacter) {
+  const auto typed = [this](const std::string& text) {
+    events->texts.clear();
+    events->posted.clear();
+    EXPECT_EQ(service.typeText(text), Result::clicked) << text;
+    // Each chunk is a down and an up with the same text.
+    std::vector<std::u16string> chunks;
+    for (std::size_t index = 0; index < events->texts.size(); index += 2) {
+      EXPECT_EQ(events->texts[index], events->texts[index + 1]);
+      EXPECT_EQ(events->posted[index], "key 0 down");
+      EXPECT_EQ(events->posted[index + 1], "key 0 up");
+      chunks.push_back(events->texts[index]);
+    }
+    return chunks;
+  };
+
+  const auto chunks = typed(std::string(200, 'a'));
+  EXPECT_EQ(chunks, std::vector<std::u16string>(10, std::u16string(20, u'a')));
+
+  // 11 units a family: the second does not fit behind the first.
+  const std::u16string family = u"\U0001F468\u200D\U0001F469\u200D\U0001F467\u200D\U0001F466";
+  const std::string familyBytes = "\U0001F468\u200D\U0001F469\u200D\U0001F467\u200D\U0001F466";
+  EXPECT_THAT(typed("ab" + familyBytes + familyBytes), ElementsAre(u"ab" + family, family));
+
+  // A character longer than a chunk travels alone and whole.
+  std::string accents = "e";
+  std::u16string accents16 = u"e";
+  for (int count = 0; count < 25; ++count) {
+    accents += "\u0301";
+    accents16 += u'\u0301';
+  }
+  EXPECT_THAT(typed(accents), ElementsAre(accents16));
+  EXPECT_THAT(typed("x" + accents + "y"), ElementsAre(u"x", accents16, u"y"));
+
+  events->posted.clear();
+  EXPECT_EQ(service.typeText(""), Result::eventFailed);
+  EXPECT_EQ(service.typeText(std::string(201, 'a')), Result::eventFailed);
+  EXPECT_THAT(events->takePosted(), IsEmpty());
+  std::string wide;  // the limit counts UTF-16, not bytes
+  for (int count = 0; count < 200; ++count) wide += "\u65E5";
+  EXPECT_EQ(typed(wide).size(), 10U);
+}
+
+TEST_F(RemoteControlServiceTest, KeysByName) {
+  EXPECT_EQ(service.pressKey("return"), Result::clicked);
+  EXPECT_EQ(service.pressKey("up"), Result::clicked);
+  EXPECT_THAT(events->takePosted(), ElementsAre("key 36 down", "key 36 up", "key 126 down", "key 126 up"));
+  EXPECT_THAT(events->texts, IsEmpty());
+
+  // An unknown name is told before everything else.
+  service.setEnabled(false);
+  for (const auto* name : {"Return", "", "enter", "ff"}) {
+    EXPECT_EQ(service.pressKey(name), Result::eventFailed) << name;
+  }
+}
+
+TEST_F(RemoteControlServiceTest, PlayKeyNeedsNoTarget) {
+  service.setTarget(std::nullopt);
+  EXPECT_EQ(service.togglePlayPause(), Result::clicked);
+  ASSERT_EQ(events->systemDefined.size(), 2U);
+  const auto& [down, up] = std::pair{events->systemDefined[0], events->systemDefined[1]};
+  EXPECT_EQ(down.data1, 0x100A00);
+  EXPECT_EQ(down.modifierFlags, 0x0A00U);
+  EXPECT_EQ(up.data1, 0x100B00);
+  EXPECT_EQ(up.modifierFlags, 0x0B00U);
+  for (const auto& event : events->systemDefined) {
+    EXPECT_EQ(event.type, 14);
+    EXPECT_EQ(event.subtype, 8);
+    EXPECT_EQ(event.data2, -1);
+    EXPECT_EQ(event.timestamp, time->uptimeSeconds());
+  }
+}
+
+TEST_F(RemoteControlServiceTest, ChecksAnswerInTheirOrder) {
+  const std::vector<std::pair<const char*, std::function<Result()>>> operations{
+      {"move", [this] { return service.move(0, 0, 1); }},
+      {"click", [this] { return service.click(RemoteMouseButton::right); }},
+      {"setButton", [this] { return service.setButton(true); }},
+      {"scroll", [this] { return service.scroll(0, 0); }},
+      {"typeText", [this] { return service.typeText("a"); }},
+      {"pressKey", [this] { return service.pressKey("f"); }},
+      {"pointer", [this] { return service.pointer(Phase::move, 0.5, 0.5); }},
+  };
+  for (const auto& [name, operation] : operations) {
+    SCOPED_TRACE(name);
+    service.setEnabled(true);
+    service.setTarget(target);
+    permissions->input = true;
+    events->refusesSources = true;
+    EXPECT_EQ(operation(), Result::eventFailed);
+    permissions->input = false;
+    EXPECT_EQ(operation(), Result::permissionRequired);
+    service.setTarget(std::nullopt);
+    EXPECT_EQ(operation(), Result::displayRequired);
+    service.setEnabled(false);
+    EXPECT_EQ(operation(), Result::controlDisabled);
+  }
+  EXPECT_THAT(events->takePosted(), IsEmpty());
+
+  // Without a target or a switch, the numbers of a pointer are not looked at; those of the others are.
+  EXPECT_EQ(service.pointer(Phase::move, kNaN, 0), Result::controlDisabled);
+  EXPECT_EQ(service.move(kNaN, 0, 1), Result::invalidCoordinates);
+  EXPECT_EQ(service.togglePlayPause(), Result::controlDisabled);
+  service.setEnabled(true);
+  EXPECT_EQ(service.pointer(Phase::move, kNaN, 0), Result::displayRequired);
+  EXPECT_EQ(service.togglePlayPause(), Result::permissionRequired);
+  service.setTarget(target);
+  EXPECT_EQ(service.pointer(Phase::move, kNaN, 0), Result::invalidCoordinates);
+}
+
+TEST_F(RemoteControlServiceTest, PermissionIsAskedForOnTheMainQueueOnly) {
+  permissions->input = false;
+  EXPECT_EQ(service.click(RemoteMouseButton::left), Result::permissionRequired);
+  EXPECT_EQ(permissions->prompts, 0);
+  time->runReady();
+  EXPECT_EQ(permissions->prompts, 1);
+  permissions->input = true;
+  service.requestAccessibilityPermission();
+  time->runReady();
+  EXPECT_EQ(permissions->prompts, 1);
+}
+
+TEST_F(RemoteControlServiceTest, EventThatCannotBeMadeLeavesNothingBehind) {
+  // A click of which only one half can be made posts neither; no button stays held.
+  events->eventsLeft = 1;
+  EXPECT_EQ(service.click(RemoteMouseButton::left), Result::eventFailed);
+  events->eventsLeft = 1;
+  EXPECT_EQ(service.pressKey("f"), Result::eventFailed);
+  events->eventsLeft = 0;
+  EXPECT_EQ(service.pointer(Phase::down, 0, 0), Result::eventFailed);
+  EXPECT_EQ(service.setButton(true), Result::eventFailed);
+  events->eventsLeft.reset();
+  service.releaseButton();
+  EXPECT_THAT(events->takePosted(), IsEmpty());
+
+  // Of a text, what was posted stays posted.
+  events->eventsLeft = 3;
+  EXPECT_EQ(service.typeText(std::string(30, 'a')), Result::eventFailed);
+  EXPECT_THAT(events->texts, ElementsAre(std::u16string(20, u'a'), std::u16string(20, u'a')));
+  events->eventsLeft = 1;
+  EXPECT_EQ(service.togglePlayPause(), Result::eventFailed);
+  EXPECT_EQ(events->systemDefined.size(), 1U);
+}
+
+TEST_F(RemoteControlServiceTest, NoLockIsHeldWhileAnEventIsPosted) {
+  // A poster that calls back would deadlock if it were.
+  int calls = 0;
+  events->beforePost = [&] {
+    ++calls;
+    (void)service.cursorState();
+  };
+  service.pointer(Phase::down, 0.5, 0.5);
+  service.setButton(false);
+  service.move(0, 0, 1);
+  EXPECT_EQ(calls, 3);
+}
+
+TEST_F(RemoteControlServiceTest, CursorIsShownWithinTheTargetEdgesIncluded) {
+  EXPECT_EQ(service.cursorState(), (RemoteCursorState{false, 0.5, 0.5}));
+  service.pointer(Phase::move, 0.25, 0.75);
+  EXPECT_EQ(service.cursorState(), (RemoteCursorState{true, 0.25, 0.75}));
+  events->cursor = Point{1100, 200};
+  EXPECT_EQ(service.cursorState(), (RemoteCursorState{true, 1, 0}));
+  events->cursor = Point{1100.5, 200};
+  EXPECT_EQ(service.cursorState(), (RemoteCursorState{false, 0.5, 0.5}));
+  EXPECT_EQ(displayPoint(target, *displays, kNaN, 300), std::nullopt);
+}
+
+}  // namespace
+}  // namespace kestrune
