@@ -1,0 +1,65 @@
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <string>
+
+#include "runtime/Log.h"
+#include "runtime/ManualTime.h"
+#include "server/StreamingServer.h"
+#include "support/FakeBundle.h"
+#include "support/FakeNetwork.h"
+#include "support/WebSocketPeer.h"
+
+namespace kestrune {
+
+/// A started server in memory that serves one input after the other.
+class FuzzedServer {
+ public:
+  static FuzzedServer& shared() {
+    static FuzzedServer server;
+    return server;
+  }
+
+  std::shared_ptr<FakeTcpConnection> connect() { return network_->connect(); }
+  std::shared_ptr<FakeTcpConnection> connectViewer() {
+    auto connection = connect();
+    connection->deliver(
+        "GET /stream HTTP/1.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\nSec-WebSocket-Version: 13\r\n"
+        "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n\r\n" +
+        textFrame(R"({"type":"auth","token":"token"})"));
+    time_->runReady();
+    connection->sent.clear();
+    return connection;
+  }
+  void run() { time_->runReady(); }
+  /// Ends the connection, and everything that it set going.
+  void finish(const std::shared_ptr<FakeTcpConnection>& connection) {
+    connection->failReceive("over");
+    time_->advance(std::chrono::minutes(3));
+  }
+
+ private:
+  struct Tokens final : ViewerTokenSource {
+    std::string token() override { return "token"; }
+  };
+
+  FuzzedServer() {
+    setLogSink(nullptr);
+    const auto clicked = [](auto&&...) { return RemoteTapResult::clicked; };
+    server_->onRemoteTap = clicked;
+    server_->onRemoteText = clicked;
+    server_->onRemoteKey = clicked;
+    server_->onRemotePlayPause = clicked;
+    server_->start([](std::exception_ptr) {});
+    time_->runReady();
+  }
+
+  const std::shared_ptr<ManualTime> time_ = ManualTime::make();
+  const std::shared_ptr<FakeNetwork> network_ = std::make_shared<FakeNetwork>(time_->makeQueue());
+  const std::shared_ptr<StreamingServer> server_ = std::make_shared<StreamingServer>(
+      network_, std::make_shared<FakeBundle>(), std::make_shared<Tokens>(),
+      std::make_shared<AudioChunkStore>(), std::make_shared<VideoPacketStore>(), time_);
+};
+
+}  // namespace kestrune
