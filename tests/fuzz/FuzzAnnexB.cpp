@@ -22,7 +22,7 @@ std::optional<Bytes> expected(ByteView data, std::size_t prefix) {
       length = length * 256 + data[at + i];
     }
     if (length == 0 || length > data.size() - at - prefix) return std::nullopt;
-    for (const std::uint8_t byte : {0, 0, 0, 1}) output.push_back(byte);
+    for (const int byte : {0, 0, 0, 1}) output.push_back(static_cast<std::uint8_t>(byte));
     for (std::uint64_t i = 0; i < length; ++i) output.push_back(data[at + prefix + i]);
     at += prefix + length;
   }
