@@ -184,6 +184,7 @@ export class InputOutbox {
         return;
       }
       if (item.clock) this.lastSentAt[item.clock] = this.io.now();
+      this.settle = null;
       if (item.clock === 'scroll') this.sendScroll(item);
       else {
         this.waiting.shift();

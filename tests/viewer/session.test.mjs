@@ -1,0 +1,115 @@
+// What a closed connection means, clocks and queue depth, and what the page says in each state.
+import assert from 'node:assert/strict';
+import { test } from 'node:test';
+import { KeyframeRequests, QueueDepth, decoderIsBehind } from '../../Resources/Viewer/adaptive-quality.js';
+import { ClockOffsetFilter, RateMeter } from '../../Resources/Viewer/decoder-clock.js';
+import { missingCapabilities, telemetryMessage } from '../../Resources/Viewer/reporting.js';
+import { cardFor, statusFor } from '../../Resources/Viewer/viewer-ui.js';
+import { Liveness, ReconnectPolicy, streamAddress } from '../../Resources/Viewer/wire-runtime.js';
+
+test('retries grow to a limit, are jittered, and start over after a success', () => {
+  const latest = new ReconnectPolicy(() => 1);
+  const delays = Array.from({ length: 9 }, () => latest.closed(1006, '').delayMs);
+  assert.deepEqual(delays.slice(0, 4), [400, 800, 1600, 3200]);
+  assert.equal(delays[8], 15000);
+  assert.equal(new ReconnectPolicy(() => 0).closed(1006, '').delayMs, 200);
+  latest.succeeded();
+  assert.equal(latest.closed(1011, 'Send queue overflow').delayMs, 400);
+});
+
+test('refusals are answered as they are meant', () => {
+  const policy = new ReconnectPolicy(() => 1);
+  assert.deepEqual(policy.closed(1008, 'Unauthorized'), { action: 'unauthorized' });
+  assert.equal(policy.closed(1008, 'Authentication timeout').action, 'retry');
+  assert.deepEqual(policy.closed(4001, 'Another viewer is active'), { action: 'askTakeover' });
+  assert.deepEqual(policy.closed(4001, 'Replaced by newer viewer'), { action: 'replaced' });
+  const busy = policy.closed(1013, 'Try again later');
+  assert.ok(busy.busy && busy.delayMs >= 10000);
+});
+
+test('a link is dead after two missed answers', () => {
+  const liveness = new Liveness();
+  assert.equal(liveness.due(0), true);
+  assert.equal(liveness.answered(30), 30);
+  assert.equal(liveness.due(2000), true);
+  assert.equal(liveness.due(4000), true);
+  assert.equal(liveness.due(6000), false);
+  assert.equal(liveness.answered(6001), null, 'it is not known which ping was answered');
+  assert.equal(liveness.due(8000), true);
+});
+
+test('the address of the stream has no token', () => {
+  assert.equal(streamAddress(new URL('http://127.0.0.1:8080/#secret')), 'ws://127.0.0.1:8080/stream');
+  assert.equal(streamAddress(new URL('https://viewer.example/?a=b#secret')), 'wss://viewer.example/stream');
+});
+
+test('the clock offset follows the fastest frames and forgets old ones', () => {
+  const clock = new ClockOffsetFilter();
+  assert.equal(clock.add(0, 500), 0);
+  assert.equal(clock.add(100000, 640), 40, 'late by 40 ms');
+  assert.equal(clock.add(200000, 690), 0, 'a faster one moves the offset');
+  assert.equal(clock.offset, 490);
+  assert.equal(clock.expectedArrival(300000), 790);
+  assert.equal(clock.latency(300000, 800), 10);
+  clock.addRoundTrip(8);
+  assert.equal(clock.latency(300000, 800), 14);
+  for (let i = 1; i <= 250; i++) clock.add(200000 + i * 100000, 690 + i * 100 + 25); // a longer road
+  assert.equal(clock.offset, 515);
+  assert.ok(clock.buckets.length <= 12);
+});
+
+test('rates count a sliding second', () => {
+  const rate = new RateMeter();
+  for (let at = 0; at < 2000; at += 20) rate.mark(at);
+  assert.equal(rate.perSecond(2000), 49);
+  assert.equal(rate.perSecond(9000), 0);
+});
+
+test('the queue grows at once with jitter, shrinks slowly, and stays bounded', () => {
+  const depth = new QueueDepth();
+  let now = 0;
+  const feed = (lateness, count) => {
+    for (let i = 0; i < count; i++) depth.add(typeof lateness === 'function' ? lateness(i) : lateness, (now += 16));
+    return depth.depthMs;
+  };
+  const calm = feed(1, 200);
+  const rough = feed((i) => (i % 3 === 0 ? 60 : 0), 60);
+  assert.ok(calm <= 12 && rough >= 60);
+  assert.ok(feed(0, 180) > 20, 'not dropped at once');
+  assert.ok(feed(0, 600) <= 12, 'but in the end');
+  assert.equal(feed(5000, 200), 250);
+});
+
+test('key frames are asked for at most every 0.8 s, and a lagging decoder is noticed', () => {
+  let requests = 0;
+  const keyframes = new KeyframeRequests(() => requests++);
+  for (let now = 0; now < 1600; now += 100) keyframes.request(now);
+  assert.equal(requests, 2);
+  assert.equal(decoderIsBehind({ oldestFedAtMs: 0, inFlight: 8, nowMs: 201, warm: true }), true);
+  assert.equal(decoderIsBehind({ oldestFedAtMs: 0, inFlight: 8, nowMs: 199, warm: true }), false);
+  assert.equal(decoderIsBehind({ oldestFedAtMs: 0, inFlight: 8, nowMs: 400, warm: false }), false, 'starting up');
+  assert.equal(decoderIsBehind({ oldestFedAtMs: null, inFlight: 0, nowMs: 400, warm: true }), false);
+});
+
+test('telemetry is complete and whole where it has to be', () => {
+  const message = telemetryMessage({ viewerFPS: 59.7, decodeMilliseconds: NaN, videoBufferMilliseconds: 12.6, reconnects: 2 });
+  assert.deepEqual(message, {
+    type: 'telemetry', viewerFPS: 59.7, decodeMilliseconds: 0, videoBufferMilliseconds: 13, audioBufferMilliseconds: 0,
+    audioDriftMilliseconds: 0, reconnects: 2, videoBufferRebuildTargetMilliseconds: 5000,
+  });
+});
+
+test('each state has its words', () => {
+  const model = (changes) => ({
+    missing: [], hasToken: true, phase: 'connected', details: {}, stream: { state: 'streaming' }, hasPicture: true, problem: null, everConnected: true, ...changes,
+  });
+  assert.equal(cardFor(model({})), null);
+  assert.equal(cardFor(model({ stream: { state: 'error', message: 'No display.' } })).text, 'No display.');
+  assert.deepEqual(cardFor(model({ stream: { state: 'armed' } })).primary, ['start', 'Start streaming']);
+  assert.equal(cardFor(model({ phase: 'replaced' })).primary[0], 'takeover');
+  assert.equal(cardFor(model({ phase: 'unauthorized' })).tokenForm, true);
+  assert.equal(cardFor(model({ hasToken: false })).tokenForm, true);
+  assert.match(cardFor(model({ missing: missingCapabilities({ WebSocket: 1, isSecureContext: false }) })).text, /secure connection/);
+  assert.match(cardFor(model({ hasPicture: false })).title, /Waiting/);
+  assert.deepEqual(statusFor(model({})), ['Live', 'good']);
+});
