@@ -119,7 +119,7 @@ void ScreenCaptureService::announce(const SharedSelection& selection) {
     target = controlTargetOfContent(selection->filter, *dependencies_.displays);
   }
   deliver(&ScreenCaptureCallbacks::onSourceChanged, std::move(source));
-  deliver(&ScreenCaptureCallbacks::onControlTargetChanged, std::move(target));
+  deliver(&ScreenCaptureCallbacks::onControlTargetChanged, target);
 }
 
 bool ScreenCaptureService::clearManagedSelection(DisplayID display) {

@@ -164,7 +164,7 @@ class ScreenCaptureService final : public std::enable_shared_from_this<ScreenCap
   void reportMetrics(std::optional<StreamMetrics> snapshot);
   template <class Value>
   void deliver(std::function<void(Value)> ScreenCaptureCallbacks::*callback, Value value,
-               Backlog backlog = nullptr);
+               const Backlog& backlog = nullptr);
 
   const Dependencies dependencies_;
   const std::shared_ptr<SerialQueue> videoQueue_;
@@ -193,7 +193,7 @@ class ScreenCaptureService final : public std::enable_shared_from_this<ScreenCap
 
 template <class Value>
 void ScreenCaptureService::deliver(std::function<void(Value)> ScreenCaptureCallbacks::*callback, Value value,
-                                   Backlog backlog) {
+                                   const Backlog& backlog) {
   std::shared_ptr<const ScreenCaptureCallbacks> callbacks;
   {
     const std::lock_guard guard(stateLock_);

@@ -17,9 +17,11 @@ class MoveOnlyFunction<Result(Arguments...)> {
   MoveOnlyFunction() = default;
   MoveOnlyFunction(std::nullptr_t) {}
 
+  // The constraint leaves copies and moves to their own constructors.
   template <class Callable>
   requires(!std::is_same_v<std::remove_cvref_t<Callable>, MoveOnlyFunction> &&
            std::is_invocable_r_v<Result, std::remove_cvref_t<Callable>&, Arguments...>)
+      // NOLINTNEXTLINE(bugprone-forwarding-reference-overload)
       MoveOnlyFunction(Callable&& callable)
       : target_(std::make_unique<Holder<std::remove_cvref_t<Callable>>>(std::forward<Callable>(callable))) {}
 
@@ -36,8 +38,8 @@ class MoveOnlyFunction<Result(Arguments...)> {
   };
   template <class Callable>
   struct Holder final : Base {
-    template <class Source>
-    explicit Holder(Source&& source) : callable(std::forward<Source>(source)) {}
+    explicit Holder(const Callable& source) : callable(source) {}
+    explicit Holder(Callable&& source) : callable(std::move(source)) {}
     Result invoke(Arguments... arguments) override {
       if constexpr (std::is_void_v<Result>) {
         callable(std::forward<Arguments>(arguments)...);

@@ -125,7 +125,7 @@ Root runRoot(std::shared_ptr<TaskContext> context, Task<void> task) {
 
 }  // namespace
 
-TaskHandle startTask(std::shared_ptr<SerialQueue> queue, Task<void> task) {
+TaskHandle startTask(const std::shared_ptr<SerialQueue>& queue, Task<void> task) {
   auto context = std::make_shared<TaskContext>(queue);
   const Root root = runRoot(context, std::move(task));
   root.handle.promise().context = context.get();

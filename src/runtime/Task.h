@@ -28,7 +28,7 @@ namespace kestrune {
 template <class Value>
 class Task;
 class TaskHandle;
-TaskHandle startTask(std::shared_ptr<SerialQueue> queue, Task<void> task);
+TaskHandle startTask(const std::shared_ptr<SerialQueue>& queue, Task<void> task);
 
 /// What all coroutines below one startTask() share. Part of the runtime; use TaskHandle.
 class TaskContext : public std::enable_shared_from_this<TaskContext> {
@@ -232,7 +232,7 @@ class TaskHandle {
 
 /// Starts `task` with a turn of its own on `queue`; never runs any of it before it returns. The task does not
 /// keep the queue alive; it is abandoned if the queue ends first.
-TaskHandle startTask(std::shared_ptr<SerialQueue> queue, Task<void> task);
+TaskHandle startTask(const std::shared_ptr<SerialQueue>& queue, Task<void> task);
 
 namespace detail {
 
