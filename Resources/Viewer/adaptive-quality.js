@@ -4,7 +4,7 @@
  */
 
 const MAXIMUM_DEPTH_MS = 250;
-const MINIMUM_DEPTH_MS = 10;
+const MINIMUM_DEPTH_MS = 4;
 const JITTER_WINDOW = 180; // frames: three seconds at 60 frames per second
 const SHRINK_MS_PER_SECOND = 12;
 const JITTER_PERCENTILE = 0.95;
