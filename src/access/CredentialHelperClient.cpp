@@ -3,8 +3,6 @@
 #include <semaphore>
 #include <utility>
 
-#include "access/LockedCredentialResult.h"
-
 namespace kestrune {
 namespace {
 
@@ -45,9 +43,7 @@ CredentialHelperClient::ReadResult CredentialHelperClient::call(const Request& r
   connection->setInvalidationHandler(nullptr);
   connection->setInterruptionHandler(nullptr);
   connection->invalidate();
-  auto outcome = pending->result.value();
-  if (!outcome) return {kCredentialNotAvailable, std::nullopt};
-  return {outcome->status, std::move(outcome->data)};
+  return pending->result.value().value_or(ReadResult());
 }
 
 CredentialHelperClient::ReadResult CredentialHelperClient::readCredential(const std::string& service,

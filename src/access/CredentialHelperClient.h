@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 
+#include "access/LockedCredentialResult.h"
 #include "platform/Credentials.h"
 
 namespace kestrune {
@@ -18,10 +19,7 @@ namespace kestrune {
 /// call.
 class CredentialHelperClient {
  public:
-  struct ReadResult {
-    CredentialStatus status = kCredentialNotAvailable;
-    std::optional<Bytes> data;
-  };
+  using ReadResult = LockedCredentialResult::Value;
 
   explicit CredentialHelperClient(std::shared_ptr<CredentialConnector> connector);
 
