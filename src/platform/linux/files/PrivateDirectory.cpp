@@ -1,0 +1,121 @@
+#include "platform/linux/files/PrivateDirectory.h"
+
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <system_error>
+
+namespace kestrune::linux_platform {
+namespace {
+
+constexpr mode_t kDirectoryMode = 0700;
+constexpr mode_t kFileMode = 0600;
+constexpr mode_t kRightsOfOthers = 0077;
+constexpr int kMostSetAside = 1000;
+
+[[noreturn]] void fail(int error, const std::string& what) {
+  throw std::system_error(error, std::generic_category(), what);
+}
+
+void check(bool succeeded, const std::string& what) {
+  if (!succeeded) fail(errno, what);
+}
+
+/// Makes a file or directory of this user's its own alone.
+struct stat claim(int descriptor, mode_t mode, const std::string& what) {
+  struct stat status {};
+  check(fstat(descriptor, &status) == 0, what);
+  if (status.st_uid != geteuid()) fail(EPERM, what);
+  if (status.st_mode & kRightsOfOthers) check(fchmod(descriptor, mode) == 0, what);
+  return status;
+}
+
+void makeDirectories(const std::filesystem::path& path) {
+  std::filesystem::path made;
+  for (const auto& component : path) {
+    made /= component;
+    if (mkdir(made.c_str(), kDirectoryMode) != 0 && errno != EEXIST && errno != EACCES && errno != EROFS) {
+      fail(errno, made.string());
+    }
+  }
+}
+
+void writeAll(int descriptor, ByteView bytes, const std::string& what) {
+  while (!bytes.empty()) {
+    const ssize_t count = ::write(descriptor, bytes.data(), bytes.size());
+    if (count < 0 && errno == EINTR) continue;
+    check(count > 0, what);
+    bytes = bytes.subspan(static_cast<std::size_t>(count));
+  }
+}
+
+}  // namespace
+
+PrivateDirectory::PrivateDirectory(const std::filesystem::path& path) {
+  makeDirectories(path);
+  directory_.reset(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  check(static_cast<bool>(directory_), path.string());
+  claim(directory_.get(), kDirectoryMode, path.string());
+}
+
+std::optional<Bytes> PrivateDirectory::read(const std::string& name, std::size_t maximumBytes) const {
+  // O_NONBLOCK: a FIFO in this place must not hold us.
+  const UniqueDescriptor file(
+      openat(directory_.get(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  if (!file && errno == ENOENT) return {};
+  check(static_cast<bool>(file), name);
+  const auto status = claim(file.get(), kFileMode, name);
+  if (!S_ISREG(status.st_mode)) fail(EINVAL, name);
+  if (static_cast<std::uintmax_t>(status.st_size) > maximumBytes) fail(EFBIG, name);
+  Bytes bytes(static_cast<std::size_t>(status.st_size));
+  std::size_t taken = 0;
+  while (taken < bytes.size()) {
+    const ssize_t count = ::read(file.get(), bytes.data() + taken, bytes.size() - taken);
+    if (count < 0 && errno == EINTR) continue;
+    check(count >= 0, name);
+    if (count == 0) break;
+    taken += static_cast<std::size_t>(count);
+  }
+  bytes.resize(taken);
+  return bytes;
+}
+
+void PrivateDirectory::write(const std::string& name, ByteView bytes) const {
+  const std::string temporary = name + ".new";
+  // Left behind by a writer that was killed.
+  check(unlinkat(directory_.get(), temporary.c_str(), 0) == 0 || errno == ENOENT, temporary);
+  const UniqueDescriptor file(openat(directory_.get(), temporary.c_str(),
+                                     O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kFileMode));
+  check(static_cast<bool>(file), temporary);
+  writeAll(file.get(), bytes, temporary);
+  check(fsync(file.get()) == 0, temporary);
+  check(renameat(directory_.get(), temporary.c_str(), directory_.get(), name.c_str()) == 0, name);
+  check(fsync(directory_.get()) == 0, name);
+}
+
+std::string PrivateDirectory::setAside(const std::string& name, const std::string& suffix) const {
+  for (int number = 0; number < kMostSetAside; ++number) {
+    const std::string aside = name + suffix + (number == 0 ? "" : "." + std::to_string(number));
+    if (renameat2(directory_.get(), name.c_str(), directory_.get(), aside.c_str(), RENAME_NOREPLACE) == 0) {
+      return aside;
+    }
+    if (errno != EEXIST) fail(errno, name);
+  }
+  fail(EEXIST, name);
+}
+
+UniqueDescriptor PrivateDirectory::lock() const {
+  // A descriptor of its own: locks belong to open files, and directory_ stays open.
+  UniqueDescriptor held(openat(directory_.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  check(static_cast<bool>(held), "lock");
+  while (flock(held.get(), LOCK_EX) != 0) {
+    if (errno != EINTR) fail(errno, "lock");
+  }
+  return held;
+}
+
+}  // namespace kestrune::linux_platform

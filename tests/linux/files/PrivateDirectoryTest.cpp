@@ -1,0 +1,114 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <set>
+#include <system_error>
+#include <thread>
+#include <vector>
+
+#include "platform/linux/files/PrivateDirectory.h"
+#include "platform/linux/random/SystemRandomSource.h"
+#include "support/TemporaryDirectory.h"
+
+namespace kestrune::linux_platform {
+namespace {
+
+namespace fs = std::filesystem;
+
+Bytes bytes(std::string_view text) {
+  return {text.begin(), text.end()};
+}
+
+template <class Body>
+int errorOf(Body body) {
+  try {
+    body();
+  } catch (const std::system_error& error) {
+    return error.code().value();
+  }
+  return 0;
+}
+
+class PrivateDirectoryTest : public testing::Test {
+ protected:
+  const TemporaryDirectory top_;
+  const fs::path path_ = top_.path() / "a" / "b";
+};
+
+TEST_F(PrivateDirectoryTest, KeepsOthersOut) {
+  fs::create_directories(path_);
+  fs::permissions(path_, fs::perms::all);
+  writeText(path_ / "open", "x");
+  fs::permissions(path_ / "open", fs::perms(0644));
+  const PrivateDirectory directory(path_);
+  EXPECT_EQ(modeOf(path_), 0700u);
+  directory.write("file", bytes("secret"));
+  EXPECT_EQ(modeOf(path_ / "file"), 0600u);
+  EXPECT_EQ(directory.read("file", 6), bytes("secret"));
+  EXPECT_EQ(directory.read("open", 10), bytes("x"));
+  EXPECT_EQ(modeOf(path_ / "open"), 0600u);
+}
+
+TEST_F(PrivateDirectoryTest, FollowsNoLinks) {
+  fs::create_directories(top_.path() / "real");
+  fs::create_directory_symlink(top_.path() / "real", top_.path() / "link");
+  EXPECT_NE(errorOf([&] { PrivateDirectory(top_.path() / "link"); }), 0);
+
+  const PrivateDirectory directory(path_);
+  writeText(top_.path() / "target", "precious");
+  fs::create_symlink(top_.path() / "target", path_ / "file");
+  fs::create_symlink(top_.path() / "target", path_ / "file.new");
+  EXPECT_EQ(errorOf([&] { directory.read("file", 100); }), ELOOP);
+  directory.write("file", bytes("new"));
+  EXPECT_EQ(readText(top_.path() / "target"), "precious");
+  EXPECT_EQ(directory.read("file", 100), bytes("new"));
+}
+
+TEST_F(PrivateDirectoryTest, RefusesWhatIsNoFileOrTooLarge) {
+  const PrivateDirectory directory(path_);
+  EXPECT_FALSE(directory.read("none", 1));
+  directory.write("file", bytes("12345"));
+  EXPECT_EQ(errorOf([&] { directory.read("file", 4); }), EFBIG);
+  ASSERT_EQ(mkfifo((path_ / "fifo").c_str(), 0600), 0);
+  EXPECT_EQ(errorOf([&] { directory.read("fifo", 4); }), EINVAL);
+}
+
+TEST_F(PrivateDirectoryTest, SetsAsideWithoutOverwriting) {
+  const PrivateDirectory directory(path_);
+  for (const auto* text : {"first", "second", "third"}) {
+    directory.write("file", bytes(text));
+    directory.setAside("file", ".invalid");
+  }
+  EXPECT_EQ(readText(path_ / "file.invalid"), "first");
+  EXPECT_EQ(readText(path_ / "file.invalid.1"), "second");
+  EXPECT_EQ(readText(path_ / "file.invalid.2"), "third");
+}
+
+TEST_F(PrivateDirectoryTest, TheLockHasOneHolder) {
+  int inside = 0;
+  std::vector<std::thread> holders;
+  for (int i = 0; i < 4; ++i) {
+    holders.emplace_back([&] {
+      const PrivateDirectory directory(path_);
+      for (int round = 0; round < 200; ++round) {
+        const auto locked = directory.lock();
+        EXPECT_EQ(++inside, 1);
+        --inside;
+      }
+    });
+  }
+  for (auto& holder : holders) holder.join();
+}
+
+TEST(SystemRandomSource, FillsEverything) {
+  std::set<Bytes> seen;
+  for (int round = 0; round < 100; ++round) {
+    Bytes block(32);
+    EXPECT_EQ(SystemRandomSource().copyBytes(block), 0);
+    seen.insert(block);
+  }
+  EXPECT_EQ(seen.size(), 100u);
+}
+
+}  // namespace
+}  // namespace kestrune::linux_platform
