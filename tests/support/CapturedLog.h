@@ -24,6 +24,12 @@ class CapturedLog {
     const std::lock_guard lock(sink_->lock);
     return sink_->lines;
   }
+  /// Whether some line has this text in it.
+  bool mentions(std::string_view text) const {
+    const auto all = lines();
+    return std::any_of(all.begin(), all.end(),
+                       [&](const std::string& line) { return line.find(text) != std::string::npos; });
+  }
   bool contains(std::string_view line) const {
     const auto all = lines();
     return std::find(all.begin(), all.end(), line) != all.end();
