@@ -83,7 +83,7 @@ TEST_F(DirectoryBundleTest, LoadsEveryLayout) {
   fs::create_directories(top_.path() / "alone" / "one" / "two" / "bin");
   const auto alone = DirectoryBundle::load(top_.path() / "alone/one/two/bin", "");
   EXPECT_FALSE(alone->resource("index", "html", "Viewer"));
-  EXPECT_TRUE(log_.has("No resources"));
+  EXPECT_TRUE(log_.mentions("No resources"));
 }
 
 }  // namespace

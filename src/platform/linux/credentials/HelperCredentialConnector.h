@@ -1,0 +1,29 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <filesystem>
+
+#include "platform/Credentials.h"
+
+namespace kestrune::linux_platform {
+
+/// Reaches the credential helper over a private Unix socket: each connection starts the helper, for one
+/// request. Nothing secret is in its arguments or its environment.
+class HelperCredentialConnector final : public CredentialConnector {
+ public:
+  /// The default is kestrune-credential-helper beside the running executable.
+  HelperCredentialConnector();
+  explicit HelperCredentialConnector(std::filesystem::path helper);
+
+  /// The helper serves one name, com.fennwick.Kestrune.CredentialHelper; under another there is nobody.
+  std::unique_ptr<CredentialConnection> connect(const std::string& serviceName) override;
+
+  /// The process behind a connection of this connector after resume(); 0 if there is none.
+  static pid_t helperProcess(const CredentialConnection& connection);
+
+ private:
+  const std::filesystem::path helper_;
+};
+
+}  // namespace kestrune::linux_platform

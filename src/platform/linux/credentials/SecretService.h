@@ -1,0 +1,29 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "platform/Bytes.h"
+
+namespace kestrune::linux_platform {
+
+/// Items in the user's keyring (freedesktop.org Secret Service), under the attributes "service" and
+/// "account". Every call ends within a limit, a question to the user to unlock the keyring included.
+class SecretService {
+ public:
+  enum class Outcome { done, notFound, failed };
+  struct Found {
+    Outcome outcome = Outcome::failed;
+    std::optional<Bytes> data;
+  };
+
+  /// Null where there is no session bus or nobody on it serves secrets.
+  static std::unique_ptr<SecretService> connect();
+
+  Found read(const std::string& service, const std::string& account) const;
+  Outcome write(const std::string& service, const std::string& account, const Bytes& data) const;
+  Outcome remove(const std::string& service, const std::string& account) const;
+};
+
+}  // namespace kestrune::linux_platform

@@ -1,0 +1,70 @@
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+
+#include <array>
+#include <string>
+#include <thread>
+
+#include "platform/linux/credentials/CredentialMessages.h"
+#include "platform/linux/files/UniqueDescriptor.h"
+
+namespace kestrune::linux_platform {
+namespace {
+
+TEST(CredentialMessages, RoundTrip) {
+  const CredentialRequest request{CredentialOperation::write, "service", std::string("a\0b", 3), {0, 255, 7}};
+  const auto back = decodeCredentialRequest(encode(request));
+  ASSERT_TRUE(back);
+  EXPECT_EQ(back->operation, request.operation);
+  EXPECT_EQ(back->service, request.service);
+  EXPECT_EQ(back->account, request.account);
+  EXPECT_EQ(back->data, request.data);
+  const auto reply = decodeCredentialReply(encode(CredentialReply{-25300, std::nullopt}));
+  ASSERT_TRUE(reply);
+  EXPECT_EQ(reply->status, -25300);
+  EXPECT_FALSE(reply->data);
+  EXPECT_EQ(decodeCredentialReply(encode(CredentialReply{0, Bytes()}))->data, Bytes());
+}
+
+TEST(CredentialMessages, RefuseEveryOtherForm) {
+  const Bytes request = encode(CredentialRequest{CredentialOperation::write, "s", "a", {1}});
+  const Bytes reply = encode(CredentialReply{0, Bytes{1, 2}});
+  for (std::size_t length = 0; length < request.size(); ++length) {
+    EXPECT_FALSE(decodeCredentialRequest(ByteView(request).first(length))) << length;
+  }
+  for (std::size_t length = 0; length < reply.size(); ++length) {
+    EXPECT_FALSE(decodeCredentialReply(ByteView(reply).first(length))) << length;
+  }
+  Bytes longer = request;
+  longer.push_back(0);
+  EXPECT_FALSE(decodeCredentialRequest(longer));
+  for (const char operation : {'\0', '\4', '\377'}) {
+    Bytes other = request;
+    other[0] = static_cast<std::uint8_t>(operation);
+    EXPECT_FALSE(decodeCredentialRequest(other));
+  }
+  Bytes huge = request;
+  huge[1] = 0xFF;  // the length of the service
+  EXPECT_FALSE(decodeCredentialRequest(huge));
+  EXPECT_FALSE(decodeCredentialRequest(encode(
+      CredentialRequest{CredentialOperation::read, std::string(kLongestCredentialName + 1, 's'), "a", {}})));
+}
+
+TEST(CredentialMessages, AnnouncedLengthsAreChecked) {
+  std::array<int, 2> pair{};
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair.data()), 0);
+  const UniqueDescriptor ours(pair[0]);
+  UniqueDescriptor theirs(pair[1]);
+  // Longer than any message: refused from the length alone, while the other side is still there.
+  const std::array<std::uint8_t, 4> length{0x7F, 0xFF, 0xFF, 0xFF};
+  ASSERT_EQ(send(theirs.get(), length.data(), length.size(), 0), 4);
+  EXPECT_FALSE(receiveCredentialMessage(ours.get()));
+  // Cut off in the middle.
+  const std::array<std::uint8_t, 6> part{0, 0, 0, 9, 1, 2};
+  ASSERT_EQ(send(theirs.get(), part.data(), part.size(), 0), 6);
+  theirs.reset();
+  EXPECT_FALSE(receiveCredentialMessage(ours.get()));
+}
+
+}  // namespace
+}  // namespace kestrune::linux_platform
