@@ -63,6 +63,10 @@ bool X265CompressionSession::configure() {
   p.vui.transferCharacteristics = 1;
   p.vui.matrixCoeffs = 1;
 
+  // Worth its twentieth of the time in bits; and without it, x265 3.5 forgets a hundred kilobytes at the end
+  // of every session.
+  p.bEnableSAO = 1;
+
   p.maxNumReferences = 1;
   p.bframes = 0;
   p.lookaheadDepth = 0;
