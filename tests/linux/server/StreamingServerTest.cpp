@@ -1,0 +1,153 @@
+// The server on real sockets and its real thread, with its owner's calls coming from others.
+
+#include <gmock/gmock.h>
+
+#include <future>
+#include <thread>
+#include <vector>
+
+#include "linux/network/LoopbackPeer.h"
+#include "platform/linux/network/AsioNetwork.h"
+#include "runtime/Error.h"
+#include "server/StreamingServer.h"
+#include "support/CapturedLog.h"
+#include "support/FakeBundle.h"
+#include "support/WebSocketPeer.h"
+
+namespace kestrune {
+namespace {
+
+struct FixedTokenSource final : ViewerTokenSource {
+  std::string token() override { return "token"; }
+};
+
+/// A server with a network of its own.
+struct RealServer {
+  explicit RealServer(std::uint16_t port)
+      : server(std::make_shared<StreamingServer>(
+            network, std::make_shared<FakeBundle>(), std::make_shared<FixedTokenSource>(),
+            std::make_shared<AudioChunkStore>(), std::make_shared<VideoPacketStore>(), systemClock(), port)) {
+  }
+
+  /// "" on success, else what a person is told.
+  std::string start() {
+    std::promise<std::string> outcome;
+    server->start([&outcome](std::exception_ptr failure) {
+      outcome.set_value(failure ? localizedDescription(failure) : "");
+    });
+    return outcome.get_future().get();
+  }
+  void stop() {
+    std::promise<void> done;
+    server->stop([&done] { done.set_value(); });
+    done.get_future().get();
+  }
+  StreamingServerSnapshot snapshot() {
+    std::promise<StreamingServerSnapshot> taken;
+    server->snapshot([&taken](StreamingServerSnapshot snapshot) { taken.set_value(std::move(snapshot)); });
+    return taken.get_future().get();
+  }
+
+  std::shared_ptr<linux_platform::AsioNetwork> network = std::make_shared<linux_platform::AsioNetwork>();
+  std::shared_ptr<StreamingServer> server;
+};
+
+/// The next whole frame, whatever the division of the stream.
+ServerFrame readFrame(const LoopbackPeer& peer) {
+  auto bytes = peer.receive(2);
+  if (bytes.size() < 2) throw std::runtime_error("the connection ended");
+  const auto marker = static_cast<std::uint8_t>(bytes.at(1));
+  const std::size_t lengthSize = marker == 127 ? 8 : marker == 126 ? 2 : 0;
+  const auto length = peer.receive(lengthSize);
+  std::size_t size = lengthSize == 0 ? marker : 0;
+  for (const char byte : length) size = size << 8 | static_cast<std::uint8_t>(byte);
+  bytes += length + peer.receive(size);
+  return takeServerFrames(bytes).at(0);
+}
+
+LoopbackPeer connectViewer(std::uint16_t port) {
+  LoopbackPeer peer(port);
+  peer.send(
+      "GET /stream HTTP/1.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\nSec-WebSocket-Version: 13\r\n"
+      "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n\r\n" +
+      textFrame(R"({"type":"auth","token":"token"})"));
+  std::string head;
+  while (!head.ends_with("\r\n\r\n")) head += peer.receive(1);
+  for (int greeting = 0; greeting < 4; ++greeting) readFrame(peer);
+  return peer;
+}
+
+TEST(StreamingServerOnSocketsTest, TellsThatItsPortIsTaken) {
+  const auto port = LoopbackPeer::freePort();
+  CapturedLog log;
+  RealServer first(port);
+  RealServer second(port);
+  EXPECT_EQ(first.start(), "");
+  EXPECT_THAT(second.start(), testing::HasSubstr("in use"));
+  first.stop();
+  EXPECT_EQ(second.start(), "");
+}
+
+TEST(StreamingServerOnSocketsTest, AViewerIsServedWhileOthersFloodAndTrickle) {
+  const auto port = LoopbackPeer::freePort();
+  CapturedLog log;
+  RealServer host(port);
+  ASSERT_EQ(host.start(), "");
+  const auto viewer = connectViewer(port);
+
+  std::vector<LoopbackPeer> crowd;
+  for (int index = 0; index < 300; ++index) {
+    crowd.emplace_back(port);
+    crowd.back().send("GET /he");
+  }
+  // Nobody reads these answers, nor sends what the next one waits for.
+  for (int index = 0; index < 100; ++index)
+    crowd[static_cast<std::size_t>(index)].send("alth HTTP/1.1\r\n\r\n");
+
+  constexpr std::uint8_t kFrames = 40;
+  std::thread encoder([&host] {
+    for (std::uint8_t index = 0; index < kFrames; ++index) {
+      host.server->broadcastVideo({std::make_shared<const Bytes>(Bytes(50'000, index)), index == 0, index});
+    }
+  });
+  std::thread owner([&host] {
+    for (int index = 0; index < 20; ++index) host.snapshot();
+  });
+  for (std::uint8_t index = 0; index < kFrames; ++index) {
+    const auto frame = readFrame(viewer);
+    EXPECT_EQ(frame.firstByte, 0x82);
+    EXPECT_EQ(frame.payload.at(0), index == 0 ? 1 : 0);
+    EXPECT_EQ(frame.payload.substr(9), std::string(50'000, static_cast<char>(index)));
+  }
+  viewer.send(textFrame(R"({"type":"ping"})"));
+  EXPECT_EQ(readFrame(viewer).payload, R"({"type":"pong"})");
+  encoder.join();
+  owner.join();
+  EXPECT_EQ(host.snapshot().droppedOutboundFrames, 0u);
+
+  host.stop();
+  EXPECT_EQ(viewer.receive(1), "");
+}
+
+TEST(StreamingServerOnSocketsTest, AViewerThatReadsNothingIsGivenOldVideoNoMore) {
+  const auto port = LoopbackPeer::freePort();
+  CapturedLog log;
+  RealServer host(port);
+  ASSERT_EQ(host.start(), "");
+  const auto viewer = connectViewer(port);
+  const auto payload = std::make_shared<const Bytes>(1'000'000);
+  for (int index = 0; index < 40; ++index) host.server->broadcastVideo({payload, index == 0, 0});
+  const auto full = host.snapshot();
+  EXPECT_LE(full.outboundVideoFrames, 4);
+  EXPECT_GT(full.droppedOutboundFrames, 10u);
+  // A keyframe is what it goes on with.
+  host.server->broadcastVideo({std::make_shared<const Bytes>(10), true, 7});
+  ServerFrame last;
+  do {
+    last = readFrame(viewer);
+  } while (last.payload.size() != 19);
+  EXPECT_EQ(last.payload.at(0), 1);
+}
+
+}  // namespace
+}  // namespace kestrune
