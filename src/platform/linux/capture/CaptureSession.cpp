@@ -66,6 +66,7 @@ void CaptureSession::setConfiguration(const ScreenStreamConfiguration& configura
   require(configuration);
   configuration_ = configuration;
   pacer_.setMinimumInterval(intervalOf(configuration));
+  reader_.watchPointer(configuration.showsCursor);
   if (!configuration.showsCursor) reader_.cursor().hide();
   if (area_.width > 0) rebuild();
 }
@@ -129,11 +130,13 @@ std::optional<VideoSample> CaptureSession::next(Duration now, bool isRequested) 
   reader_.readEvents();
   followLayout(now);
   if (missingSince_ || now < pacer_.earliest() || !pool_->isAvailable()) return std::nullopt;
-  if (isChangePending() || isPointerCheckDue(now)) {
+  const bool isRepeatDue = isRequested || now >= pacer_.nextRepeat().value_or(Duration::max());
+  // A cursor that was moved by a program instead of a device is told of by nobody.
+  const bool isCursorUnsure = configuration_.showsCursor && isRepeatDue;
+  if (isChangePending() || isPointerCheckDue(now) || isCursorUnsure) {
     if (auto sample = capture(now)) return sample;
   }
-  if (!pool_->hasPicture() || missingSince_ || mustReadLayout_) return std::nullopt;
-  if (!isRequested && now < pacer_.nextRepeat().value_or(Duration::max())) return std::nullopt;
+  if (!isRepeatDue || !pool_->hasPicture() || mustReadLayout_) return std::nullopt;
   pacer_.delivered(now, 0);
   return makeSample(pool_->repeatPicture(), {}, now);
 }

@@ -32,7 +32,7 @@ struct SelectEventsRequest {
   std::uint16_t padding = 0;
   std::uint16_t device = kAllMasterDevices;
   std::uint16_t maskWords = 1;
-  std::uint32_t mask = 1U << kRawMotion;
+  std::uint32_t mask = 0;
 };
 
 /// xcb fills in opcode and length.
@@ -55,12 +55,18 @@ PointerWatch::PointerWatch(const X11Connection& connection) {
   xcb_generic_error_t* error = nullptr;
   const XcbOwned<void> reply(xcb_wait_for_reply(connection, version, &error));
   const XcbOwned<xcb_generic_error_t> noVersion(error);
-  if (!reply) return;
+  if (reply) opcode_ = extension->majorOpcode;
+}
+
+void PointerWatch::setOn(const X11Connection& connection, bool isOn) {
+  if (!opcode_ || isOn == isOn_) return;
+  isOn_ = isOn;
   SelectEventsRequest select;
   select.window = connection.root();
+  select.mask = isOn ? 1U << kRawMotion : 0;
   const XcbOwned<xcb_generic_error_t> refused(
       xcb_request_check(connection, xcb_void_cookie_t{send(connection, kSelectEvents, false, select)}));
-  if (!refused && !connection.isBroken()) opcode_ = extension->majorOpcode;
+  if (refused) opcode_.reset();
 }
 
 bool PointerWatch::isMotion(const xcb_generic_event_t& event) const {

@@ -13,12 +13,15 @@ class PointerWatch {
  public:
   explicit PointerWatch(const X11Connection& connection);
 
-  /// False where the server does not tell: the position must then be asked for now and again.
-  bool isActive() const { return opcode_.has_value(); }
+  /// False where the server cannot tell: the position must then be asked for now and again.
+  bool isAvailable() const { return opcode_.has_value(); }
+  /// Off at first: a mouse may move a thousand times a second.
+  void setOn(const X11Connection& connection, bool isOn);
   bool isMotion(const xcb_generic_event_t& event) const;
 
  private:
   std::optional<std::uint8_t> opcode_;
+  bool isOn_ = false;
 };
 
 }  // namespace kestrune::linux_platform

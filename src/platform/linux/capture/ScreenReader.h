@@ -36,11 +36,13 @@ class ScreenReader {
   /// Before reading what was damaged: later changes are told anew.
   void forgetDamage();
 
+  /// Whether to tell of the cursor's movement; off at first.
+  void watchPointer(bool isOn) { pointerWatch_.setOn(connection(), isOn); }
   /// Whether the cursor may have moved or changed since the last refreshCursor().
   bool mayCursorHaveChanged() const { return cursorMayHaveChanged_; }
   /// False where the server does not tell of the pointer's movement, and refreshCursor() must be called to
   /// learn of it.
-  bool isPointerWatched() const { return pointerWatch_.isActive(); }
+  bool isPointerWatched() const { return pointerWatch_.isAvailable(); }
   bool refreshCursor();
   CursorOverlay& cursor() { return cursor_; }
 

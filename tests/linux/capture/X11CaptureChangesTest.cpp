@@ -1,0 +1,68 @@
+#include <gtest/gtest.h>
+
+#include "CaptureTools.h"
+#include "support/XServerFixture.h"
+
+namespace kestrune::linux_platform {
+namespace {
+
+using testing::XServer;
+
+bool isNear(const PixelRect& found, const PixelRect& expected, int margin) {
+  return found.x <= expected.x && found.y <= expected.y &&
+         found.x + found.width >= expected.x + expected.width &&
+         found.y + found.height >= expected.y + expected.height && found.x >= expected.x - margin &&
+         found.y >= expected.y - margin && found.x + found.width <= expected.x + expected.width + margin &&
+         found.y + found.height <= expected.y + expected.height + margin;
+}
+
+TEST(X11CaptureChangesTest, OnlyWhatChangedIsNamed) {
+  XServer server(1280, 720);
+  Painter painter(server.displayName());
+  painter.fill({0, 0, 1280, 720}, 0x808080);
+  Receiver receiver(server.displayName(), sized(640, 360));
+  ASSERT_EQ(receiver.start(), "");
+  ASSERT_TRUE(receiver.waitForCount(4));
+  painter.fill({200, 100, 8, 16}, 0xffffff);
+  const auto small = receiver.waitForPicture([](const PixelBuffer& picture) {
+    return !picture.changes->rectangles.empty() && picture.changes->sequence > 3;
+  });
+  ASSERT_TRUE(small);
+  ASSERT_EQ(small->changes->rectangles.size(), 1U);
+  EXPECT_TRUE(isNear(small->changes->rectangles[0], {100, 50, 4, 8}, 16));
+}
+
+TEST(X11CaptureChangesTest, PicturesMadeOfPartsEqualWholeOnes) {
+  XServer server(1280, 720);
+  Painter painter(server.displayName());
+  std::mt19937 random(5);
+  const auto below = [&random](int limit) {
+    return static_cast<int>(random() % static_cast<unsigned>(limit));
+  };
+  // Enlarging the frame by a part of a pixel gives odd phases; a receiver that holds on makes buffers change.
+  Receiver receiver(server.displayName(), sized(1066, 600));
+  receiver.hold(true);
+  ASSERT_EQ(receiver.start(), "");
+  for (int round = 0; round < 12; ++round) {
+    for (int i = 0; i < 25; ++i) {
+      const PixelRect area{below(1270), below(710), 1 + below(round % 3 == 0 ? 700 : 40), 1 + below(40)};
+      painter.fill(area, static_cast<std::uint32_t>(random()) & 0xffffff);
+      if (i % 5 == 0) receiver.hold(i % 2 == 0);
+      if (i % 8 == 0) std::this_thread::sleep_for(12ms);
+    }
+    receiver.hold(false);
+    Receiver fresh(server.displayName(), sized(1066, 600));
+    ASSERT_EQ(fresh.start(), "");
+    const auto whole = fresh.waitForPicture([](const PixelBuffer&) { return true; });
+    ASSERT_TRUE(whole);
+    ASSERT_TRUE(receiver.waitForPicture([&whole](const PixelBuffer& picture) {
+      return samePictures(picture, *whole);
+    })) << "round "
+        << round;
+  }
+  const auto sequences = receiver.sequences();
+  for (std::size_t i = 0; i < sequences.size(); ++i) ASSERT_EQ(sequences[i], i);
+}
+
+}  // namespace
+}  // namespace kestrune::linux_platform

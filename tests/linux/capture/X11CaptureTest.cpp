@@ -1,0 +1,190 @@
+#include <gtest/gtest.h>
+
+#include "CaptureTools.h"
+#include "support/XServerFixture.h"
+
+namespace kestrune::linux_platform {
+namespace {
+
+using testing::XServer;
+
+constexpr std::uint32_t kRed = 0xd02010;
+constexpr std::uint32_t kGreen = 0x20c040;
+constexpr std::uint32_t kBlue = 0x1030e0;
+constexpr std::uint32_t kWhite = 0xffffff;
+
+TEST(X11CaptureTest, WhatIsPaintedComesOutInColourAndPlace) {
+  XServer server(640, 360);
+  Painter painter(server.displayName());
+  painter.fill({0, 0, 640, 360}, kBlue);
+  painter.fill({100, 50, 200, 100}, kRed);
+  Receiver receiver(server.displayName(), sized(320, 200));
+  ASSERT_EQ(receiver.start(), "");
+  // 320x180 with bars of 10 rows.
+  const auto isRight = [](const PixelBuffer& picture) {
+    return isColour(picture, 0, 9, 0) && isColour(picture, 319, 190, 0) && isColour(picture, 2, 12, kBlue) &&
+           isColour(picture, 318, 188, kBlue) && isColour(picture, 52, 37, kRed) &&
+           isColour(picture, 148, 82, kRed) && isColour(picture, 46, 37, kBlue) &&
+           isColour(picture, 154, 82, kBlue) && isColour(picture, 100, 88, kBlue);
+  };
+  EXPECT_TRUE(receiver.waitForPicture(isRight));
+  EXPECT_EQ(receiver.stop(), "");
+  EXPECT_EQ(receiver.stop(), "The stream is not running.");
+}
+
+TEST(X11CaptureTest, ChangingScreenKeepsTheRateAndTheInterval) {
+  XServer server(640, 360);
+  Painter painter(server.displayName());
+  Receiver receiver(server.displayName(), sized(320, 180, 30));
+  ASSERT_EQ(receiver.start(), "");
+  const auto end = std::chrono::steady_clock::now() + 1200ms;
+  for (std::uint32_t i = 0; std::chrono::steady_clock::now() < end; ++i) {
+    painter.fill({10, 10, 200, 200}, i * 0x10305);
+    std::this_thread::sleep_for(1ms);
+  }
+  const auto times = receiver.times();
+  ASSERT_GE(times.size(), 25U);
+  for (std::size_t i = 1; i < times.size(); ++i) ASSERT_GE(times[i] - times[i - 1], 33'333 - 1);
+  const double rate =
+      1e6 * static_cast<double>(times.size() - 1) / static_cast<double>(times.back() - times.front());
+  EXPECT_GT(rate, 27);
+}
+
+TEST(X11CaptureTest, StillScreenIsRepeatedAFewTimesThenOnceASecond) {
+  XServer server(320, 180);
+  Receiver receiver(server.displayName(), sized(320, 180));
+  ASSERT_EQ(receiver.start(), "");
+  ASSERT_TRUE(receiver.waitForCount(5));
+  const auto times = receiver.times();
+  const auto since = [&times](std::size_t i) { return times[i] - times[0]; };
+  for (const auto& [index, due] :
+       {std::pair<std::size_t, std::int64_t>{1, 50'000}, {2, 150'000}, {3, 350'000}, {4, 1'350'000}}) {
+    EXPECT_GE(since(index), due) << index;
+    EXPECT_LT(since(index), due + 100'000) << index;
+  }
+  EXPECT_EQ(receiver.sequences(), (std::vector<std::uint64_t>{0, 1, 2, 3, 4}));
+  EXPECT_EQ(receiver.isRepeat(), (std::vector<bool>{false, true, true, true, true}));
+
+  // On demand it comes at once.
+  const std::size_t before = receiver.count();
+  const auto asked = std::chrono::steady_clock::now();
+  receiver.stream().requestFrame();
+  ASSERT_TRUE(receiver.waitForCount(before + 1));
+  EXPECT_LT(std::chrono::steady_clock::now() - asked, 150ms);
+}
+
+TEST(X11CaptureTest, WithAllBuffersInUseTheNewestStateComesWhenOneIsBack) {
+  XServer server(320, 180);
+  Painter painter(server.displayName());
+  Receiver receiver(server.displayName(), sized(320, 180));
+  receiver.hold(true);
+  ASSERT_EQ(receiver.start(), "");
+  painter.fill({0, 0, 320, 180}, kRed);
+  ASSERT_TRUE(receiver.waitForCount(3));
+  painter.fill({0, 0, 320, 180}, kGreen);
+  EXPECT_FALSE(receiver.waitForCount(4, 300ms));
+  painter.fill({40, 40, 40, 40}, kBlue);
+  receiver.hold(false);
+  EXPECT_TRUE(receiver.waitForPicture([](const PixelBuffer& picture) {
+    return isColour(picture, 10, 10, kGreen) && isColour(picture, 60, 60, kBlue);
+  }));
+}
+
+TEST(X11CaptureTest, ConfigurationChangesWithoutStopping) {
+  XServer server(640, 360);
+  Painter painter(server.displayName());
+  painter.fill({0, 0, 640, 360}, kGreen);
+  Receiver receiver(server.displayName(), sized(320, 180));
+  ASSERT_EQ(receiver.start(), "");
+  EXPECT_EQ(receiver.update(sized(160, 90)), "");
+  const auto small =
+      receiver.waitForPicture([](const PixelBuffer& picture) { return picture.width() == 160; });
+  ASSERT_TRUE(small);
+  EXPECT_EQ(small->changes->rectangles, (std::vector<PixelRect>{{0, 0, 160, 90}}));
+  EXPECT_TRUE(isColour(*small, 80, 45, kGreen));
+  EXPECT_EQ(receiver.update(sized(0, 90)), "The size 0x90 cannot be captured.");
+
+  // The cursor appears where it is, moves, and goes.
+  painter.movePointer(320, 180);
+  auto withCursor = sized(640, 360);
+  withCursor.showsCursor = true;
+  EXPECT_EQ(receiver.update(withCursor), "");
+  const auto isCursorAt = [](int x, int y) {
+    return [x, y](const PixelBuffer& picture) {
+      if (picture.width() != 640) return false;
+      int strange = 0;
+      for (int dy = -12; dy < 12; ++dy) {
+        for (int dx = -12; dx < 12; ++dx) strange += isColour(picture, x + dx, y + dy, kGreen) ? 0 : 1;
+      }
+      return strange > 10;
+    };
+  };
+  EXPECT_TRUE(receiver.waitForPicture(isCursorAt(320, 180)));
+  painter.movePointerAsDevice(200, 60);
+  EXPECT_TRUE(receiver.waitForPicture(isCursorAt(200, 60), 500ms));
+  painter.movePointer(100, 300);
+  // A program's move is not told of; the next picture has it.
+  receiver.stream().requestFrame();
+  const auto moved = receiver.waitForPicture(isCursorAt(100, 300));
+  ASSERT_TRUE(moved);
+  EXPECT_FALSE(isCursorAt(200, 60)(*moved));
+  EXPECT_EQ(receiver.update(sized(640, 360)), "");
+  EXPECT_TRUE(receiver.waitForPicture(
+      [&](const PixelBuffer& picture) { return picture.width() == 640 && !isCursorAt(100, 300)(picture); }));
+}
+
+TEST(X11CaptureTest, StreamOutlivesAModeSwitch) {
+  XServer server(800, 600, XServer::Kind::xvnc);
+  Painter painter(server.displayName());
+  Receiver receiver(server.displayName(), sized(400, 300));
+  ASSERT_EQ(receiver.start(), "");
+  for (const auto& [mode, width, height] :
+       {std::tuple{"640x480", 640, 480}, {"1280x720", 1280, 720}, {"800x600", 800, 600}}) {
+    ASSERT_EQ(server.run(std::string("xrandr -s ") + mode), 0) << mode;
+    painter.fill({0, 0, width, height}, kRed);
+    painter.fill({width / 2, height / 2, width / 2, height / 2}, kWhite);
+    const int bar = width == 1280 ? (300 - 400 * 720 / 1280) / 2 : 0;
+    const auto isRight = [bar](const PixelBuffer& picture) {
+      return isColour(picture, 20, bar + 10, kRed) && isColour(picture, 380, 290 - bar, kWhite) &&
+             (bar == 0 || isColour(picture, 200, bar - 4, 0));
+    };
+    EXPECT_TRUE(receiver.waitForPicture(isRight)) << mode;
+  }
+  EXPECT_EQ(receiver.stop(), "");
+}
+
+TEST(X11CaptureTest, EndOfTheServerIsTold) {
+  XServer server(320, 180);
+  Receiver receiver(server.displayName(), sized(320, 180));
+  Receiver stopped(server.displayName(), sized(320, 180));
+  ASSERT_EQ(receiver.start(), "");
+  ASSERT_EQ(stopped.start(), "");
+  ASSERT_EQ(stopped.stop(), "");
+  // With all buffers held, too.
+  receiver.hold(true);
+  ASSERT_TRUE(receiver.waitForCount(4));
+  server.kill();
+  EXPECT_EQ(receiver.waitForStop(), "The connection to the X display was lost.");
+  EXPECT_EQ(stopped.waitForStop(50ms), "");
+  EXPECT_EQ(receiver.update(sized(320, 180)), "The stream is not running.");
+}
+
+TEST(X11CaptureTest, StartFailsWithTheReason) {
+  XServer server(320, 180);
+  const ContentFilter filter = Receiver::mainDisplayFilter(server.displayName());
+  Receiver unreachable(":7999", sized(320, 180), filter);
+  EXPECT_EQ(unreachable.start(), "The X display :7999 cannot be reached.");
+  EXPECT_EQ(unreachable.waitForStop(50ms), "");
+
+  ContentFilter unknown = filter;
+  unknown.includedDisplays[0].id = 4711;
+  EXPECT_EQ(Receiver(server.displayName(), sized(320, 180), unknown).start(),
+            "The display to capture is not there.");
+  ContentFilter window = filter;
+  window.style = ContentFilter::Style::window;
+  EXPECT_EQ(Receiver(server.displayName(), sized(320, 180), window).start(),
+            "Only whole displays can be captured.");
+}
+
+}  // namespace
+}  // namespace kestrune::linux_platform
