@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <atomic>
 #include <set>
 #include <system_error>
 #include <thread>
@@ -85,7 +86,7 @@ TEST_F(PrivateDirectoryTest, SetsAsideWithoutOverwriting) {
 }
 
 TEST_F(PrivateDirectoryTest, TheLockHasOneHolder) {
-  int inside = 0;
+  std::atomic<int> inside = 0;
   std::vector<std::thread> holders;
   for (int i = 0; i < 4; ++i) {
     holders.emplace_back([&] {
