@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdint>
 #include <future>
 #include <stdexcept>
@@ -19,14 +20,11 @@ namespace kestrune {
 /// The other side of a connection: a plain blocking socket on 127.0.0.1 that gives up after ten seconds.
 class LoopbackPeer {
  public:
+  /// Not connected yet.
+  LoopbackPeer() { open(0); }
   explicit LoopbackPeer(std::uint16_t port, int receiveBuffer = 0) {
-    descriptor_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (receiveBuffer > 0)
-      setsockopt(descriptor_, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
-    const timeval limit{10, 0};
-    setsockopt(descriptor_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-    const sockaddr_in address = loopback(port);
-    isConnected_ = connect(descriptor_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+    open(receiveBuffer);
+    connectTo(port);
   }
   LoopbackPeer(LoopbackPeer&& other) noexcept
       : descriptor_(std::exchange(other.descriptor_, -1)), isConnected_(other.isConnected_) {}
@@ -35,7 +33,19 @@ class LoopbackPeer {
     if (descriptor_ >= 0) close(descriptor_);
   }
 
+  bool connectTo(std::uint16_t port) {
+    const sockaddr_in address = loopback(port);
+    isConnected_ = connect(descriptor_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+    return isConnected_;
+  }
   bool isConnected() const { return isConnected_; }
+  /// Whether bytes come, rather than an end or nothing.
+  bool isServedWithin(std::chrono::milliseconds limit) const {
+    pollfd readable{descriptor_, POLLIN, 0};
+    char byte = 0;
+    return poll(&readable, 1, static_cast<int>(limit.count())) > 0 &&
+           recv(descriptor_, &byte, 1, MSG_DONTWAIT) > 0;
+  }
   bool send(const std::string& text) const {
     return ::send(descriptor_, text.data(), text.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(text.size());
   }
@@ -78,6 +88,14 @@ class LoopbackPeer {
   }
 
  private:
+  void open(int receiveBuffer) {
+    descriptor_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (receiveBuffer > 0)
+      setsockopt(descriptor_, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
+    const timeval limit{10, 0};
+    setsockopt(descriptor_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+  }
+
   int descriptor_ = -1;
   bool isConnected_ = false;
 };
