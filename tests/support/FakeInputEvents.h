@@ -7,7 +7,6 @@
 #include <utility>
 #include <vector>
 
-#include "platform/Displays.h"
 #include "platform/InputEvents.h"
 #include "platform/PrivacyPermissions.h"
 
@@ -83,20 +82,6 @@ class FakeInputEvents final : public InputEvents {
   std::unique_ptr<InputEvent> make(std::string line, std::function<void()> also = nullptr) {
     if (eventsLeft && (*eventsLeft)-- <= 0) return nullptr;
     return std::make_unique<Event>(*this, std::move(line), std::move(also));
-  }
-};
-
-/// One display with the identifier 1.
-class FakeDisplays final : public Displays {
- public:
-  Rect area{0, 0, 1920, 1080};
-  std::function<void()> onBounds;
-
-  std::optional<DisplayID> mainDisplay() const override { return 1; }
-  std::vector<DisplayID> activeDisplays() const override { return {1}; }
-  Rect bounds(DisplayID display) const override {
-    if (onBounds) onBounds();
-    return display == 1 ? area : Rect{};
   }
 };
 

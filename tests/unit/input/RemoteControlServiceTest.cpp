@@ -19,6 +19,21 @@ using Result = RemoteTapResult;
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 constexpr double kInfinity = std::numeric_limits<double>::infinity();
 
+/// One display with the identifier 1, and a moment to interfere in.
+class OneDisplay final : public Displays {
+ public:
+  Rect area;
+  std::function<void()> onBounds;
+
+  explicit OneDisplay(Rect whole) : area(whole) {}
+  std::optional<DisplayID> mainDisplay() const override { return 1; }
+  std::vector<DisplayID> activeDisplays() const override { return {1}; }
+  Rect bounds(DisplayID display) const override {
+    if (const auto interfere = onBounds) interfere();
+    return display == 1 ? area : Rect{};
+  }
+};
+
 class RemoteControlServiceTest : public ::testing::Test {
  protected:
   RemoteControlServiceTest() {
@@ -30,11 +45,7 @@ class RemoteControlServiceTest : public ::testing::Test {
   const RemoteControlTarget target{Rect{0, 0, 10, 10}, DisplayID{1}};
   std::shared_ptr<ManualTime> time = ManualTime::make();
   std::shared_ptr<FakeInputEvents> events = std::make_shared<FakeInputEvents>();
-  std::shared_ptr<FakeDisplays> displays = [] {
-    auto result = std::make_shared<FakeDisplays>();
-    result->area = {100, 200, 1000, 500};
-    return result;
-  }();
+  std::shared_ptr<OneDisplay> displays = std::make_shared<OneDisplay>(Rect{100, 200, 1000, 500});
   std::shared_ptr<FakePrivacyPermissions> permissions = std::make_shared<FakePrivacyPermissions>();
   RemoteControlService service{events, displays, permissions, time->makeQueue("main"), time};
 };
