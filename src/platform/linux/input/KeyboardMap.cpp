@@ -6,6 +6,7 @@
 #undef explicit
 
 #include <algorithm>
+#include <string_view>
 #include <thread>
 
 namespace kestrune::linux_platform {
@@ -21,10 +22,61 @@ constexpr std::size_t kMostLentKeys = 64;
 }  // namespace
 
 KeyboardMap::KeyboardMap(X11Connection& connection, std::shared_ptr<const Clock> clock)
-    : connection_(connection), clock_(std::move(clock)) {}
+    : connection_(connection), clock_(std::move(clock)) {
+  constexpr std::string_view kName = "_KESTRUNE_LENT_KEYS";
+  const auto atom =
+      waitForReply(connection_, xcb_intern_atom_reply,
+                   xcb_intern_atom(connection_, 0, static_cast<std::uint16_t>(kName.size()), kName.data()));
+  if (!atom) return;
+  lentKeys_ = atom->atom;
+  becomeLender();
+  if (isLender_) takeBackFromTheDead();
+}
 
 KeyboardMap::~KeyboardMap() {
   giveBack(Duration::zero());
+}
+
+void KeyboardMap::becomeLender() {
+  const auto owner = waitForReply(connection_, xcb_get_selection_owner_reply,
+                                  xcb_get_selection_owner(connection_, lentKeys_));
+  if (!owner || owner->owner != XCB_NONE) return;  // another one is alive: its codes are its own business
+  const auto window = xcb_generate_id(connection_);
+  xcb_create_window(connection_, 0, window, connection_.root(), -1, -1, 1, 1, 0, XCB_WINDOW_CLASS_INPUT_ONLY,
+                    XCB_COPY_FROM_PARENT, 0, nullptr);
+  xcb_set_selection_owner(connection_, window, lentKeys_, XCB_CURRENT_TIME);
+  isLender_ = true;
+}
+
+void KeyboardMap::takeBackFromTheDead() {
+  const auto left = waitForReply(
+      connection_, xcb_get_property_reply,
+      xcb_get_property(connection_, 1, connection_.root(), lentKeys_, XCB_ATOM_CARDINAL, 0, kMostLentKeys));
+  if (!left || left->format != 8 || !refresh()) return;
+  const auto* codes = static_cast<const xcb_keycode_t*>(xcb_get_property_value(left.get()));
+  for (int index = 0; index < xcb_get_property_value_length(left.get()); ++index) {
+    if (codes[index] < firstCode_) continue;
+    // Only codes that gave nothing are lent. Whoever has mapped one since has given it several symbols, or a
+    // symbol that is not of the range for Unicode.
+    const auto symbols = symbolsOf(codes[index]);
+    const bool isLent = std::all_of(symbols.begin(), symbols.end(), [&](auto symbol) {
+      return symbol == symbols.front() || symbol == XCB_NO_SYMBOL;
+    });
+    if (isLent && symbols.front() != XCB_NO_SYMBOL) map(codes[index], {XCB_NO_SYMBOL});
+  }
+}
+
+void KeyboardMap::noteLent(xcb_keycode_t next) {
+  if (!isLender_) return;
+  std::vector<xcb_keycode_t> codes;
+  for (const auto& lent : lent_) codes.push_back(lent.first);
+  if (next != 0) codes.push_back(next);
+  if (codes.empty()) {
+    xcb_delete_property(connection_, connection_.root(), lentKeys_);
+  } else {
+    xcb_change_property(connection_, XCB_PROP_MODE_REPLACE, connection_.root(), lentKeys_, XCB_ATOM_CARDINAL,
+                        8, static_cast<std::uint32_t>(codes.size()), codes.data());
+  }
 }
 
 bool KeyboardMap::refresh() {
@@ -49,7 +101,10 @@ bool KeyboardMap::refresh() {
 
   const auto state = waitForReply(connection_, xcb_xkb_get_state_reply,
                                   xcb_xkb_get_state(connection_, XCB_XKB_ID_USE_CORE_KBD));
-  isFirstGroup_ = !state || state->group == XCB_XKB_GROUP_1;
+  // The columns of the core mapping are two of the first group, two of the second, then higher levels.
+  const unsigned group = state ? state->group : 0U;
+  firstColumn_.reset();
+  if (group < 2 && 2 * group + 1 < symbolsPerCode_) firstColumn_ = static_cast<std::uint8_t>(2 * group);
   return true;
 }
 
@@ -59,9 +114,9 @@ std::vector<xcb_keysym_t> KeyboardMap::symbolsOf(xcb_keycode_t code) const {
 }
 
 std::optional<KeyboardMap::Key> KeyboardMap::ownKey(xkb_keysym_t symbol) const {
-  if (!isFirstGroup_ || symbolsPerCode_ == 0) return std::nullopt;
-  for (std::uint8_t level = 0; level < std::min<int>(symbolsPerCode_, 2); ++level) {
-    for (std::size_t index = level; index < symbols_.size(); index += symbolsPerCode_) {
+  if (!firstColumn_) return std::nullopt;
+  for (std::size_t level = 0; level < 2; ++level) {
+    for (std::size_t index = *firstColumn_ + level; index < symbols_.size(); index += symbolsPerCode_) {
       const auto code = static_cast<xcb_keycode_t>(firstCode_ + index / symbolsPerCode_);
       if (symbols_[index] == symbol && !lent_.contains(code)) return Key{code, level == 1};
     }
@@ -113,6 +168,7 @@ std::optional<KeyboardMap::Key> KeyboardMap::anyKey(xkb_keysym_t symbol) {
     original = oldest->second.original;
   }
   // The same symbol on both levels: neither Shift nor a lock changes what the key gives.
+  noteLent(*code);
   if (!map(*code, {symbol, symbol})) return std::nullopt;
   lent_.insert_or_assign(*code, Lent{symbol, std::move(original), clock_->continuousNow()});
   return Key{*code, false};
@@ -128,6 +184,7 @@ void KeyboardMap::giveBack(Duration idle) {
     map(entry->first, entry->second.original);
     entry = lent_.erase(entry);
   }
+  noteLent(0);
 }
 
 }  // namespace kestrune::linux_platform

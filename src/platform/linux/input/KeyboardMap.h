@@ -18,6 +18,10 @@ namespace kestrune::linux_platform {
 /// A lent key code is mapped to the symbol for all clients, stays so for a while, since a client looks a
 /// symbol up only when it comes to the event, and is given back its own mapping by giveBack() or at the end.
 /// Not for several threads at once.
+///
+/// Which codes are lent stands in a property of the root window (_KESTRUNE_LENT_KEYS), written before a code
+/// is changed; a selection of the same name is owned meanwhile. Where the property is there and the selection
+/// has no owner, a lender died, and the next one takes the codes back.
 class KeyboardMap {
  public:
   struct Key {
@@ -30,8 +34,7 @@ class KeyboardMap {
 
   /// Reads what the server has now; layouts change under us. False if the server does not answer.
   bool refresh();
-  /// A key of the user's own layout: in its first group, plain or with Shift, and only while that group is in
-  /// use.
+  /// A key of the user's own layout: in the group that is in use, plain or with Shift.
   std::optional<Key> ownKey(xkb_keysym_t symbol) const;
   /// A key that gives `symbol` whatever modifiers for case are held, lent if need be. Nothing if the server
   /// refuses or no key code can be spared. May wait a moment for the least recently used one.
@@ -52,6 +55,10 @@ class KeyboardMap {
   std::vector<xcb_keysym_t> symbolsOf(xcb_keycode_t code) const;
   std::optional<xcb_keycode_t> spareCode() const;
   bool map(xcb_keycode_t code, const std::vector<xcb_keysym_t>& symbols);
+  void becomeLender();
+  void takeBackFromTheDead();
+  /// Writes the codes that are lent, and `next` if it is not 0, into the property.
+  void noteLent(xcb_keycode_t next);
 
   X11Connection& connection_;
   const std::shared_ptr<const Clock> clock_;
@@ -59,7 +66,9 @@ class KeyboardMap {
   std::uint8_t symbolsPerCode_ = 0;
   std::vector<xcb_keysym_t> symbols_;  // symbolsPerCode_ for each code from firstCode_ on
   std::vector<xcb_keycode_t> modifierKeys_;
-  bool isFirstGroup_ = true;
+  std::optional<std::uint8_t> firstColumn_;  // of the group in use, in symbols_
+  xcb_atom_t lentKeys_ = XCB_NONE;
+  bool isLender_ = false;  // owns the selection
   std::map<xcb_keycode_t, Lent> lent_;
 };
 

@@ -4,7 +4,7 @@
 #include <xcb/xkb.h>
 #undef explicit
 #include <xcb/xtest.h>
-#include <xkbcommon/xkbcommon-keysyms.h>
+#include <xkbcommon/xkbcommon.h>
 
 #include <algorithm>
 #include <array>
@@ -17,6 +17,8 @@ std::vector<char32_t> codePoints(std::u16string_view text) {
   std::vector<char32_t> result;
   for (std::size_t index = 0; index < text.size(); ++index) {
     const char32_t unit = text[index];
+    // One line end, one press.
+    if (unit == U'\n' && index > 0 && text[index - 1] == u'\r') continue;
     const bool isHigh = unit >= 0xD800 && unit < 0xDC00;
     const bool isLow = unit >= 0xDC00 && unit < 0xE000;
     if (isHigh && index + 1 < text.size() && text[index + 1] >= 0xDC00 && text[index + 1] < 0xE000) {
@@ -34,6 +36,14 @@ std::optional<xkb_keysym_t> symbolFor(char32_t point) {
   if (point < 0x20 || (point >= 0x7F && point < 0xA0)) return std::nullopt;
   // Latin-1 is its own symbol; everything else is in the range that X reserves for Unicode.
   return point < 0x100 ? static_cast<xkb_keysym_t>(point) : static_cast<xkb_keysym_t>(0x01000000U + point);
+}
+
+/// Layouts name the letters of older character sets by symbols of their own, such as Cyrillic_a.
+std::optional<KeyboardMap::Key> ownKeyFor(const KeyboardMap& map, char32_t point, xkb_keysym_t symbol) {
+  const auto key = map.ownKey(symbol);
+  if (key || point < 0x100) return key;
+  const xkb_keysym_t legacy = xkb_utf32_to_keysym(point);
+  return legacy == XKB_KEY_NoSymbol || legacy == symbol ? std::nullopt : map.ownKey(legacy);
 }
 
 }  // namespace
@@ -55,26 +65,29 @@ class TextTyper::LiftedModifiers {
     }
     const auto state = waitForReply(connection, xcb_xkb_get_state_reply,
                                     xcb_xkb_get_state(connection, XCB_XKB_ID_USE_CORE_KBD));
-    isCapsLocked_ = state && (state->lockedMods & XCB_MOD_MASK_LOCK) != 0;
+    if (state) locked_ = static_cast<std::uint8_t>(state->lockedMods & ~kNumLock);
     for (const auto code : held_) sendKey(connection, code, false);
-    if (isCapsLocked_) setCapsLock(false);
+    if (locked_ != 0) setLocked(false);
   }
   ~LiftedModifiers() {
-    if (isCapsLocked_) setCapsLock(true);
+    if (locked_ != 0) setLocked(true);
     for (const auto code : held_) sendKey(connection_, code, true);
   }
   LiftedModifiers(const LiftedModifiers&) = delete;
   LiftedModifiers& operator=(const LiftedModifiers&) = delete;
 
  private:
-  void setCapsLock(bool isOn) {
-    xcb_xkb_latch_lock_state(connection_, XCB_XKB_ID_USE_CORE_KBD, XCB_MOD_MASK_LOCK,
-                             isOn ? XCB_MOD_MASK_LOCK : 0, 0, 0, 0, 0, 0);
+  // Concerns the keypad only, on which nothing is typed; its lamp need not flicker.
+  static constexpr unsigned kNumLock = XCB_MOD_MASK_2;
+
+  void setLocked(bool isOn) {
+    xcb_xkb_latch_lock_state(connection_, XCB_XKB_ID_USE_CORE_KBD, locked_, isOn ? locked_ : std::uint8_t{0},
+                             0, 0, 0, 0, 0);
   }
 
   X11Connection& connection_;
   std::vector<xcb_keycode_t> held_;
-  bool isCapsLocked_ = false;
+  std::uint8_t locked_ = 0;  // Caps Lock and others, such as a locked third level
 };
 
 void TextTyper::press(const KeyboardMap::Key& key, xcb_keycode_t shift) {
@@ -91,7 +104,7 @@ void TextTyper::type(std::u16string_view text) {
   for (const char32_t point : codePoints(text)) {
     const auto symbol = symbolFor(point);
     if (!symbol) continue;
-    auto key = map_.ownKey(*symbol);
+    auto key = ownKeyFor(map_, point, *symbol);
     if (!key || (key->needsShift && !shift)) key = map_.anyKey(*symbol);
     if (key) press(*key, shift ? shift->code : xcb_keycode_t{0});
   }

@@ -12,7 +12,7 @@ namespace kestrune::linux_platform {
 /// once.
 ///
 /// Each code point is its own key press: of a key of the layout where it has one, else of a lent key.
-/// Modifiers that are held and a Caps Lock that is on are lifted meanwhile, since they would turn letters
+/// Modifiers that are held or locked are lifted meanwhile, since they would turn letters
 /// into commands or capitals. Line feed and carriage return press Return, a tab presses Tab; other control
 /// characters are left out.
 class TextTyper {

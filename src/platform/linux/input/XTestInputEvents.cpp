@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cmath>
 #include <cstdlib>
 #include <functional>
@@ -61,14 +62,36 @@ std::optional<xkb_keysym_t> symbolOfVirtualKey(std::uint16_t code) {
 }  // namespace
 
 /// The connection and everything that is sent over it.
-class XTestInputEvents::Injector : public std::enable_shared_from_this<Injector> {
+class XTestInputEvents::Injector {
  public:
   Injector(std::string displayName, std::shared_ptr<const Clock> clock)
-      : displayName_(std::move(displayName)), clock_(std::move(clock)), queue_("x11-input", clock_) {}
+      : displayName_(std::move(displayName)),
+        clock_(std::move(clock)),
+        queue_(std::make_unique<ThreadQueue>("x11-input", clock_)) {}
+  ~Injector() { close(); }
+
+  /// Drops what waits, gives back what was lent and ends the connection. Events that outlive it do nothing.
+  /// Not on the queue's thread. Idempotent.
+  void close() {
+    std::unique_ptr<ThreadQueue> queue;
+    {
+      std::lock_guard order(orderLock_);
+      isClosed_ = true;
+    }
+    {
+      std::lock_guard guard(sendLock_);
+      queue = std::move(queue_);
+    }
+    queue.reset();  // joins; its work touches this object
+    std::lock_guard guard(sendLock_);
+    map_.reset();
+    connection_.reset();
+  }
 
   /// Whether events can be sent; true without a look while some wait.
   bool connect() {
     std::lock_guard order(orderLock_);
+    if (isClosed_) return false;
     if (waiting_ > 0) return true;
     std::lock_guard guard(sendLock_);
     return connectLocked();
@@ -76,27 +99,26 @@ class XTestInputEvents::Injector : public std::enable_shared_from_this<Injector>
 
   /// Runs `send` now if nothing waits, else behind what waits.
   void post(std::function<void(Injector&)> send, bool mayWait) {
-    {
-      std::lock_guard order(orderLock_);
-      if (!mayWait && waiting_ == 0) {
-        std::lock_guard guard(sendLock_);
-        if (connectLocked()) send(*this);
-        return;
-      }
-      if (waiting_ >= kMostWaiting) {
-        kLogger.error("Too much input is waiting; some was dropped");
-        return;
-      }
-      ++waiting_;
+    std::lock_guard order(orderLock_);
+    if (isClosed_) return;
+    if (!mayWait && waiting_ == 0) {
+      std::lock_guard guard(sendLock_);
+      if (connectLocked()) send(*this);
+      return;
     }
-    queue_.post([self = weak_from_this(), send = std::move(send)] {
-      if (const auto injector = self.lock()) injector->runWaiting(send);
-    });
+    if (waiting_ >= kMostWaiting) {
+      kLogger.error("Too much input is waiting; some was dropped");
+      return;
+    }
+    ++waiting_;
+    // close() joins the queue before this object ends. It takes the queue away only after it has closed
+    // under orderLock_.
+    queue_->post([this, send = std::move(send)] { runWaiting(send); });
   }
 
   std::optional<Point> cursorLocation() {
     std::lock_guard order(orderLock_);
-    if (waiting_ > 0) return std::nullopt;  // what waits may move the pointer yet
+    if (isClosed_ || waiting_ > 0) return std::nullopt;  // what waits may move the pointer yet
     std::lock_guard guard(sendLock_);
     if (!connectLocked()) return std::nullopt;
     const auto reply = waitForReply(*connection_, xcb_query_pointer_reply,
@@ -153,7 +175,7 @@ class XTestInputEvents::Injector : public std::enable_shared_from_this<Injector>
 
  private:
   void runWaiting(const std::function<void(Injector&)>& send) {
-    {
+    if (!isClosed_) {
       std::lock_guard guard(sendLock_);
       if (connectLocked()) send(*this);
     }
@@ -186,13 +208,12 @@ class XTestInputEvents::Injector : public std::enable_shared_from_this<Injector>
 
   void scheduleGiveBack() {
     giveBack_.cancel();
-    giveBack_ = queue_.postAfter(kLendingTime, [self = weak_from_this()] {
-      const auto injector = self.lock();
-      if (!injector) return;
-      std::lock_guard guard(injector->sendLock_);
-      if (!injector->map_) return;
-      injector->map_->giveBack(kLendingTime);
-      if (injector->map_->hasLent()) injector->scheduleGiveBack();
+    if (!queue_) return;  // closing gives back everything
+    giveBack_ = queue_->postAfter(kLendingTime, [this] {
+      std::lock_guard guard(sendLock_);
+      if (!map_) return;
+      map_->giveBack(kLendingTime);
+      if (map_->hasLent()) scheduleGiveBack();
     });
   }
 
@@ -200,14 +221,15 @@ class XTestInputEvents::Injector : public std::enable_shared_from_this<Injector>
   const std::shared_ptr<const Clock> clock_;
   // Typing holds sendLock_ for long; who holds orderLock_ takes sendLock_ only while nothing waits, so that
   // nobody but the typing thread ever waits for a key code.
-  std::mutex orderLock_;  // guards waiting_; taken before sendLock_
-  int waiting_ = 0;       // events on the queue, or being sent from it
-  std::mutex sendLock_;   // guards the connection and what belongs to it
+  std::mutex orderLock_;               // guards waiting_; taken before sendLock_
+  int waiting_ = 0;                    // events on the queue, or being sent from it
+  std::atomic<bool> isClosed_{false};  // written under orderLock_
+  std::mutex sendLock_;                // guards the connection and what belongs to it
   std::unique_ptr<X11Connection> connection_;
   std::unique_ptr<KeyboardMap> map_;  // of connection_
   std::array<int, 2> collected_{};    // pixels of a wheel that do not make a step yet: vertical, horizontal
   DelayedWork giveBack_;
-  ThreadQueue queue_;
+  std::unique_ptr<ThreadQueue> queue_;  // taken away by close(), under sendLock_
 };
 
 namespace {
@@ -299,7 +321,9 @@ class Source final : public InputEventSource {
 XTestInputEvents::XTestInputEvents(std::string displayName, std::shared_ptr<const Clock> clock)
     : injector_(std::make_shared<Injector>(std::move(displayName), std::move(clock))) {}
 
-XTestInputEvents::~XTestInputEvents() = default;
+XTestInputEvents::~XTestInputEvents() {
+  injector_->close();
+}
 
 std::unique_ptr<InputEventSource> XTestInputEvents::createSource() {
   return injector_->connect() ? std::make_unique<Source>(injector_) : nullptr;

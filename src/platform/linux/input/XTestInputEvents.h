@@ -17,7 +17,8 @@ namespace kestrune::linux_platform {
 ///
 /// Pixel scrolling is collected until it makes a step of the wheel (kPixelsPerStep); a change of direction
 /// begins anew. Key codes that were lent to characters outside the user's layout are given back when typing
-/// has paused, and at destruction. Any thread may call; the object may not be destroyed from its own thread.
+/// has paused, and at destruction, which waits for the event that is being sent and drops those that wait.
+/// Any thread may call.
 class XTestInputEvents final : public InputEvents {
  public:
   static constexpr int kPixelsPerStep = 40;

@@ -1,0 +1,180 @@
+#include <gtest/gtest.h>
+
+#include <array>
+#include <memory>
+#include <random>
+
+#include "linux/input/InputLab.h"
+#include "platform/linux/input/XTestInputEvents.h"
+#include "platform/support/Encoding.h"
+
+namespace kestrune::linux_platform {
+namespace {
+
+using namespace kestrune::testing;
+
+constexpr xcb_keycode_t kCapsLock = 66;  // on the evdev keyboards of the test servers
+constexpr xcb_keycode_t kLeftShift = 50;
+const std::string kGreeting =
+    "Gr\u00FC\u00DFe \U0001F44B \u65E5\u672C\u8A9E, \u041F\u0440\u0438\u0432\u0435\u0442! e\u0301 "
+    "#@[]{}~^`\"'";
+
+std::string utf8(char32_t point) {
+  std::string bytes;
+  const auto add = [&](unsigned value) { bytes.push_back(static_cast<char>(value)); };
+  if (point < 0x80) {
+    add(point);
+  } else if (point < 0x800) {
+    add(0xC0 | point >> 6);
+    add(0x80 | (point & 0x3F));
+  } else if (point < 0x10000) {
+    add(0xE0 | point >> 12);
+    add(0x80 | (point >> 6 & 0x3F));
+    add(0x80 | (point & 0x3F));
+  } else {
+    add(0xF0 | point >> 18);
+    add(0x80 | (point >> 12 & 0x3F));
+    add(0x80 | (point >> 6 & 0x3F));
+    add(0x80 | (point & 0x3F));
+  }
+  return bytes;
+}
+
+/// As the service sends it: in chunks of few units that cut no pair.
+void typeInChunks(InputEvents& events, std::string_view text) {
+  std::u16string chunk;
+  for (const auto cluster : graphemeClusters(text)) {
+    const auto units = utf16(cluster);
+    if (!chunk.empty() && chunk.size() + units.size() > 20) {
+      typeText(events, chunk);
+      chunk.clear();
+    }
+    chunk += units;
+  }
+  typeText(events, chunk);
+}
+
+/// Random signs of several scripts, many of them on no keyboard.
+std::string randomText(std::size_t count, std::uint32_t seed) {
+  constexpr std::array<std::pair<char32_t, char32_t>, 10> kScripts{{{0x21, 0x7E},
+                                                                    {0xA1, 0x17F},
+                                                                    {0x391, 0x3A1},
+                                                                    {0x410, 0x44F},
+                                                                    {0x5D0, 0x5EA},
+                                                                    {0x905, 0x939},
+                                                                    {0x3041, 0x3096},
+                                                                    {0x4E00, 0x9FA5},
+                                                                    {0xAC00, 0xD7A3},
+                                                                    {0x1F300, 0x1F5FF}}};
+  std::mt19937 random(seed);
+  std::string text;
+  for (std::size_t index = 0; index < count; ++index) {
+    const auto& [first, last] = kScripts.at(random() % kScripts.size());
+    text += utf8(first + static_cast<char32_t>(random() % (last - first + 1)));
+  }
+  return text;
+}
+
+class TextTypingTest : public ::testing::Test {
+ protected:
+  XServer server{800, 600};
+  KeyboardView keyboard{server};
+};
+
+TEST_F(TextTypingTest, SameTextWhateverTheLayout) {
+  for (const auto* layout : {"us", "de", "fr", "ru", "us,ru -option grp:caps_toggle"}) {
+    SCOPED_TRACE(layout);
+    ASSERT_EQ(server.run(std::string("setxkbmap -layout ") + layout), 0);
+    const Terminal terminal(server);
+    if (std::string_view(layout).starts_with("us,ru")) {  // in its second group
+      keyboard.key(kCapsLock, true);
+      keyboard.key(kCapsLock, false);
+    }
+    XTestInputEvents events(server.displayName());
+    typeInChunks(events, kGreeting);
+    EXPECT_EQ(terminal.typedLike(kGreeting), kGreeting);
+  }
+}
+
+TEST_F(TextTypingTest, HeldAndLockedModifiersDoNotSpoilTheTextAndAreBackAfterwards) {
+  const Terminal terminal(server);
+  XTestInputEvents events(server.displayName());
+  keyboard.key(kCapsLock, true);
+  keyboard.key(kCapsLock, false);
+  keyboard.key(kLeftShift, true);
+  const unsigned before = keyboard.state();
+  EXPECT_EQ(before, unsigned{XCB_MOD_MASK_SHIFT | XCB_MOD_MASK_LOCK});
+  typeInChunks(events, "aA1! \u00E9\u00C9 \u65E5");
+  const std::string expected = "aA1! \u00E9\u00C9 \u65E5";
+  EXPECT_EQ(terminal.typedLike(expected), expected);
+  EXPECT_TRUE(eventually([&] { return keyboard.state() == before; }));
+  keyboard.key(kLeftShift, false);
+}
+
+TEST_F(TextTypingTest, LineEndsAndTabsAreKeys) {
+  const Terminal terminal(server);
+  XTestInputEvents events(server.displayName());
+  typeInChunks(events, "a\nb\r\nc\td\x01\x7F.");
+  EXPECT_EQ(terminal.typedLike("a\rb\rc\td."), "a\rb\rc\td.");
+}
+
+TEST_F(TextTypingTest, TwoThousandRandomSignsArriveWithoutALoss) {
+  const Terminal terminal(server);
+  XTestInputEvents events(server.displayName());
+  const std::string text = randomText(2000, 4711);
+  const auto start = std::chrono::steady_clock::now();
+  typeInChunks(events, text);
+  EXPECT_TRUE(eventually([&] { return terminal.typed().size() >= text.size() / 2; }));
+  EXPECT_EQ(terminal.typedLike(text), text);
+  RecordProperty("milliseconds",
+                 static_cast<int>((std::chrono::steady_clock::now() - start) / std::chrono::milliseconds(1)));
+}
+
+TEST_F(TextTypingTest, LettersOfTheLayoutInUseNeedNoLentKey) {
+  ASSERT_EQ(server.run("setxkbmap ru"), 0);
+  const auto before = keyboard.mapping();
+  const Terminal terminal(server);
+  XTestInputEvents events(server.displayName());
+  const std::string text = "\u041F\u0440\u0438\u0432\u0435\u0442";
+  typeInChunks(events, text);
+  EXPECT_EQ(terminal.typedLike(text), text);
+  EXPECT_EQ(keyboard.mapping(), before);
+}
+
+TEST_F(TextTypingTest, LentKeysAreGivenBackAtTheEnd) {
+  const auto before = keyboard.mapping();
+  auto events = std::make_unique<XTestInputEvents>(server.displayName());
+  typeInChunks(*events, randomText(20, 1));
+  EXPECT_TRUE(eventually([&] { return keyboard.mapping() != before; }));
+  events.reset();
+  EXPECT_EQ(keyboard.mapping(), before);
+
+  // Also in the middle of a long text; the destructor has returned only when they are back.
+  for (std::uint32_t seed = 2; seed < 6; ++seed) {
+    events = std::make_unique<XTestInputEvents>(server.displayName());
+    typeInChunks(*events, randomText(200, seed));
+    EXPECT_TRUE(eventually([&] { return keyboard.mapping() != before; }));
+    events.reset();
+    EXPECT_EQ(keyboard.mapping(), before);
+  }
+}
+
+TEST_F(TextTypingTest, LentKeysOfAProcessThatDiedAreTakenBack) {
+  const auto before = keyboard.mapping();
+  const pid_t child = fork();
+  if (child == 0) {
+    XTestInputEvents events(server.displayName());
+    typeText(events, u"\u4E2D\u6587");
+    const KeyboardView view(server);
+    eventually([&] { return view.mapping() != before; });
+    _exit(0);  // no destructor runs, as in a crash
+  }
+  waitpid(child, nullptr, 0);
+  EXPECT_NE(keyboard.mapping(), before);
+  XTestInputEvents events(server.displayName());
+  EXPECT_NE(events.createSource(), nullptr);
+  EXPECT_EQ(keyboard.mapping(), before);
+}
+
+}  // namespace
+}  // namespace kestrune::linux_platform
