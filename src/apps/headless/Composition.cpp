@@ -1,0 +1,49 @@
+#include "Composition.h"
+
+#include "access/CredentialHelperClient.h"
+#include "access/TokenStore.h"
+#include "platform/linux/bundle/DirectoryBundle.h"
+#include "platform/linux/capture/X11ScreenCapture.h"
+#include "platform/linux/credentials/HelperCredentialConnector.h"
+#include "platform/linux/display/X11Displays.h"
+#include "platform/linux/display/X11PrivacyPermissions.h"
+#include "platform/linux/input/XTestInputEvents.h"
+#include "platform/linux/network/AsioNetwork.h"
+#include "platform/linux/pixel/LibyuvPixelTransfer.h"
+#include "platform/linux/preferences/JsonPreferences.h"
+#include "platform/linux/random/SystemRandomSource.h"
+#include "platform/linux/video/SoftwareCompressionSessionFactory.h"
+#include "runtime/ThreadQueue.h"
+
+namespace kestrune {
+
+std::shared_ptr<StreamCoordinator> composeCoordinator(std::shared_ptr<SerialQueue> mainQueue,
+                                                      std::uint16_t viewerPort) {
+  using namespace linux_platform;
+  const auto displays = std::make_shared<X11Displays>();
+  if (!displays->mainDisplay()) return nullptr;
+
+  const auto bundle = DirectoryBundle::ofRunningProgram();
+  setMainBundle(bundle);
+  const auto credentials =
+      std::make_shared<CredentialHelperClient>(std::make_shared<HelperCredentialConnector>());
+
+  StreamCoordinatorDependencies dependencies;
+  dependencies.mainQueue = std::move(mainQueue);
+  dependencies.clock = systemClock();
+  dependencies.defaults = std::make_shared<JsonPreferences>();
+  dependencies.tokenStore = std::make_shared<TokenStore>(credentials, std::make_shared<SystemRandomSource>());
+  dependencies.bundle = bundle;
+  dependencies.permissions = std::make_shared<X11PrivacyPermissions>();
+  dependencies.displays = displays;
+  dependencies.inputEvents = std::make_shared<XTestInputEvents>();
+  dependencies.network = std::make_shared<AsioNetwork>();
+  dependencies.screenCapture = std::make_shared<X11ScreenCapture>();
+  dependencies.compression = std::make_shared<SoftwareCompressionSessionFactory>();
+  dependencies.pixelTransfer = std::make_shared<LibyuvPixelTransferFactory>();
+  dependencies.makeQueue = [](std::string label) { return std::make_shared<ThreadQueue>(std::move(label)); };
+  dependencies.viewerPort = viewerPort;
+  return StreamCoordinator::make(std::move(dependencies));
+}
+
+}  // namespace kestrune

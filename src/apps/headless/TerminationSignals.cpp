@@ -1,0 +1,67 @@
+#include "TerminationSignals.h"
+
+#include <poll.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/eventfd.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <system_error>
+
+namespace kestrune {
+namespace {
+
+sigset_t terminationSignals() {
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGINT);
+  sigaddset(&set, SIGTERM);
+  return set;
+}
+
+int checked(int descriptor) {
+  if (descriptor < 0) throw std::system_error(errno, std::generic_category(), "signals");
+  return descriptor;
+}
+
+}  // namespace
+
+void TerminationSignals::block() {
+  const sigset_t set = terminationSignals();
+  pthread_sigmask(SIG_BLOCK, &set, nullptr);
+}
+
+TerminationSignals::TerminationSignals(std::shared_ptr<SerialQueue> queue, std::function<void()> handler)
+    : signals_([] {
+        const sigset_t set = terminationSignals();
+        return checked(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
+      }()),
+      end_(checked(eventfd(0, EFD_CLOEXEC))),
+      thread_([this, queue = std::move(queue), handler = std::move(handler)] { wait(queue, handler); }) {}
+
+TerminationSignals::~TerminationSignals() {
+  const std::uint64_t one = 1;
+  if (write(end_, &one, sizeof one) == sizeof one) {
+    thread_.join();
+  } else {
+    thread_.detach();
+  }
+  close(signals_);
+  close(end_);
+}
+
+void TerminationSignals::wait(const std::shared_ptr<SerialQueue>& queue,
+                              const std::function<void()>& handler) const {
+  pthread_setname_np(pthread_self(), "signals");
+  for (;;) {
+    pollfd waited[] = {{signals_, POLLIN, 0}, {end_, POLLIN, 0}};
+    if (poll(waited, 2, -1) < 0 && errno != EINTR) return;
+    if (waited[1].revents != 0) return;
+    signalfd_siginfo information{};
+    while (read(signals_, &information, sizeof information) == sizeof information) queue->post(handler);
+  }
+}
+
+}  // namespace kestrune

@@ -1,0 +1,89 @@
+#include <sys/prctl.h>
+#include <sys/stat.h>
+
+#include <charconv>
+#include <csignal>
+#include <cstdlib>
+#include <exception>
+#include <string>
+#include <string_view>
+
+#include "Composition.h"
+#include "HeadlessApplication.h"
+#include "TerminationSignals.h"
+#include "runtime/Log.h"
+
+namespace {
+
+using namespace kestrune;
+
+constexpr int kStartFailed = 1;
+constexpr int kUsageError = 2;
+
+struct Options {
+  bool isSmokeTest = false;
+  std::uint16_t port = 8080;
+};
+
+/// Nothing, after an error line, if the program was not started properly.
+std::optional<Options> readOptions(int argumentCount, char** arguments) {
+  Options options;
+  for (int index = 1; index < argumentCount; ++index) {
+    if (std::string_view(arguments[index]) != "--browser-display-smoke-test") {
+      printLine("Error", "Unknown argument: " + std::string(arguments[index]));
+      return std::nullopt;
+    }
+    options.isSmokeTest = true;
+  }
+  // For tests, several of which run side by side.
+  if (const char* text = std::getenv("KESTRUNE_PORT"); text && *text != '\0') {
+    const std::string_view port = text;
+    const auto [end, failure] = std::from_chars(port.data(), port.data() + port.size(), options.port);
+    if (failure != std::errc() || end != port.data() + port.size() || options.port == 0) {
+      printLine("Error", "KESTRUNE_PORT is not a port number: " + std::string(port));
+      return std::nullopt;
+    }
+  }
+  return options;
+}
+
+/// What this process makes is for its user's eyes only, and its memory holds the viewer token.
+void restrictProcess() {
+  umask(077);
+#if !defined(__SANITIZE_ADDRESS__)  // the leak check reads the process from a helper
+  prctl(PR_SET_DUMPABLE, 0);
+#endif
+  std::signal(SIGPIPE, SIG_IGN);
+}
+
+int runProgram(const Options& options) {
+  const auto mainQueue = std::make_shared<RunLoopQueue>("main");
+  const auto coordinator = composeCoordinator(mainQueue, options.port);
+  if (!coordinator) {
+    printLine(
+        "Error",
+        "No display could be opened. Set DISPLAY to an X display that this user may use, then try again.");
+    return kStartFailed;
+  }
+  const auto application = std::make_shared<HeadlessApplication>(mainQueue, coordinator, options.port);
+  const TerminationSignals signals(mainQueue, [application] { application->requestTermination(); });
+  application->launch(!options.isSmokeTest);
+  mainQueue->run();
+  return application->exitCode();
+}
+
+}  // namespace
+
+int main(int argumentCount, char** arguments) {
+  TerminationSignals::block();
+  restrictProcess();
+  setLogSink(makeStandardErrorSink());
+  const auto options = readOptions(argumentCount, arguments);
+  if (!options) return kUsageError;
+  try {
+    return runProgram(*options);
+  } catch (...) {
+    printLine("Error", localizedDescription(std::current_exception()));
+    return kStartFailed;
+  }
+}
