@@ -14,6 +14,7 @@
 #include "support/FakeBundle.h"
 #include "support/FakeCompression.h"
 #include "support/FakeCredentials.h"
+#include "support/FakeInputEvents.h"
 #include "support/FakeNetwork.h"
 #include "support/FakePixelTransfer.h"
 #include "support/FakePreferences.h"
@@ -29,51 +30,6 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::IsSupersetOf;
 using testing::Not;
-
-struct FakePermissions final : PrivacyPermissions {
-  bool isCaptureAllowed = true;
-  bool isTrusted = true;
-  bool isScreenCaptureAllowed() const override { return isCaptureAllowed; }
-  bool isTrustedForInput() const override { return isTrusted; }
-  void promptForInputTrust() override {}
-};
-
-/// Notes what is posted.
-struct FakeInput final : InputEvents {
-  std::vector<std::string> posted;
-  std::optional<Point> cursor;
-
-  struct Event final : InputEvent {
-    Event(std::vector<std::string>& posted_, std::string text_) : posted(posted_), text(std::move(text_)) {}
-    void setUnicodeString(std::u16string_view) override {}
-    void post() override { posted.push_back(text); }
-    std::vector<std::string>& posted;
-    std::string text;
-  };
-  struct Source final : InputEventSource {
-    explicit Source(FakeInput& input_) : input(input_) {}
-    std::unique_ptr<InputEvent> mouseEvent(MouseEventType type, Point at, MouseButton) override {
-      return input.make("mouse " + std::to_string(static_cast<int>(type)) + " at " +
-                        testing::PrintToString(at.x) + "," + testing::PrintToString(at.y));
-    }
-    std::unique_ptr<InputEvent> scrollEvent(std::int32_t, std::int32_t) override {
-      return input.make("scroll");
-    }
-    std::unique_ptr<InputEvent> keyboardEvent(std::uint16_t code, bool isDown) override {
-      return input.make("key " + std::to_string(code) + (isDown ? " down" : " up"));
-    }
-    FakeInput& input;
-  };
-
-  std::unique_ptr<InputEventSource> createSource() override { return std::make_unique<Source>(*this); }
-  std::optional<Point> cursorLocation() override { return cursor; }
-  std::unique_ptr<InputEvent> systemDefinedEvent(const SystemDefinedEvent&) override {
-    return make("media key");
-  }
-  std::unique_ptr<InputEvent> make(std::string text) {
-    return std::make_unique<Event>(posted, std::move(text));
-  }
-};
 
 /// The coordinator on its real services, with the system and time under the test's hand.
 class CoordinatorTest : public testing::Test {
@@ -196,9 +152,9 @@ class CoordinatorTest : public testing::Test {
   std::shared_ptr<SerialQueue> mainQueue = time->makeQueue("main");
   std::shared_ptr<FakePreferences> preferences = std::make_shared<FakePreferences>();
   std::shared_ptr<FakeCredentials> credentials = std::make_shared<FakeCredentials>();
-  std::shared_ptr<FakePermissions> permissions = std::make_shared<FakePermissions>();
+  std::shared_ptr<FakePrivacyPermissions> permissions = std::make_shared<FakePrivacyPermissions>();
   std::shared_ptr<FakeDisplays> displays = std::make_shared<FakeDisplays>();
-  std::shared_ptr<FakeInput> input = std::make_shared<FakeInput>();
+  std::shared_ptr<FakeInputEvents> input = std::make_shared<FakeInputEvents>();
   std::shared_ptr<FakeNetwork> network = std::make_shared<FakeNetwork>(time->makeQueue("server"));
   std::shared_ptr<FakeScreenCapture> screen = std::make_shared<FakeScreenCapture>();
   std::shared_ptr<FakeCompressionSessionFactory> compression =

@@ -124,7 +124,7 @@ TEST_F(CoordinatorStreamTest, MissingPermissionsAreToldToTheViewer) {
   launch();
   const auto viewer = connectViewer();
   states(viewer);
-  permissions->isTrusted = false;
+  permissions->input = false;
   requestStart(viewer);
   const std::string message =
       "Screen Recording and Accessibility must be allowed on the Mac before streaming can start.";
@@ -162,7 +162,7 @@ TEST_F(CoordinatorStreamTest, WithoutADisplayTheServerIsUpAndARequestFails) {
   requestStart(viewer);
   EXPECT_EQ(states(viewer).back(), state("error", kCaptureMessage));
 
-  permissions->isCaptureAllowed = false;
+  permissions->screenCapture = false;
   launch();
   EXPECT_TRUE(log.contains(
       "info [App] Skipped automatic display selection because screen capture access is unavailable"));
@@ -252,7 +252,7 @@ TEST_F(CoordinatorStreamTest, OverlappingTeardownsShareOneRunThatEndsCaptureBefo
 
 TEST_F(CoordinatorStreamTest, TheViewersInputReachesTheSystemAndANewViewerStartsInTheMiddle) {
   const auto viewer = streamToViewer();
-  EXPECT_THAT(input->posted, Contains("mouse 5 at 500,250"));
+  EXPECT_THAT(input->posted, Contains("mouse 5 (500, 250) button 0"));
   input->posted.clear();
   send(viewer, R"({"type":"fullscreen"})");
   EXPECT_THAT(input->posted, ElementsAre("key 3 down", "key 3 up"));
@@ -260,7 +260,7 @@ TEST_F(CoordinatorStreamTest, TheViewersInputReachesTheSystemAndANewViewerStarts
   time->advance(1s);  // taps in quick succession are dropped
   send(viewer, R"({"type":"mode","mode":"control"})");
   send(viewer, R"({"type":"tap","x":0.25,"y":0.5})");
-  EXPECT_THAT(input->posted, ElementsAre("mouse 1 at 250,250", "mouse 2 at 250,250"));
+  EXPECT_THAT(input->posted, ElementsAre("mouse 1 (250, 250) button 0", "mouse 2 (250, 250) button 0"));
   EXPECT_THAT(received(viewer), Contains(HasSubstr("clicked")));
 }
 
