@@ -1,7 +1,5 @@
 #include "platform/linux/network/AsioTcpConnection.h"
 
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 
@@ -16,8 +14,6 @@
 namespace kestrune::linux_platform {
 namespace {
 
-// With little waiting in the kernel, stale media waits in a queue of ours, where it can be dropped.
-constexpr int kNotSentLowWatermarkBytes = 128 * 1024;
 // Unread bytes at a close make the kernel reset the connection, which can destroy a response on its way.
 constexpr int kReadsBeforeClose = 8;
 constexpr std::size_t kDiscardedPerRead = 65'536;
@@ -29,19 +25,10 @@ using Descriptor = boost::asio::posix::stream_descriptor;
 AsioTcpConnection::AsioTcpConnection(std::shared_ptr<AsioReactor> reactor, int descriptor)
     : reactor_(std::move(reactor)), socket_(reactor_->context(), descriptor) {
   ++reactor_->openConnections;
-  configureSocket();
 }
 
 AsioTcpConnection::~AsioTcpConnection() {
   closeSocket();
-}
-
-void AsioTcpConnection::configureSocket() {
-  const int on = 1;
-  const int descriptor = socket_.native_handle();
-  setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-  setsockopt(descriptor, IPPROTO_TCP, TCP_NOTSENT_LOWAT, &kNotSentLowWatermarkBytes,
-             sizeof kNotSentLowWatermarkBytes);
 }
 
 void AsioTcpConnection::setStateHandler(StateHandler handler) {

@@ -38,7 +38,6 @@ class AsioTcpConnection final : public TcpConnection, public std::enable_shared_
     SendHandler handler;
   };
 
-  void configureSocket();
   void waitToRead();
   void readSome();
   void deliver(ByteView bytes, bool isComplete, const std::optional<std::string>& failure);

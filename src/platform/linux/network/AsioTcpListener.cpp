@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -23,6 +24,8 @@ namespace {
 
 constexpr Logger kLog("Server");
 constexpr int kBacklog = 512;
+// With little waiting in the kernel, stale media waits in a queue of ours, where it can be dropped.
+constexpr int kNotSentLowWatermarkBytes = 128 * 1024;
 // A flood of new connections must leave the ones that work their turns.
 constexpr int kAcceptsPerTurn = 16;
 constexpr auto kBackOff = std::chrono::milliseconds(100);
@@ -113,6 +116,10 @@ int AsioTcpListener::Core::open() {
   // A restart may bind over connections that linger in TIME_WAIT; a live listener still refuses it.
   const int on = 1;
   setsockopt(descriptor, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  // Accepted sockets inherit these.
+  setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+  setsockopt(descriptor, IPPROTO_TCP, TCP_NOTSENT_LOWAT, &kNotSentLowWatermarkBytes,
+             sizeof kNotSentLowWatermarkBytes);
   if (bind(descriptor, reinterpret_cast<const sockaddr*>(&address_.storage), address_.length) == 0 &&
       listen(descriptor, kBacklog) == 0) {
     return descriptor;
