@@ -11,21 +11,6 @@
 namespace kestrune::linux_platform {
 namespace {
 
-TEST(CredentialMessages, RoundTrip) {
-  const CredentialRequest request{CredentialOperation::write, "service", std::string("a\0b", 3), {0, 255, 7}};
-  const auto back = decodeCredentialRequest(encode(request));
-  ASSERT_TRUE(back);
-  EXPECT_EQ(back->operation, request.operation);
-  EXPECT_EQ(back->service, request.service);
-  EXPECT_EQ(back->account, request.account);
-  EXPECT_EQ(back->data, request.data);
-  const auto reply = decodeCredentialReply(encode(CredentialReply{-25300, std::nullopt}));
-  ASSERT_TRUE(reply);
-  EXPECT_EQ(reply->status, -25300);
-  EXPECT_FALSE(reply->data);
-  EXPECT_EQ(decodeCredentialReply(encode(CredentialReply{0, Bytes()}))->data, Bytes());
-}
-
 TEST(CredentialMessages, RefuseEveryOtherForm) {
   const Bytes request = encode(CredentialRequest{CredentialOperation::write, "s", "a", {1}});
   const Bytes reply = encode(CredentialReply{0, Bytes{1, 2}});

@@ -1,6 +1,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -31,6 +32,7 @@ class Child {
     pointers.push_back(nullptr);
     pid_ = fork();
     if (pid_ == 0) {
+      prctl(PR_SET_PDEATHSIG, SIGKILL);  // a test that is cut off leaves nothing behind
       dup2(in[0], STDIN_FILENO);
       dup2(out[1], STDOUT_FILENO);
       execvp(pointers[0], pointers.data());

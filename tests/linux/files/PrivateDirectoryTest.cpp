@@ -2,13 +2,11 @@
 #include <sys/stat.h>
 
 #include <atomic>
-#include <set>
 #include <system_error>
 #include <thread>
 #include <vector>
 
 #include "platform/linux/files/PrivateDirectory.h"
-#include "platform/linux/random/SystemRandomSource.h"
 #include "support/TemporaryDirectory.h"
 
 namespace kestrune::linux_platform {
@@ -99,16 +97,6 @@ TEST_F(PrivateDirectoryTest, TheLockHasOneHolder) {
     });
   }
   for (auto& holder : holders) holder.join();
-}
-
-TEST(SystemRandomSource, FillsEverything) {
-  std::set<Bytes> seen;
-  for (int round = 0; round < 100; ++round) {
-    Bytes block(32);
-    EXPECT_EQ(SystemRandomSource().copyBytes(block), 0);
-    seen.insert(block);
-  }
-  EXPECT_EQ(seen.size(), 100u);
 }
 
 }  // namespace

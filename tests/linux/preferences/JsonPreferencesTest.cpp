@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <limits>
-#include <thread>
 #include <vector>
 
 #include "platform/linux/preferences/JsonPreferences.h"
@@ -82,24 +81,6 @@ TEST_F(JsonPreferencesTest, AnUnchangedValueIsNotWritten) {
   EXPECT_FALSE(fs::exists(file_));
   preferences.set("key", true);
   EXPECT_TRUE(fs::exists(file_));
-}
-
-TEST_F(JsonPreferencesTest, AnyThreadMayWrite) {
-  JsonPreferences preferences(directory_);
-  std::vector<std::thread> writers;
-  for (int writer = 0; writer < 4; ++writer) {
-    writers.emplace_back([&preferences, writer] {
-      for (std::int64_t round = 0; round < 10; ++round) {
-        preferences.set("key" + std::to_string(writer), round);
-        preferences.value("key0");
-      }
-    });
-  }
-  for (auto& writer : writers) writer.join();
-  const JsonPreferences stored(directory_);
-  for (int writer = 0; writer < 4; ++writer) {
-    EXPECT_EQ(stored.value("key" + std::to_string(writer)), PreferenceValue(std::int64_t{9}));
-  }
 }
 
 }  // namespace
