@@ -3,6 +3,7 @@
 #include <random>
 
 #include "platform/linux/capture/DirtyRegion.h"
+#include "platform/linux/capture/DrawingWatch.h"
 #include "platform/linux/capture/FramePacer.h"
 #include "platform/linux/capture/FramePool.h"
 
@@ -73,6 +74,47 @@ TEST(FramePacerTest, SmallChangeIsRepeatedOnce) {
   FramePacer slow(500ms);
   slow.delivered(0ms, 0.001);
   EXPECT_EQ(slow.nextRepeat(), 500ms);
+}
+
+TEST(FramePacerTest, WakingLateDoesNotPutOffTheNextPicture) {
+  FramePacer pacer(16ms);
+  pacer.delivered(pacer.timeOf(100ms), 1);
+  EXPECT_EQ(pacer.timeOf(117ms), 116ms);
+  EXPECT_EQ(pacer.timeOf(118ms), 118ms);
+  pacer.delivered(pacer.timeOf(117ms), 1);
+  EXPECT_EQ(pacer.earliest(), 132ms);
+}
+
+TEST(DrawingWatchTest, WaitsForThePiecesOnlyWherePicturesComeInPieces) {
+  DrawingWatch watch;
+  // In one go: never a wait.
+  for (Duration time = 0ms; time < 1000ms; time += 33ms) {
+    watch.drawn(time);
+    ASSERT_FALSE(watch.pauseExpectedAt());
+    watch.captured(time);
+  }
+  // The first picture in pieces is seen to be so by the piece that comes too late.
+  watch.drawn(1000ms);
+  watch.captured(1000ms);
+  watch.drawn(1002ms);
+  watch.captured(1016ms);
+  for (Duration time = 1033ms; time < 2000ms; time += 33ms) {
+    watch.drawn(time);
+    ASSERT_EQ(watch.pauseExpectedAt(), time + DrawingWatch::kPause) << time.count();
+    watch.drawn(time + 1ms);
+    ASSERT_EQ(watch.pauseExpectedAt(), time + 1ms + DrawingWatch::kPause);
+    for (Duration more = 2ms; more < 20ms; more += 1ms) watch.drawn(time + more);
+    ASSERT_EQ(watch.pauseExpectedAt(), time + DrawingWatch::kPatience);
+    watch.captured(time + DrawingWatch::kPatience);
+  }
+  // And unlearns it.
+  int waits = 0;
+  for (Duration time = 2033ms; time < 3000ms; time += 33ms) {
+    watch.drawn(time);
+    waits += watch.pauseExpectedAt() ? 1 : 0;
+    watch.captured(time + 2ms);
+  }
+  EXPECT_LE(waits, 7);
 }
 
 TEST(FramePoolTest, CarriesOverWhatDidNotChange) {

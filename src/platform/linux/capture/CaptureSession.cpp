@@ -126,9 +126,16 @@ bool CaptureSession::isPointerCheckDue(Duration now) const {
   return configuration_.showsCursor && !reader_.isPointerWatched() && now >= nextPointerCheck_;
 }
 
+/// Nothing if there is no reason to wait for the end of a drawing.
+std::optional<Duration> CaptureSession::drawingPause(bool isRequested) const {
+  return isWholeDirty_ || isRequested ? std::nullopt : drawing_.pauseExpectedAt();
+}
+
 std::optional<VideoSample> CaptureSession::next(Duration now, bool isRequested) {
   reader_.readEvents();
+  if (std::exchange(seenDamageNews_, reader_.damageNews()) != reader_.damageNews()) drawing_.drawn(now);
   followLayout(now);
+  if (now < drawingPause(isRequested).value_or(Duration::min())) return std::nullopt;
   if (missingSince_ || now < pacer_.earliest() || !pool_->isAvailable()) return std::nullopt;
   const bool isRepeatDue = isRequested || now >= pacer_.nextRepeat().value_or(Duration::max());
   // A cursor that was moved by a program instead of a device is told of by nobody.
@@ -137,8 +144,9 @@ std::optional<VideoSample> CaptureSession::next(Duration now, bool isRequested) 
     if (auto sample = capture(now)) return sample;
   }
   if (!isRepeatDue || !pool_->hasPicture() || mustReadLayout_) return std::nullopt;
-  pacer_.delivered(now, 0);
-  return makeSample(pool_->repeatPicture(), {}, now);
+  const Duration time = pacer_.timeOf(now);
+  pacer_.delivered(time, 0);
+  return makeSample(pool_->repeatPicture(), {}, time);
 }
 
 CaptureSession::Wait CaptureSession::wait(bool isRequested) const {
@@ -147,7 +155,11 @@ CaptureSession::Wait CaptureSession::wait(bool isRequested) const {
   const bool isPending = isChangePending() || isRequested || mustReadLayout_;
   if (isPending) {
     result.listensToServer = false;
-    if (pool_->isAvailable()) result.until = pacer_.earliest();
+    if (!pool_->isAvailable()) return result;
+    result.until = pacer_.earliest();
+    if (const auto pause = drawingPause(isRequested); pause && *pause > *result.until) {
+      return {pause, true};
+    }
     return result;
   }
   if (pool_->isAvailable()) {
@@ -221,8 +233,10 @@ std::optional<VideoSample> CaptureSession::capture(Duration now) {
   isWholeDirty_ = false;
   dirty_.clear();
   const double pictureArea = static_cast<double>(configuration_.width) * configuration_.height;
-  pacer_.delivered(now, static_cast<double>(destination.area()) / pictureArea);
-  return makeSample(pool_->finishPicture(), std::move(changes), now);
+  drawing_.captured(now);
+  const Duration time = pacer_.timeOf(now);
+  pacer_.delivered(time, static_cast<double>(destination.area()) / pictureArea);
+  return makeSample(pool_->finishPicture(), std::move(changes), time);
 }
 
 VideoSample CaptureSession::makeSample(std::shared_ptr<PixelBuffer> picture, std::vector<PixelRect> changes,

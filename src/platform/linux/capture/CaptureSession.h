@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "platform/ScreenStream.h"
+#include "platform/linux/capture/DrawingWatch.h"
 #include "platform/linux/capture/FramePacer.h"
 #include "platform/linux/capture/FramePool.h"
 #include "platform/linux/capture/ScreenReader.h"
@@ -47,6 +48,7 @@ class CaptureSession {
   void takeArea(const PixelRect& area);
   void rebuild();
   bool isChangePending() const;
+  std::optional<Duration> drawingPause(bool isRequested) const;
   bool isPointerCheckDue(Duration now) const;
   void collectChanges(Duration now);
   std::optional<VideoSample> capture(Duration now);
@@ -61,6 +63,8 @@ class CaptureSession {
   bool mustReadLayout_ = false;
   std::optional<Duration> missingSince_;  // the display is not there
   FramePacer pacer_;
+  DrawingWatch drawing_;
+  std::uint64_t seenDamageNews_ = 0;
   std::optional<FramePool> pool_;
   std::optional<BgrxToNv12> converter_;
   bool isWholeDirty_ = true;

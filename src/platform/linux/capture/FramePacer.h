@@ -23,6 +23,10 @@ class FramePacer {
   /// Changes of less than this share of the picture are small.
   static constexpr double kSmallShare = 0.02;
 
+  /// A thread that wakes this much late for a picture's time is in time: the next one is not put off by it,
+  /// or every picture would come later within its interval, until one is lost.
+  static constexpr Duration kWakeTolerance = std::chrono::milliseconds(2);
+
   explicit FramePacer(Duration minimumInterval) : interval_(minimumInterval) {}
 
   void setMinimumInterval(Duration interval) { interval_ = interval; }
@@ -41,6 +45,11 @@ class FramePacer {
       while (repeatDue() && *repeatDue() <= time) ++nextRepeat_;
     }
     last_ = time;
+  }
+
+  /// The time that a picture made at `now` counts for: these times are never less than the interval apart.
+  Duration timeOf(Duration now) const {
+    return last_ && now >= earliest() && now - earliest() < kWakeTolerance ? earliest() : now;
   }
 
   /// No picture may go out before this.

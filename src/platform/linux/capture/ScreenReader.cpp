@@ -101,7 +101,10 @@ void ScreenReader::handle(const xcb_generic_event_t& event) {
   const int type = event.response_type & 0x7f;
   if (type == damageEvent_ + XCB_DAMAGE_NOTIFY) {
     const xcb_rectangle_t& area = reinterpret_cast<const xcb_damage_notify_event_t&>(event).area;
-    damage_.add(intersection(watched_, {area.x, area.y, area.width, area.height}));
+    const PixelRect watched = intersection(watched_, {area.x, area.y, area.width, area.height});
+    if (watched.width == 0) return;
+    damage_.add(watched);
+    ++damageNews_;
   } else if (type == cursorEvent_ || pointerWatch_.isMotion(event)) {
     cursorMayHaveChanged_ = true;
   } else if (type == XCB_CONFIGURE_NOTIFY ||

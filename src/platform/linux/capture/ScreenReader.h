@@ -33,6 +33,8 @@ class ScreenReader {
   void watch(const PixelRect& area) { watched_ = area; }
   /// What was drawn on since the last forgetDamage().
   const DirtyRegion& damage() const { return damage_; }
+  /// Goes up by one with each piece of news of damage.
+  std::uint64_t damageNews() const { return damageNews_; }
   /// Before reading what was damaged: later changes are told anew.
   void forgetDamage();
 
@@ -70,6 +72,7 @@ class ScreenReader {
   std::uint32_t damageId_ = 0;
   PixelRect watched_;
   DirtyRegion damage_;
+  std::uint64_t damageNews_ = 0;
   bool layoutChanged_ = false;
   bool cursorMayHaveChanged_ = true;
   CursorOverlay cursor_;
