@@ -26,11 +26,8 @@ after(async () => { await browser?.close(); });
 
 /** A viewport point that lies over the point (x, y), in 0...1, of the picture. */
 async function pointOver(page, x, y) {
-  const rect = await page.evaluate(() => {
-    const { x: left, y: top, width: w, height: h } = window.kestruneViewer.pictureRect;
-    return { left, top, w, h };
-  });
-  return [rect.left + x * rect.w, rect.top + y * rect.h];
+  const rect = await page.evaluate(() => ({ ...window.kestruneViewer.pictureRect }));
+  return [rect.left + x * rect.width, rect.top + y * rect.height];
 }
 
 function assertColours(seen, wanted) {
