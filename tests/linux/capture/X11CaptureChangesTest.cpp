@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "CaptureTools.h"
+#include "platform/linux/capture/SharedSegment.h"
 #include "support/XServerFixture.h"
 
 namespace kestrune::linux_platform {
@@ -62,6 +63,26 @@ TEST(X11CaptureChangesTest, PicturesMadeOfPartsEqualWholeOnes) {
   }
   const auto sequences = receiver.sequences();
   for (std::size_t i = 0; i < sequences.size(); ++i) ASSERT_EQ(sequences[i], i);
+}
+
+TEST(SharedSegmentTest, TheServerWritesIntoEitherKindOfMemory) {
+  XServer server(64, 64);
+  Painter(server.displayName()).fill({0, 0, 64, 64}, 0x123456);
+  const auto connection = X11Connection::open(server.displayName());
+  for (const auto kind : {SharedSegment::Kind::best, SharedSegment::Kind::systemV}) {
+    const auto segment = SharedSegment::create(*connection, 4096, kind);
+    ASSERT_TRUE(segment);
+    EXPECT_EQ(segment->isSystemV(), kind == SharedSegment::Kind::systemV);
+    ASSERT_TRUE(waitForReply(*connection, xcb_shm_get_image_reply,
+                             xcb_shm_get_image(*connection, connection->root(), 0, 0, 32, 32, ~0U,
+                                               XCB_IMAGE_FORMAT_Z_PIXMAP, segment->id(), 0)));
+    const std::uint8_t* last = segment->data() + 4096 - 4;
+    EXPECT_EQ((std::vector<int>{last[0], last[1], last[2]}), (std::vector<int>{0x56, 0x34, 0x12}));
+    // The server refuses to write behind the end.
+    EXPECT_FALSE(waitForReply(*connection, xcb_shm_get_image_reply,
+                              xcb_shm_get_image(*connection, connection->root(), 0, 0, 32, 32, ~0U,
+                                                XCB_IMAGE_FORMAT_Z_PIXMAP, segment->id(), 64)));
+  }
 }
 
 }  // namespace

@@ -157,16 +157,37 @@ TEST(X11CaptureTest, EndOfTheServerIsTold) {
   XServer server(320, 180);
   Receiver receiver(server.displayName(), sized(320, 180));
   Receiver stopped(server.displayName(), sized(320, 180));
+  // With all buffers held, too.
+  receiver.hold(true);
   ASSERT_EQ(receiver.start(), "");
   ASSERT_EQ(stopped.start(), "");
   ASSERT_EQ(stopped.stop(), "");
-  // With all buffers held, too.
-  receiver.hold(true);
-  ASSERT_TRUE(receiver.waitForCount(4));
+  ASSERT_TRUE(receiver.waitForCount(3));
   server.kill();
   EXPECT_EQ(receiver.waitForStop(), "The connection to the X display was lost.");
   EXPECT_EQ(stopped.waitForStop(50ms), "");
   EXPECT_EQ(receiver.update(sized(320, 180)), "The stream is not running.");
+}
+
+TEST(X11CaptureTest, EndOfTheDisplayIsTold) {
+  XServer server(1600, 600);
+  Painter painter(server.displayName());
+  ASSERT_EQ(server.run("xrandr --setmonitor *LEFT 800/200x600/150+0+0 screen"), 0);
+  ASSERT_EQ(server.run("xrandr --setmonitor RIGHT 800/200x600/150+800+0 none"), 0);
+  const DisplayLayout layout = painter.layout();
+  ASSERT_EQ(layout.displays.size(), 2U);
+  const X11Display& right = layout.displays[1];
+  painter.fill({0, 0, 800, 600}, kRed);
+  painter.fill({800, 0, 800, 600}, kGreen);
+  X11ScreenCapture capture(server.displayName());
+  Receiver receiver(server.displayName(), sized(400, 300),
+                    capture.filterForDisplay({right.id, layout.bounds(right)}));
+  ASSERT_EQ(receiver.start(), "");
+  EXPECT_TRUE(receiver.waitForPicture([](const PixelBuffer& picture) {
+    return isColour(picture, 2, 2, kGreen) && isColour(picture, 397, 297, kGreen);
+  }));
+  ASSERT_EQ(server.run("xrandr --delmonitor RIGHT"), 0);
+  EXPECT_EQ(receiver.waitForStop(), "The captured display is no longer there.");
 }
 
 TEST(X11CaptureTest, StartFailsWithTheReason) {

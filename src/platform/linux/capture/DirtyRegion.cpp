@@ -25,19 +25,6 @@ std::int64_t waste(const PixelRect& a, const PixelRect& b) {
 
 }  // namespace
 
-PixelRect intersection(const PixelRect& a, const PixelRect& b) {
-  const int left = std::max(a.x, b.x);
-  const int top = std::max(a.y, b.y);
-  const int right = std::min(a.x + a.width, b.x + b.width);
-  const int bottom = std::min(a.y + a.height, b.y + b.height);
-  if (right <= left || bottom <= top) return {};
-  return {left, top, right - left, bottom - top};
-}
-
-bool contains(const PixelRect& outer, const PixelRect& inner) {
-  return intersection(outer, inner) == inner;
-}
-
 void DirtyRegion::add(const PixelRect& rectangle) {
   if (rectangle.width <= 0 || rectangle.height <= 0) return;
   PixelRect merged = rectangle;

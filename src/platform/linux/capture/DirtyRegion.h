@@ -4,13 +4,9 @@
 #include <cstdint>
 #include <vector>
 
-#include "platform/Geometry.h"
+#include "platform/linux/pixel/PixelRects.h"
 
 namespace kestrune::linux_platform {
-
-/// Empty (all zero) where the two have nothing in common.
-PixelRect intersection(const PixelRect& a, const PixelRect& b);
-bool contains(const PixelRect& outer, const PixelRect& inner);
 
 /// What has changed, as a few rectangles that cover it and may overlap. Rectangles are merged when handling
 /// the pixels between them costs less than handling one rectangle more, and whenever there would be more than

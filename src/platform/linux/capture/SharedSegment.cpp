@@ -32,7 +32,8 @@ int makeMemoryFile(std::size_t size) {
 
 }  // namespace
 
-std::unique_ptr<SharedSegment> SharedSegment::create(const X11Connection& connection, std::size_t size) {
+std::unique_ptr<SharedSegment> SharedSegment::create(const X11Connection& connection, std::size_t size,
+                                                     Kind kind) {
   // A descriptor sent over anything but a local socket would end the connection.
   if (!connection.extension(xcb_shm_id) || !isLocalSocket(xcb_get_file_descriptor(connection)))
     return nullptr;
@@ -43,7 +44,7 @@ std::unique_ptr<SharedSegment> SharedSegment::create(const X11Connection& connec
       version->major_version > 1 || (version->major_version == 1 && version->minor_version >= 2);
 
   std::unique_ptr<SharedSegment> segment(new SharedSegment(connection, size));
-  if (takesDescriptors && segment->attachMemoryFile()) return segment;
+  if (kind == Kind::best && takesDescriptors && segment->attachMemoryFile()) return segment;
   if (segment->attachSystemV()) return segment;
   return nullptr;
 }

@@ -15,8 +15,10 @@ namespace kestrune::linux_platform {
 /// System V segment of mode 0600 that is marked for removal at once.
 class SharedSegment {
  public:
+  enum class Kind { best, systemV };
   /// Null if the server does not share memory with this client, for instance over a network.
-  static std::unique_ptr<SharedSegment> create(const X11Connection& connection, std::size_t size);
+  static std::unique_ptr<SharedSegment> create(const X11Connection& connection, std::size_t size,
+                                               Kind kind = Kind::best);
   ~SharedSegment();
   SharedSegment(const SharedSegment&) = delete;
   SharedSegment& operator=(const SharedSegment&) = delete;

@@ -6,6 +6,8 @@
 #include <cstring>
 #include <numeric>
 
+#include "platform/linux/pixel/PixelRects.h"
+
 namespace kestrune::linux_platform {
 
 namespace {
@@ -19,15 +21,6 @@ int roundDown(int value, int step) {
 }
 int roundUp(int value, int step) {
   return (value + step - 1) / step * step;
-}
-
-PixelRect intersection(const PixelRect& a, const PixelRect& b) {
-  const int left = std::max(a.x, b.x);
-  const int top = std::max(a.y, b.y);
-  const int right = std::min(a.x + a.width, b.x + b.width);
-  const int bottom = std::min(a.y + a.height, b.y + b.height);
-  if (right <= left || bottom <= top) return {};
-  return {left, top, right - left, bottom - top};
 }
 
 /// What one output takes from which source samples, before it is made whole numbers.
