@@ -193,8 +193,7 @@ class StreamCoordinator final : public std::enable_shared_from_this<StreamCoordi
 
   // Metrics and cursor (StreamCoordinatorMetrics.cpp)
   void startMetricsTask();
-  static Task<void> runMetrics(std::weak_ptr<StreamCoordinator> weak,
-                               std::shared_ptr<StreamingServer> server);
+  static Task<void> runMetrics(std::weak_ptr<StreamCoordinator> weak);
   void applyCaptureMetrics(const StreamMetrics& record);
   void refreshCursorSync();
   static Task<void> runCursorSync(std::weak_ptr<StreamCoordinator> weak);

@@ -12,18 +12,19 @@ constexpr std::chrono::milliseconds kCursorPeriod{67};
 
 void StreamCoordinator::startMetricsTask() {
   metricsTask_.cancel();
-  metricsTask_ = startTask(mainQueue_, runMetrics(weak_from_this(), server_));
+  metricsTask_ = startTask(mainQueue_, runMetrics(weak_from_this()));
 }
 
-Task<void> StreamCoordinator::runMetrics(std::weak_ptr<StreamCoordinator> weak,
-                                         std::shared_ptr<StreamingServer> server) {
-  const auto read = [server](Completion<StreamingServerSnapshot> done) { server->snapshot(done); };
+Task<void> StreamCoordinator::runMetrics(std::weak_ptr<StreamCoordinator> weak) {
   for (;;) {
-    const auto snapshot = co_await awaitCallback<StreamingServerSnapshot>(read);
-    co_await checkCancellation();
     {
       const auto self = weak.lock();
       if (!self) co_return;
+      const auto read = [server = self->server_](Completion<StreamingServerSnapshot> done) {
+        server->snapshot(done);
+      };
+      const auto snapshot = co_await awaitCallback<StreamingServerSnapshot>(read);
+      co_await checkCancellation();
       self->metrics.update([&](StreamMetrics& record) {
         record.bytesSent = snapshot.bytesSent;
         record.serverPendingFrames = snapshot.outboundVideoFrames;

@@ -47,6 +47,11 @@ class CoordinatorTest : public testing::Test {
     displays->displays = screen->displays = {{7, {0, 0, 1000, 500}}};
   }
 
+  /// The fake sessions never answer, and an encoder lives until they have.
+  ~CoordinatorTest() override {
+    for (const auto& session : compression->sessions) session->frames.clear();
+  }
+
   void make() {
     StreamCoordinatorDependencies dependencies;
     dependencies.mainQueue = mainQueue;
