@@ -212,6 +212,7 @@ std::optional<VideoSample> CaptureSession::capture(Duration now) {
   if (picture == nullptr) throw X11Error("There is no memory left for the picture.");
   const std::vector<Part> parts = partsOf(destination.rectangles());
   std::vector<PixelRect> areas;
+  areas.reserve(parts.size());
   for (const Part& part : parts) areas.push_back(moved(part.source, area_.x, area_.y));
   const bool isComplete =
       reader_.read(areas, [&](std::size_t index, std::uint8_t* pixels, std::ptrdiff_t stride) {

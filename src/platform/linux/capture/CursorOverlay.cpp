@@ -16,8 +16,8 @@ bool CursorOverlay::refresh(const X11Connection& connection) {
   if (area == area_ && reply->cursor_serial == serial_) return false;
   const std::uint32_t* pixels = xcb_xfixes_get_cursor_image_cursor_image(reply.get());
   const int count = xcb_xfixes_get_cursor_image_cursor_image_length(reply.get());
-  if (count < area.width * area.height) return false;
-  image_.assign(pixels, pixels + area.width * area.height);
+  if (count != area.width * area.height) return false;
+  image_.assign(pixels, pixels + count);
   area_ = area;
   serial_ = reply->cursor_serial;
   return true;

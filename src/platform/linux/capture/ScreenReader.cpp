@@ -155,6 +155,7 @@ bool ScreenReader::read(const std::vector<PixelRect>& parts, const PartHandler& 
 
 bool ScreenReader::readShared(const std::vector<PixelRect>& parts, const PartHandler& onPart) {
   std::vector<xcb_shm_get_image_cookie_t> cookies;
+  cookies.reserve(parts.size());
   std::size_t offset = 0;
   for (const PixelRect& part : parts) {
     cookies.push_back(
@@ -177,6 +178,7 @@ bool ScreenReader::readShared(const std::vector<PixelRect>& parts, const PartHan
 
 bool ScreenReader::readOverSocket(const std::vector<PixelRect>& parts, const PartHandler& onPart) {
   std::vector<xcb_get_image_cookie_t> cookies;
+  cookies.reserve(parts.size());
   for (const PixelRect& part : parts) {
     cookies.push_back(xcb_get_image(connection(), XCB_IMAGE_FORMAT_Z_PIXMAP, connection().root(),
                                     static_cast<std::int16_t>(part.x), static_cast<std::int16_t>(part.y),

@@ -76,7 +76,8 @@ bool SharedSegment::attachSystemV() {
   void* memory = shmat(identifier, nullptr, 0);
   bool isAttached = false;
   const xcb_shm_seg_t id = xcb_generate_id(connection_);
-  if (memory != reinterpret_cast<void*>(-1)) {
+  // shmat fails with the same -1 as mmap.
+  if (memory != MAP_FAILED) {
     const XcbOwned<xcb_generic_error_t> error(xcb_request_check(
         connection_, xcb_shm_attach_checked(connection_, id, static_cast<std::uint32_t>(identifier), 0)));
     isAttached = !error && !connection_.isBroken();

@@ -84,7 +84,7 @@ class X11CaptureStream::Core : public std::enable_shared_from_this<Core> {
   void sleep(const CaptureSession& session, bool isRequested) const;
   void deliver(VideoSample sample);
   void completeStart(std::exception_ptr outcome);
-  void finish(std::exception_ptr reason);
+  void finish(const std::exception_ptr& reason);
 
   const std::string displayName_;
   const StopHandler onStopped_;
@@ -262,7 +262,7 @@ void X11CaptureStream::Core::completeStart(std::exception_ptr outcome) {
 }
 
 /// `reason` is null after a stop.
-void X11CaptureStream::Core::finish(std::exception_ptr reason) {
+void X11CaptureStream::Core::finish(const std::exception_ptr& reason) {
   std::vector<Command> commands;
   std::vector<StreamCompletion> stopCompletions;
   bool endedByItself = false;

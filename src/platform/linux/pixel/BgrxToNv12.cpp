@@ -76,7 +76,7 @@ bool arrangeBlocks(ResampleTable& table, int outputs) {
     const int blockStart = table.starts[static_cast<std::size_t>(first)];
     table.blockStarts.push_back(blockStart);
     for (int k = 0; k < outputs; ++k) {
-      const auto output = static_cast<std::size_t>(first + k);
+      const auto output = static_cast<std::size_t>(first) + static_cast<std::size_t>(k);
       for (int tap = 0; tap < tapsPerOutput; ++tap) {
         const int weight = tap < table.tapCount
                                ? table.weights[output * static_cast<std::size_t>(table.tapCount) +
@@ -309,8 +309,9 @@ void BgrxToNv12::convert(const BgrxView& source, const PixelRect& destination, c
       writeLuma(output, lumaColumns, x, lumaData + (content_.y + output) * lumaStride + content_.x + x.first);
     }
     prepareChroma(source, chromaColumns, chromaY_.isIdentity ? line + 1 : chromaY_.sourceEnd(line));
-    writeChroma(line, chromaColumns, chromaX,
-                chromaData + (content_.y / 2 + line) * chromaStride + content_.x + 2 * chromaX.first);
+    writeChroma(
+        line, chromaColumns, chromaX,
+        chromaData + (content_.y / 2 + line) * chromaStride + content_.x + std::ptrdiff_t{2} * chromaX.first);
   }
 }
 

@@ -1,5 +1,7 @@
 #include "platform/linux/pixel/PixelKernels.h"
 
+#include <cstddef>
+
 namespace kestrune::linux_platform {
 
 namespace {
@@ -45,7 +47,8 @@ void blend(const std::uint8_t* const* rows, const std::uint8_t* weights, int tap
 void resample(const std::uint8_t* row, const ResampleTable& table, int first, int count, std::uint8_t* out) {
   const std::uint8_t* weights = table.weights.data() + std::ptrdiff_t{first} * table.tapCount;
   for (int i = 0; i < count; ++i, weights += table.tapCount) {
-    const std::uint8_t* source = row + table.starts[static_cast<std::size_t>(first + i)];
+    const std::uint8_t* source =
+        row + table.starts[static_cast<std::size_t>(first) + static_cast<std::size_t>(i)];
     int sum = kRound;
     for (int tap = 0; tap < table.tapCount; ++tap) sum += source[tap] * weights[tap];
     out[i] = static_cast<std::uint8_t>(sum >> kShift);
@@ -53,7 +56,7 @@ void resample(const std::uint8_t* row, const ResampleTable& table, int first, in
 }
 
 void interleave(const std::uint8_t* cb, const std::uint8_t* cr, std::uint8_t* cbcr, int count) {
-  for (int i = 0; i < count; ++i) {
+  for (std::ptrdiff_t i = 0; i < count; ++i) {
     cbcr[2 * i] = cb[i];
     cbcr[2 * i + 1] = cr[i];
   }

@@ -4,6 +4,8 @@
 
 #include <immintrin.h>
 
+#include <cstddef>
+
 // Only the functions marked with this may use AVX2: the file is built like any other, so that nothing inline
 // from a header is compiled for a processor that may not be there.
 #define KESTRUNE_AVX2 __attribute__((target("avx2")))
@@ -37,10 +39,10 @@ KESTRUNE_AVX2 void luma(const std::uint8_t* bgrx, std::uint8_t* y, int count) {
   const __m256i flip = _mm256_set1_epi8(-128);
   constexpr int kOffset = (16 << 8) + 128 + 128 * (bt709::kLumaB + bt709::kLumaG + bt709::kLumaR);
   const __m256i offset = _mm256_set1_epi16(static_cast<short>(kOffset));
-  const auto block = [&](int at) KESTRUNE_AVX2 {
+  const auto block = [&](std::ptrdiff_t at) KESTRUNE_AVX2 {
     __m256i sums[4];
     for (int part = 0; part < 4; ++part) {
-      const __m256i pixels = _mm256_xor_si256(load(bgrx + 4 * (at + 8 * part)), flip);
+      const __m256i pixels = _mm256_xor_si256(load(bgrx + 4 * (at + std::ptrdiff_t{8} * part)), flip);
       sums[part] = _mm256_maddubs_epi16(coefficients, pixels);
     }
     const __m256i low = _mm256_srli_epi16(_mm256_add_epi16(_mm256_hadd_epi16(sums[0], sums[1]), offset), 8);
@@ -69,7 +71,7 @@ KESTRUNE_AVX2 void chroma(const std::uint8_t* upper, const std::uint8_t* lower, 
   const __m256i forCb = pattern(bt709::kCbB, bt709::kCbG, bt709::kCbR);
   const __m256i forCr = pattern(bt709::kCrB, bt709::kCrG, bt709::kCrR);
   const __m256i offset = _mm256_set1_epi16(static_cast<short>((128 << 8) + 128));
-  const auto block = [&](int at) KESTRUNE_AVX2 {
+  const auto block = [&](std::ptrdiff_t at) KESTRUNE_AVX2 {
     const __m256i first = halve(upper + 8 * at, lower + 8 * at);
     const __m256i second = halve(upper + 8 * at + 64, lower + 8 * at + 64);
     const __m256i sumCb =
@@ -90,7 +92,7 @@ KESTRUNE_AVX2 void chroma(const std::uint8_t* upper, const std::uint8_t* lower, 
 KESTRUNE_AVX2 void blend(const std::uint8_t* const* rows, const std::uint8_t* weights, int tapCount,
                          std::uint8_t* out, int count) {
   const __m256i round = _mm256_set1_epi16(ResampleTable::kWeightSum / 2);
-  const auto block = [&](int at) KESTRUNE_AVX2 {
+  const auto block = [&](std::ptrdiff_t at) KESTRUNE_AVX2 {
     __m256i low = round;
     __m256i high = round;
     for (int tap = 0; tap < tapCount; tap += 2) {
@@ -150,14 +152,14 @@ KESTRUNE_AVX2 void resample(const std::uint8_t* row, const ResampleTable& table,
 }
 
 KESTRUNE_AVX2 void interleave(const std::uint8_t* cb, const std::uint8_t* cr, std::uint8_t* cbcr, int count) {
-  int i = 0;
+  std::ptrdiff_t i = 0;
   for (; i + 16 <= count; i += 16) {
     const __m128i b = load16(cb + i);
     const __m128i r = load16(cr + i);
     _mm_storeu_si128(reinterpret_cast<__m128i*>(cbcr + 2 * i), _mm_unpacklo_epi8(b, r));
     _mm_storeu_si128(reinterpret_cast<__m128i*>(cbcr + 2 * i + 16), _mm_unpackhi_epi8(b, r));
   }
-  portableKernels().interleave(cb + i, cr + i, cbcr + 2 * i, count - i);
+  portableKernels().interleave(cb + i, cr + i, cbcr + 2 * i, count - static_cast<int>(i));
 }
 
 }  // namespace
