@@ -14,7 +14,7 @@ namespace {
 
 // A client that has not come to an event within this time reads a wrong symbol if the key is lent anew.
 // Terminals and toolkits handle events within a few milliseconds; a busy browser takes tens.
-constexpr Duration kSettlingTime = std::chrono::milliseconds(150);
+constexpr Duration kSettlingTime = std::chrono::milliseconds(250);
 // Enough for a text of 200 characters in a script of many signs to wait seldom, few enough to leave a full
 // keyboard alone.
 constexpr std::size_t kMostLentKeys = 64;
