@@ -111,12 +111,13 @@ void PulseAudioCapture::take(const void* data, std::size_t bytes, std::optional<
   const std::size_t pieceSize = frameSize * static_cast<std::size_t>(pieceFrames);
   if (bytes > pieceSize * kPiecesPerSecond) return;  // more than the server keeps
 
-  if (captureTime && !std::exchange(isTimelineMeasured_, true)) timeline_.restart();
-  // Without a measurement the last frame is taken to be of this moment.
-  std::int64_t time =
-      captureTime.value_or(std::chrono::duration_cast<std::chrono::microseconds>(monotonicNow()).count() -
-                           microseconds(frames(bytes)));
-  time -= microseconds(frames(gathered_.size()));
+  if (captureTime || !timeline_.hasBegun()) {
+    if (captureTime && !std::exchange(isTimelineMeasured_, true)) timeline_.restart();
+    // Without a measurement the last frame is taken to be of this moment.
+    const auto now = std::chrono::duration_cast<std::chrono::microseconds>(monotonicNow()).count();
+    const auto time = captureTime.value_or(now - microseconds(frames(bytes)));
+    timeline_.measured(time - microseconds(frames(gathered_.size())));
+  }
 
   const auto* first = static_cast<const std::uint8_t*>(data);
   if (first != nullptr) {
@@ -133,7 +134,7 @@ void PulseAudioCapture::take(const void* data, std::size_t bytes, std::optional<
                                 .sampleRate = format_.sampleRate,
                                 .channels = format_.channels};
     sample.frameCount = pieceFrames;
-    sample.presentationMicroseconds = timeline_.stamp(time + microseconds(frames(used)), pieceFrames);
+    sample.presentationMicroseconds = timeline_.stamp(pieceFrames);
     const auto begin = gathered_.begin() + static_cast<std::ptrdiff_t>(used);
     sample.data.assign(begin, begin + static_cast<std::ptrdiff_t>(pieceSize));
     receiver_->push(std::move(sample));

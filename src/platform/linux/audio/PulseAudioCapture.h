@@ -45,7 +45,7 @@ class PulseAudioCapture {
   };
 
   void run();
-  /// One turn of the connection's life; true if it may go on.
+  /// One turn of the connection's life.
   void superviseConnection();
   void connect();
   void reportOutage(const std::string& reason);

@@ -14,11 +14,13 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr Duration kSilenceLimit = 2s;      // of a server that should deliver; then it is asked
-constexpr Duration kAnswerLimit = 4s;       // for any answer
-constexpr Duration kStreamRetry = 500ms;    // after a stream was taken away
-constexpr int kFragmentMilliseconds = 20;   // that the server gathers before it sends
-constexpr int kMaximumMilliseconds = 1000;  // that the server keeps for a reader that is held up
+constexpr Duration kSilenceLimit = 2s;        // of a server that should deliver; then it is asked
+constexpr Duration kAnswerLimit = 4s;         // for any answer
+constexpr Duration kStreamRetry = 500ms;      // after a stream was taken away
+constexpr int kFragmentMilliseconds = 20;     // that the server gathers before it sends
+constexpr unsigned kFirstMeasurements = 10;   // of the delay, after each of the first fragments
+constexpr unsigned kMeasurementSpacing = 25;  // fragments from one to the next afterwards
+constexpr int kMaximumMilliseconds = 1000;    // that the server keeps for a reader that is held up
 /// Delays beyond it are errors of measurement.
 constexpr std::int64_t kPlausibleDelay = 5'000'000;
 
@@ -194,9 +196,10 @@ void PulseConnection::record(const std::string& sourceName) {
   buffer.maxlength = bytes(kMaximumMilliseconds);
   buffer.fragsize = bytes(kFragmentMilliseconds);
   // A server that moves streams when their source goes would move this one to a microphone.
-  const auto flags =
-      static_cast<pa_stream_flags_t>(PA_STREAM_DONT_MOVE | PA_STREAM_ADJUST_LATENCY |
-                                     PA_STREAM_INTERPOLATE_TIMING | PA_STREAM_AUTO_TIMING_UPDATE);
+  // The library's own interpolation needs a second to find the delay, and drags it: it is measured here.
+  const auto flags = static_cast<pa_stream_flags_t>(PA_STREAM_DONT_MOVE | PA_STREAM_ADJUST_LATENCY);
+  fragments_ = 0;
+  nextFrameTime_.reset();
   lastHeard_ = monotonicNow();
   if (pa_stream_connect_record(stream_.get(), sourceName.c_str(), &buffer, flags) < 0) {
     fail(pa_strerror(pa_context_errno(context_.get())));
@@ -208,25 +211,32 @@ void PulseConnection::record(const std::string& sourceName) {
 void PulseConnection::readAvailable() {
   lastHeard_ = monotonicNow();
   while (pa_stream_readable_size(stream_.get()) > 0) {
-    const auto captureTime = captureTimeOfNextFrame();
     const void* data = nullptr;
     std::size_t bytes = 0;
     if (pa_stream_peek(stream_.get(), &data, &bytes) < 0 || bytes == 0) return;
     hasDelivered_ = true;
-    receiver_(data, bytes, captureTime);
+    receiver_(data, bytes, std::exchange(nextFrameTime_, std::nullopt));
     pa_stream_drop(stream_.get());
   }
+  if (++fragments_ > kFirstMeasurements && fragments_ % kMeasurementSpacing != 0) return;
+  asked(pa_stream_update_timing_info(
+      stream_.get(),
+      [](pa_stream*, int succeeded, void* self) {
+        connection(self)->answered();
+        if (succeeded != 0) connection(self)->measureDelay();
+      },
+      this));
 }
 
 /// A monitor's delay includes what the sink has still to play and is then negative: a sound's time is when it
 /// is heard, as that of a picture is when it is seen.
-std::optional<std::int64_t> PulseConnection::captureTimeOfNextFrame() const {
+void PulseConnection::measureDelay() {
   pa_usec_t size = 0;
   int isNegative = 0;
-  if (pa_stream_get_latency(stream_.get(), &size, &isNegative) < 0) return std::nullopt;
+  if (pa_stream_get_latency(stream_.get(), &size, &isNegative) < 0) return;
   const auto delay = static_cast<std::int64_t>(std::min<pa_usec_t>(size, kPlausibleDelay));
   const auto now = std::chrono::duration_cast<std::chrono::microseconds>(monotonicNow()).count();
-  return isNegative != 0 ? now + delay : now - delay;
+  nextFrameTime_ = isNegative != 0 ? now + delay : now - delay;
 }
 
 }  // namespace kestrune::linux_platform

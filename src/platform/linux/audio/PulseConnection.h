@@ -25,8 +25,8 @@ class PulseConnection {
     int sampleRate = 48000;
     int channels = 2;
   };
-  /// Whole frames, or null for as many bytes of silence, and the capture time of the first: microseconds of
-  /// CLOCK_MONOTONIC, or absent while the server has not measured its delays yet.
+  /// Whole frames, or null for as many bytes of silence, and the capture time of the first in microseconds of
+  /// CLOCK_MONOTONIC where it was measured anew; else the frames follow those before.
   using Receiver =
       std::function<void(const void* data, std::size_t bytes, std::optional<std::int64_t> captureTime)>;
 
@@ -60,7 +60,7 @@ class PulseConnection {
   void sinkDescribed(const pa_sink_info* sink, int end);
   void record(const std::string& sourceName);
   void readAvailable();
-  std::optional<std::int64_t> captureTimeOfNextFrame() const;
+  void measureDelay();
   bool isWaitingForServer() const;
   /// Counts a request until its answer; a null operation is a failure of the connection.
   void asked(pa_operation* operation);
@@ -75,6 +75,8 @@ class PulseConnection {
   bool isLookupDue_ = false;
   bool hasDelivered_ = false;
   std::string sourceName_;
+  unsigned fragments_ = 0;  // that the stream has delivered
+  std::optional<std::int64_t> nextFrameTime_;
   Duration retryAt_{};  // not before it is a lost stream opened again
   std::unique_ptr<pa_context, ContextRelease> context_;
   std::unique_ptr<pa_stream, StreamRelease> stream_;
