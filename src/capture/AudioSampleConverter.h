@@ -2,7 +2,7 @@
 
 #include "coordination/model/MediaPackets.h"
 #include "coordination/model/StreamSettings.h"
-#include "platform/PixelBuffer.h"
+#include "platform/AudioSample.h"
 
 namespace kestrune {
 

@@ -23,6 +23,7 @@ class StoredTokenSource final : public ViewerTokenSource {
 ScreenCaptureService::Dependencies captureDependencies(const StreamCoordinatorDependencies& from) {
   ScreenCaptureService::Dependencies to;
   to.capture = from.screenCapture;
+  to.audioConverter = from.audioConverter;
   to.displays = from.displays;
   to.clock = from.clock;
   to.compression = from.compression;

@@ -71,17 +71,4 @@ struct VideoSample {
   std::int64_t durationMicroseconds = 0;
 };
 
-/// One piece of captured sound as the system delivered it.
-struct AudioSample {
-  enum class Format { signed16, signed24in32, signed32, unsigned8, float32 };
-  Format format = Format::float32;
-  bool isInterleaved = true;
-  int sampleRate = 48000;
-  int channels = 2;
-  int frameCount = 0;
-  /// Microseconds on the media clock of the first frame; absent: unknown.
-  std::optional<std::int64_t> presentationMicroseconds;
-  std::vector<std::uint8_t> data;
-};
-
 }  // namespace kestrune

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/AudioSample.h"
 #include "platform/Geometry.h"
 #include "platform/PixelBuffer.h"
 #include "runtime/SerialQueue.h"

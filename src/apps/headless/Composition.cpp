@@ -2,6 +2,9 @@
 
 #include "access/CredentialHelperClient.h"
 #include "access/TokenStore.h"
+#include "capture/PCMConverter.h"
+#include "platform/linux/audio/SoxrSampleRateConverter.h"
+#include "platform/linux/audio/SystemScreenCapture.h"
 #include "platform/linux/bundle/DirectoryBundle.h"
 #include "platform/linux/capture/X11ScreenCapture.h"
 #include "platform/linux/credentials/HelperCredentialConnector.h"
@@ -38,7 +41,9 @@ std::shared_ptr<StreamCoordinator> composeCoordinator(std::shared_ptr<SerialQueu
   dependencies.displays = displays;
   dependencies.inputEvents = std::make_shared<XTestInputEvents>();
   dependencies.network = std::make_shared<AsioNetwork>();
-  dependencies.screenCapture = std::make_shared<X11ScreenCapture>();
+  dependencies.screenCapture = std::make_shared<SystemScreenCapture>(std::make_shared<X11ScreenCapture>());
+  dependencies.audioConverter =
+      std::make_shared<PCMConverter>(std::make_shared<SoxrSampleRateConverterFactory>());
   dependencies.compression = std::make_shared<SoftwareCompressionSessionFactory>();
   dependencies.pixelTransfer = std::make_shared<LibyuvPixelTransferFactory>();
   dependencies.makeQueue = [](std::string label) { return std::make_shared<ThreadQueue>(std::move(label)); };

@@ -1,0 +1,28 @@
+# For the scripts that run a command beside servers of its own: a private folder, the servers' end, and signals.
+# Sourced, not run.
+
+private=$(mktemp -d)
+chmod 700 "$private"
+children=()
+
+end_private_session() {
+  [ ${#children[@]} -gt 0 ] && kill "${children[@]}" 2>/dev/null
+  wait 2>/dev/null
+  rm -rf "$private"
+}
+trap end_private_session EXIT
+
+# run_command COMMAND [ARGUMENT...]: SIGINT and SIGTERM go to the command, and its exit status is the script's.
+run_command() {
+  "$@" &
+  command=$!
+  trap 'kill -TERM "$command" 2>/dev/null' TERM
+  trap 'kill -INT "$command" 2>/dev/null' INT
+  # A trapped signal ends a wait early; the command may still be shutting down.
+  while :; do
+    wait "$command"
+    status=$?
+    kill -0 "$command" 2>/dev/null || break
+  done
+  exit "$status"
+}

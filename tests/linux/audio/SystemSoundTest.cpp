@@ -1,0 +1,280 @@
+#include <gtest/gtest.h>
+#include <time.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <fstream>
+#include <functional>
+
+#include "Tone.h"
+#include "capture/PCMConverter.h"
+#include "platform/linux/audio/SoxrSampleRateConverter.h"
+#include "platform/linux/audio/SystemScreenCapture.h"
+#include "runtime/ThreadQueue.h"
+#include "support/CapturedLog.h"
+#include "support/FakeScreenCapture.h"
+#include "support/SoundServerFixture.h"
+
+namespace kestrune::linux_platform {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::measure;
+using testing::SoundServer;
+using testing::tone;
+
+std::int64_t nowMicroseconds() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return now.tv_sec * 1'000'000LL + now.tv_nsec / 1000;
+}
+
+/// A stream of a picture that never changes, with sound, and what it delivered as chunks.
+class Listener {
+ public:
+  struct Heard {
+    AudioPCMChunk chunk;
+    std::int64_t arrival;  // microseconds, CLOCK_MONOTONIC
+  };
+
+  explicit Listener(const std::string& server, AudioChannelMode mode = AudioChannelMode::stereo)
+      : mode_(mode) {
+    SystemScreenCapture capture(pictures_, server);
+    configuration_.channelCount = channelCount(mode);
+    stream_ = capture.createStream({}, configuration_, {});
+    stream_->addAudioOutput(queue_, [this](const AudioSample& sample) { take(sample); });
+  }
+  ~Listener() {
+    stream_.reset();
+    queue_.reset();
+  }
+
+  ScreenStream& stream() { return *stream_; }
+  ScreenStreamConfiguration configuration() const { return configuration_; }
+  /// "" or the failure. The fake picture completes at once.
+  std::string start() {
+    std::string outcome = "no completion";
+    stream_->startCapture([&outcome](const std::exception_ptr& failure) {
+      outcome = failure ? localizedDescription(failure) : "";
+    });
+    return outcome;
+  }
+  void stop() {
+    stream_->stopCapture([](const std::exception_ptr&) {});
+  }
+  std::shared_ptr<FakeStreamRecord> picture() const { return pictures_->latest(); }
+
+  bool waitFor(const std::function<bool(const std::vector<Heard>&)>& condition,
+               std::chrono::seconds limit = 15s) {
+    std::unique_lock lock(lock_);
+    return changed_.wait_for(lock, limit, [&] { return condition(heard_); });
+  }
+  bool waitForCount(std::size_t count) {
+    return waitFor([count](const auto& heard) { return heard.size() >= count; });
+  }
+  /// Waits until the newest chunk is loud.
+  bool waitForSound() {
+    return waitFor([](const auto& heard) { return !heard.empty() && peak(heard.back().chunk) > 1000; });
+  }
+  std::vector<Heard> heard() const {
+    const std::lock_guard guard(lock_);
+    return heard_;
+  }
+  void forget() {
+    const std::lock_guard guard(lock_);
+    heard_.clear();
+  }
+  static int peak(const AudioPCMChunk& chunk) {
+    int highest = 0;
+    for (std::size_t i = 0; i < chunk.pcm.size(); i += 2)
+      highest = std::max(highest, std::abs(value(chunk, i)));
+    return highest;
+  }
+  static int value(const AudioPCMChunk& chunk, std::size_t byte) {
+    return static_cast<std::int16_t>(chunk.pcm[byte] | chunk.pcm[byte + 1] << 8);
+  }
+  /// One channel of all chunks, one behind the other.
+  static std::vector<double> channel(const std::vector<Heard>& heard, std::size_t channel) {
+    std::vector<double> samples;
+    for (const Heard& one : heard) {
+      const auto step = static_cast<std::size_t>(one.chunk.channels) * 2;
+      for (std::size_t i = channel * 2; i < one.chunk.pcm.size(); i += step)
+        samples.push_back(value(one.chunk, i));
+    }
+    return samples;
+  }
+
+ private:
+  void take(const AudioSample& sample) {
+    auto chunk = converter_.convert(sample, mode_);
+    const std::lock_guard guard(lock_);
+    heard_.push_back({std::move(chunk), nowMicroseconds()});
+    changed_.notify_all();
+  }
+
+  const AudioChannelMode mode_;
+  PCMConverter converter_{std::make_shared<SoxrSampleRateConverterFactory>()};
+  mutable std::mutex lock_;  // guards heard_
+  std::condition_variable changed_;
+  std::vector<Heard> heard_;
+  std::shared_ptr<FakeScreenCapture> pictures_ = std::make_shared<FakeScreenCapture>();
+  ScreenStreamConfiguration configuration_;
+  std::shared_ptr<SerialQueue> queue_ = std::make_shared<ThreadQueue>("audio");
+  std::unique_ptr<ScreenStream> stream_;
+};
+
+class SystemSoundTest : public ::testing::Test {
+ protected:
+  SystemSoundTest() {
+    const std::size_t frames = 60UL * 48000;
+    testing::writeStereo(file(), tone(440, 0.5, frames), tone(1000, 0.25, frames));
+  }
+  std::filesystem::path file() const { return server.folder() / "tone"; }
+
+  CapturedLog log;
+  SoundServer server;
+};
+
+TEST_F(SystemSoundTest, AToneComesOutAsItWentInAndInTime) {
+  Listener listener(server.address());
+  ASSERT_EQ(listener.start(), "");
+  server.play("first", file());
+  ASSERT_TRUE(listener.waitForSound());
+  ASSERT_TRUE(listener.waitForCount(listener.heard().size() + 50));  // the delays are known well by now
+  listener.forget();
+  ASSERT_TRUE(listener.waitForCount(300));
+  const auto heard = listener.heard();
+
+  for (const std::size_t channel : {0U, 1U}) {
+    const auto samples = Listener::channel(heard, channel);
+    const auto result = measure(samples, channel == 0 ? 440 : 1000);
+    EXPECT_NEAR(result.amplitude, (channel == 0 ? 0.5 : 0.25) * 32767, 4);
+    EXPECT_LT(result.worstSeam, 4);
+    EXPECT_LT(measure(samples, channel == 0 ? 1000 : 440).amplitude, 4);  // the channels are not mixed
+  }
+  for (std::size_t i = 0; i < heard.size(); ++i) {
+    const auto time = static_cast<std::int64_t>(heard[i].chunk.captureTimeMicroseconds);
+    EXPECT_EQ(heard[i].chunk.frameCount, 960);
+    // Heard within this time around its arrival: in the near future if the sink has still to play it.
+    EXPECT_NEAR(static_cast<double>(heard[i].arrival - time), 0, 60'000);
+    if (i == 0) continue;
+    const auto before = static_cast<std::int64_t>(heard[i - 1].chunk.captureTimeMicroseconds);
+    EXPECT_NEAR(static_cast<double>(time - before), 20'000, 1'500);
+  }
+}
+
+TEST_F(SystemSoundTest, MonoIsTheMeanAndAChangedConfigurationIsTakenUp) {
+  Listener listener(server.address(), AudioChannelMode::mono);
+  ASSERT_EQ(listener.start(), "");
+  server.play("first", file());
+  ASSERT_TRUE(listener.waitForSound());
+  auto configuration = listener.configuration();
+  configuration.sampleRate = 44100;
+  configuration.channelCount = 2;
+  listener.stream().updateConfiguration(configuration,
+                                        [](const std::exception_ptr& failure) { EXPECT_FALSE(failure); });
+  listener.forget();
+  ASSERT_TRUE(listener.waitForSound());
+  ASSERT_TRUE(listener.waitForCount(listener.heard().size() + 50));
+  listener.forget();
+  ASSERT_TRUE(listener.waitForCount(50));
+  const auto samples = Listener::channel(listener.heard(), 0);
+  EXPECT_NEAR(measure(samples, 440).amplitude, 0.25 * 32767, 40);
+  EXPECT_NEAR(measure(samples, 1000).amplitude, 0.125 * 32767, 40);
+}
+
+TEST_F(SystemSoundTest, FollowsTheDefaultSinkAndOutlivesIt) {
+  Listener listener(server.address());
+  ASSERT_EQ(listener.start(), "");
+  ASSERT_TRUE(listener.waitForCount(5));
+  ASSERT_EQ(server.control({"load-module", "module-null-sink", "sink_name=second", "rate=44100"}), 0);
+  server.play("second", file());
+  ASSERT_EQ(server.control({"set-default-sink", "second"}), 0);
+  EXPECT_TRUE(listener.waitForSound());
+  // With its sink gone the sound goes on, of the sink that is left.
+  ASSERT_EQ(server.control({"unload-module", "module-null-sink"}), 0);
+  ASSERT_EQ(server.control({"load-module", "module-null-sink", "sink_name=third"}), 0);
+  listener.forget();
+  server.play("third", file());
+  EXPECT_TRUE(listener.waitForSound());
+  EXPECT_TRUE(log.contains("info [Audio] System sound is recorded from third.monitor"));
+}
+
+TEST_F(SystemSoundTest, OutlivesARestartOfTheServer) {
+  Listener listener(server.address());
+  ASSERT_EQ(listener.start(), "");
+  ASSERT_TRUE(listener.waitForCount(5));
+  const auto last = listener.heard().back().chunk.captureTimeMicroseconds;
+  server.end();
+  server.start();
+  listener.forget();
+  server.play("first", file());
+  ASSERT_TRUE(listener.waitForSound());
+  EXPECT_GE(listener.heard().front().chunk.captureTimeMicroseconds, last);
+  const auto lines = log.lines();
+  EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
+                          [](const auto& line) { return line.find("No system sound") != std::string::npos; }),
+            1);
+}
+
+TEST_F(SystemSoundTest, AFrozenServerIsLeftAndTakenUpAgain) {
+  Listener listener(server.address());
+  ASSERT_EQ(listener.start(), "");
+  ASSERT_TRUE(listener.waitForCount(5));
+  server.freeze();
+  const auto limit = std::chrono::steady_clock::now() + 12s;
+  while (!log.mentions("the sound server does not answer") && std::chrono::steady_clock::now() < limit) {
+    listener.waitFor([](const auto&) { return false; }, 1s);
+  }
+  EXPECT_TRUE(log.mentions("the sound server does not answer"));
+  // Nothing waits for such a server: a stream starts and ends beside it.
+  const auto begin = std::chrono::steady_clock::now();
+  {
+    Listener other(server.address());
+    EXPECT_EQ(other.start(), "");
+    other.stop();
+  }
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, 500ms);
+  server.thaw();
+  listener.forget();
+  EXPECT_TRUE(listener.waitForCount(5));
+}
+
+TEST_F(SystemSoundTest, AMissingServerIsNoFailureAndIsWaitedFor) {
+  server.end();
+  Listener listener(server.address());
+  EXPECT_EQ(listener.start(), "");
+  server.start();
+  EXPECT_TRUE(listener.waitForCount(5));
+}
+
+TEST_F(SystemSoundTest, SoundRunsExactlyAsLongAsThePicture) {
+  Listener failing(server.address());
+  failing.picture()->outcomes.push_back(std::make_exception_ptr(std::runtime_error("no picture")));
+  EXPECT_EQ(failing.start(), "no picture");
+
+  Listener ended(server.address());
+  ASSERT_EQ(ended.start(), "");
+  ASSERT_TRUE(ended.waitForCount(5));
+  ended.picture()->onStopped(nullptr);  // the picture ends by itself
+
+  Listener silent(server.address());
+  auto configuration = silent.configuration();
+  configuration.capturesAudio = false;
+  ASSERT_EQ(silent.start(), "");
+  silent.stream().updateConfiguration(configuration, [](const std::exception_ptr&) {});
+  silent.stop();
+
+  Listener stopped(server.address());
+  ASSERT_EQ(stopped.start(), "");
+  ASSERT_TRUE(stopped.waitForCount(5));
+  stopped.stop();
+  Listener running(server.address());  // the others are silent for as long as this one has sound
+  ASSERT_EQ(running.start(), "");
+  for (Listener* one : {&failing, &ended, &silent, &stopped}) one->forget();
+  ASSERT_TRUE(running.waitForCount(25));
+  for (Listener* one : {&failing, &ended, &silent, &stopped}) EXPECT_LE(one->heard().size(), 1U);
+}
+
+}  // namespace
+}  // namespace kestrune::linux_platform
