@@ -8,7 +8,7 @@ import { Sound } from './audio-runtime.js';
 import { SmoothedValue } from './decoder-clock.js';
 import { VideoPipeline, makePresenter } from './video-runtime.js';
 import { canDecodeHevc } from './webcodecs-hevc.js';
-import { StatisticsPanel, capabilityReport, missingCapabilities, telemetryMessage } from './reporting.js';
+import { StatisticsPanel, capabilityReport, diagnosticsRows, missingCapabilities, soundRows, telemetryMessage } from './reporting.js';
 import { KeyboardInput, StageInput, ViewerInterface } from './viewer-ui.js';
 
 const TOKEN_KEY = 'kestrune.token';
@@ -526,7 +526,7 @@ class Viewer {
       ['Picture', video.width ? `${video.width} × ${video.height}` : '–'],
       ['Codec', video.codecString || '–'],
       ['Decoder', video.label || '–'],
-      ['Queue', this.model.mode === 'video' ? `${video.depth.depthMs.toFixed(0)} ms` : 'none'],
+      ['Queue', this.model.mode === 'video' ? `${video.waitMilliseconds.toFixed(0)} ms` : 'none'],
       ['Presented by', presenter.name],
       ['Reconnects', String(this.connection ? this.connection.reconnects : 0)],
     ];
@@ -557,45 +557,12 @@ class Viewer {
       mode: this.model.mode,
       connected: this.model.phase === 'connected',
       reconnects: this.connection ? this.connection.reconnects : 0,
-      queueMilliseconds: video ? video.depth.depthMs : 0,
+      queueMilliseconds: video ? video.waitMilliseconds : 0,
       latencyMilliseconds: this.shownLatency,
       audio: this.sound.facts,
       lipSyncMilliseconds: this.lipSync.get(),
     };
   }
-}
-
-const SOUND_WORDS = {
-  off: 'off', locked: 'waits for a tap', interrupted: 'interrupted', muted: 'muted', buffering: 'waiting for sound',
-  playing: 'playing', unsupported: 'not possible here',
-};
-
-function soundRows(sound, lipSync) {
-  const playing = sound.state === 'playing';
-  const when = (text) => (playing ? text : '–');
-  return [
-    ['Sound', null],
-    ['State', SOUND_WORDS[sound.state]],
-    ['Sound buffer', when(`${sound.bufferMilliseconds.toFixed(0)} ms, reserve ${sound.targetMilliseconds.toFixed(0)}`)],
-    ['Sound drift', when(`${sound.driftMilliseconds.toFixed(0)} ms, speed ${(sound.correction * 1000).toFixed(1)} ‰`)],
-    ['Picture behind sound', when(`${lipSync.toFixed(0)} ms`)],
-    ['Ran dry / gaps', `${sound.underruns} / ${sound.gaps}`],
-  ];
-}
-
-function diagnosticsRows(host) {
-  const number = (value, digits) => (Number.isFinite(value) ? value.toFixed(digits) : '–');
-  return [
-    ['Host', null],
-    ['Capture', `${number(host.captureFPS, 1)} of ${number(host.captureTargetFPS, 0)} /s`],
-    ['Encode', `${number(host.encodeFPS, 1)} /s`],
-    ['Bit rate', `${number(host.bitRateMbps, 2)} Mbit/s`],
-    ['Captured / encoded', `${number(host.capturedFrames, 0)} / ${number(host.encodedFrames, 0)}`],
-    ['Dropped at capture', number(host.captureDroppedFrames, 0)],
-    ['Dropped for the network', number(host.networkDroppedFrames, 0)],
-    ['Waiting: encoder / server', `${number(host.encoderPendingFrames, 0)} / ${number(host.serverPendingFrames, 0)}`],
-    ['Display', host.captureMode === 'virtualDisplay' ? 'virtual' : 'physical'],
-  ];
 }
 
 const viewer = new Viewer();

@@ -170,6 +170,41 @@ function drawGrid(context, box, { top, line, text }) {
   }
 }
 
+const SOUND_WORDS = {
+  off: 'off', locked: 'waits for a tap', interrupted: 'interrupted', muted: 'muted', buffering: 'waiting for sound',
+  playing: 'playing', unsupported: 'not possible here',
+};
+
+/** Rows of the panel about the sound. */
+export function soundRows(sound, lipSync) {
+  const playing = sound.state === 'playing';
+  const when = (text) => (playing ? text : '–');
+  return [
+    ['Sound', null],
+    ['State', SOUND_WORDS[sound.state]],
+    ['Sound buffer', when(`${sound.bufferMilliseconds.toFixed(0)} ms, reserve ${sound.targetMilliseconds.toFixed(0)}`)],
+    ['Sound drift', when(`${sound.driftMilliseconds.toFixed(0)} ms, speed ${(sound.correction * 1000).toFixed(1)} ‰`)],
+    ['Picture behind sound', when(`${lipSync.toFixed(0)} ms`)],
+    ['Ran dry / gaps', `${sound.underruns} / ${sound.gaps}`],
+  ];
+}
+
+/** Rows of the panel about what the host says of itself. */
+export function diagnosticsRows(host) {
+  const number = (value, digits) => (Number.isFinite(value) ? value.toFixed(digits) : '–');
+  return [
+    ['Host', null],
+    ['Capture', `${number(host.captureFPS, 1)} of ${number(host.captureTargetFPS, 0)} /s`],
+    ['Encode', `${number(host.encodeFPS, 1)} /s`],
+    ['Bit rate', `${number(host.bitRateMbps, 2)} Mbit/s`],
+    ['Captured / encoded', `${number(host.capturedFrames, 0)} / ${number(host.encodedFrames, 0)}`],
+    ['Dropped at capture', number(host.captureDroppedFrames, 0)],
+    ['Dropped for the network', number(host.networkDroppedFrames, 0)],
+    ['Waiting: encoder / server', `${number(host.encoderPendingFrames, 0)} / ${number(host.serverPendingFrames, 0)}`],
+    ['Display', host.captureMode === 'virtualDisplay' ? 'virtual' : 'physical'],
+  ];
+}
+
 /** The first of a few round numbers at or above every value. */
 export function axisTop(values, least) {
   const most = Math.max(least, ...values);

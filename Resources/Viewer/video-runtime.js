@@ -99,6 +99,11 @@ export class VideoPipeline {
     this.releaseHeld(Infinity);
   }
 
+  /** How long a picture of an even road waits, for its queue and for its sound. */
+  get waitMilliseconds() {
+    return this.depth.depthMs + this.hold.holdMs;
+  }
+
   get queuedMilliseconds() {
     if (this.held.length < 2) return 0;
     return (this.held[this.held.length - 1].frame.timestamp - this.held[0].frame.timestamp) / 1000;
