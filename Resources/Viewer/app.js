@@ -3,13 +3,16 @@
  */
 
 import { InputOutbox, control } from './control-protocol.js';
-import { Connection, streamAddress } from './wire-runtime.js';
+import { AudioPoll, Connection, streamAddress } from './wire-runtime.js';
+import { Sound } from './audio-runtime.js';
+import { SmoothedValue } from './decoder-clock.js';
 import { VideoPipeline, makePresenter } from './video-runtime.js';
 import { canDecodeHevc } from './webcodecs-hevc.js';
-import { StatisticsPanel, capabilityReport, missingCapabilities, telemetryMessage } from './reporting.js';
+import { StatisticsPanel, capabilityReport, diagnosticsRows, missingCapabilities, soundRows, telemetryMessage } from './reporting.js';
 import { KeyboardInput, StageInput, ViewerInterface } from './viewer-ui.js';
 
 const TOKEN_KEY = 'kestrune.token';
+const FRESH_EDGE_MS = 500;
 const TOKEN_FORM = /^[A-Za-z0-9_-]{43}$/;
 const byId = (id) => document.getElementById(id);
 
@@ -69,17 +72,25 @@ class Viewer {
     this.diagnostics = null;
     this.settings = null;
     this.capabilities = null;
-    this.second = { fps: 0, latency: 0, dropped: 0, kilobits: 0 }; // the last one
+    this.second = { fps: 0, latency: 0, dropped: 0, megabits: 0 }; // the last one
+    this.sound = new Sound({
+      onChange: () => this.ui.renderSound(this.sound.state),
+      onReady: (ready) => this.soundReady(ready),
+    });
+    this.poll = null;
+    this.edge = { sequence: 0, at: -Infinity }; // the newest chunk of sound, as the host said last
+    this.edgeAsked = false;
+    this.lipSync = new SmoothedValue(); // how much later than its sound a picture is seen, milliseconds
     this.shownAt = -Infinity;
     this.shownLatency = 0;
     this.awaitedFrameSince = null; // when a frame was asked for that has to come
     this.startAsked = false;
     this.wakeLock = null;
     this.wakeLockAsked = false;
-    this.counted = { shown: 0, dropped: 0, bytes: 0 };
+    this.counted = { shown: 0, dropped: 0, bytes: 0, underruns: 0, lost: 0 };
     this.hooks = { onFrameDecoded: null, onFrameShown: null };
     this.ui = new ViewerInterface((action, value) => this.act(action, value));
-    this.panel = new StatisticsPanel({ plot: byId('plot'), figures: byId('figures') });
+    this.panel = new StatisticsPanel(byId);
     this.outbox = new InputOutbox({
       send: (message) => this.send(message),
       now: () => performance.now(),
@@ -100,6 +111,8 @@ class Viewer {
       onCodecUnusable: (codec) => this.codecUnusable(codec),
       onDecoded: (frame, receivedAt, decodedAt) => this.decoded(frame, receivedAt, decodedAt),
     });
+    this.video.soundOffset = () => this.sound.offset;
+    this.ui.renderSound(this.sound.state);
     this.watchPage();
     setInterval(() => this.everySecond(), 1000);
     capabilityReport(window, canDecodeHevc).then((report) => {
@@ -111,7 +124,9 @@ class Viewer {
   useToken(token) {
     this.model.hasToken = token !== null;
     if (this.connection) this.connection.stop();
+    if (this.poll) this.poll.stop();
     if (token) {
+      this.poll = new AudioPoll(token, { onBatch: (batch) => this.sound.feed(batch), onUnauthorized: () => this.ui.toast('The computer refuses its sound.', 'bad') });
       this.connection = new Connection(streamAddress(window.location), token, {
         onPhase: (phase, details) => this.phaseChanged(phase, details),
         onMessage: (message) => this.received(message),
@@ -151,11 +166,13 @@ class Viewer {
       this.stageInput.cancel();
     }
     if (phase === 'unauthorized') rememberToken(null);
+    this.updateSound();
     this.updateWakeLock();
     this.render();
   }
 
   received(message) {
+    if (Number.isSafeInteger(message.audioSequence)) this.soundEdge(message);
     const handlers = {
       streamSettings: () => this.settingsChanged(message),
       streamState: () => this.streamStateChanged(message),
@@ -190,6 +207,7 @@ class Viewer {
       this.outbox.clear();
     }
     this.startWhenSeen();
+    this.updateSound();
     this.updateWakeLock();
     this.render();
   }
@@ -204,6 +222,7 @@ class Viewer {
     if (mode !== 'video' && mode !== 'control') return;
     this.model.mode = mode;
     this.video.setVideoMode(mode === 'video');
+    this.updateSound();
     if (mode === 'video') {
       this.keyboard.toggle(false);
       this.outbox.clear();
@@ -218,6 +237,41 @@ class Viewer {
       if (success) this.ui.toast(success);
     } else {
       this.ui.toast(RESULT_WORDS[result] || RESULT_WORDS.eventFailed, 'bad');
+    }
+  }
+
+  // The sound
+
+  updateSound() {
+    const { phase, stream, mode } = this.model;
+    this.sound.setWanted(phase === 'connected' && stream.state === 'streaming' && mode === 'video');
+  }
+
+  /** Sound can be played from now on: where the live edge is has just been said, or is asked for. */
+  soundReady(ready) {
+    if (!this.poll) return;
+    this.edgeAsked = false;
+    if (!ready) {
+      this.poll.stop();
+    } else if (performance.now() - this.edge.at < FRESH_EDGE_MS) {
+      this.poll.start(this.edge.sequence);
+    } else {
+      this.edgeAsked = this.settings !== null && this.send(control.askSettings(this.settings.quality, this.settings.fps));
+    }
+  }
+
+  /** The host told the number of its newest chunk. */
+  soundEdge({ type, result, audioSequence }) {
+    this.edge = { sequence: audioSequence, at: performance.now() };
+    if (!this.sound.ready) return;
+    const toggled = type === 'playPauseResult' && result === 'clicked';
+    if (this.edgeAsked || toggled || type === 'authenticated') {
+      // What was on its way belongs to before the pause.
+      this.edgeAsked = false;
+      this.sound.jump();
+      this.poll.start(audioSequence);
+    } else if (this.poll.edge(audioSequence)) {
+      this.sound.jump();
     }
   }
 
@@ -236,6 +290,9 @@ class Viewer {
   shown(info) {
     this.shownAt = info.shownAt;
     this.shownLatency = this.video.clock.latency(info.timestamp, info.shownAt);
+    const seenAt = info.metadata ? info.metadata.expectedDisplayTime : info.shownAt;
+    this.video.displayTime.add(Math.min(60, Math.max(0, seenAt - info.decodedAt)));
+    if (this.sound.offset !== null) this.lipSync.add(seenAt - info.timestamp / 1000 - this.sound.offset);
     if (this.hooks.onFrameShown) this.hooks.onFrameShown(info);
   }
 
@@ -266,6 +323,8 @@ class Viewer {
       modeVideo: () => this.requestMode('video'),
       modeControl: () => this.requestMode('control'),
       keyboard: () => this.keyboard.toggle(),
+      sound: () => this.soundPressed(),
+      unlockSound: () => this.sound.resume(),
       statistics: () => this.toggleStatistics(),
       copyReport: () => this.copyReport(),
       pageFullscreen: () => this.togglePageFullscreen(),
@@ -273,6 +332,12 @@ class Viewer {
       token: () => this.tokenEntered(value),
     };
     return actions[action]();
+  }
+
+  /** While the browser holds the sound back the button only frees it. */
+  soundPressed() {
+    if (this.sound.state === 'locked' || this.sound.state === 'interrupted') this.sound.resume();
+    else this.sound.toggleMute();
   }
 
   requestMode(mode) {
@@ -327,6 +392,10 @@ class Viewer {
     };
     window.addEventListener('blur', release);
     window.addEventListener('pagehide', release);
+    // Any of these may count as the gesture that the browser waits for.
+    for (const gesture of ['pointerdown', 'pointerup', 'keydown']) {
+      document.addEventListener(gesture, () => this.sound.resume(), { capture: true, passive: true });
+    }
     window.addEventListener('online', () => this.connection && this.connection.retryNow());
     window.addEventListener('hashchange', () => {
       const token = takeToken();
@@ -351,6 +420,7 @@ class Viewer {
 
   /** A hidden page may have been starved of frames: start from a fresh one, and make sure that it comes. */
   cameBack() {
+    this.sound.resume();
     if (!this.connection) return;
     this.connection.retryNow();
     this.startWhenSeen();
@@ -384,31 +454,64 @@ class Viewer {
 
   everySecond() {
     const now = performance.now();
-    const { video, presenter, counted } = this;
+    const { video } = this;
     video.watch(now);
     if (this.awaitedFrameSince !== null && now - this.awaitedFrameSince > 2500) {
       this.awaitedFrameSince = now;
       video.keyframes.request(now);
     }
-    const dropped = video.counters.dropped + presenter.replaced;
-    const second = {
-      fps: presenter.shown - counted.shown,
-      latency: now - this.shownAt < 1500 ? this.shownLatency : 0,
-      dropped: dropped - counted.dropped,
-      kilobits: ((video.counters.bytes - counted.bytes) * 8) / 1000,
-    };
-    this.counted = { shown: presenter.shown, dropped, bytes: video.counters.bytes };
+    this.tendSound();
+    const second = this.measureSecond(now);
     this.second = second;
     this.panel.add(second);
     if (this.model.phase === 'connected') {
+      const { bufferMilliseconds, driftMilliseconds } = this.sound.facts;
       this.send(telemetryMessage({
         viewerFPS: second.fps,
         decodeMilliseconds: video.decodeTime.get(),
         videoBufferMilliseconds: video.queuedMilliseconds,
+        audioBufferMilliseconds: bufferMilliseconds,
+        audioDriftMilliseconds: driftMilliseconds,
         reconnects: this.connection.reconnects,
       }));
     }
     if (!byId('statistics').hidden) this.showStatistics();
+  }
+
+  /** Keeps sound and picture together, and sound going. */
+  tendSound() {
+    const { sound, poll, video } = this;
+    if (!sound.ready) return;
+    const behind = video.behindPicture();
+    sound.waitForPicture(behind === null ? 0 : -behind);
+    // The answer with the live edge did not come.
+    if (!poll.active && !poll.refused && !this.edgeAsked) poll.start(this.edge.sequence);
+    this.edgeAsked = false;
+  }
+
+  measureSecond(now) {
+    const { video, presenter, counted, diagnostics: host } = this;
+    const sound = this.sound.facts;
+    const total = {
+      shown: presenter.shown,
+      dropped: video.counters.dropped + presenter.replaced,
+      bytes: video.counters.bytes,
+      underruns: sound.underruns,
+      lost: host ? host.networkDroppedFrames : 0,
+    };
+    this.counted = total;
+    return {
+      fps: total.shown - counted.shown,
+      latency: now - this.shownAt < 1500 ? this.shownLatency : 0,
+      dropped: total.dropped - counted.dropped,
+      megabits: ((total.bytes - counted.bytes) * 8) / 1e6,
+      underruns: total.underruns - counted.underruns,
+      soundBuffer: sound.state === 'playing' ? sound.bufferMilliseconds : NaN,
+      captureFPS: host ? host.captureFPS : NaN,
+      encodeFPS: host ? host.encodeFPS : NaN,
+      hostMegabits: host ? host.bitRateMbps : NaN,
+      lost: total.lost - counted.lost,
+    };
   }
 
   showStatistics() {
@@ -419,14 +522,15 @@ class Viewer {
       ['Latency estimate', `${second.latency.toFixed(0)} ms`],
       ['Round trip', video.clock.roundTripMs === null ? '–' : `${video.clock.roundTripMs.toFixed(1)} ms`],
       ['Dropped here', String(video.counters.dropped + presenter.replaced)],
-      ['Received', `${(second.kilobits / 1000).toFixed(2)} Mbit/s`],
+      ['Received', `${second.megabits.toFixed(2)} Mbit/s`],
       ['Picture', video.width ? `${video.width} × ${video.height}` : '–'],
       ['Codec', video.codecString || '–'],
       ['Decoder', video.label || '–'],
-      ['Queue', this.model.mode === 'video' ? `${video.depth.depthMs.toFixed(0)} ms` : 'none'],
+      ['Queue', this.model.mode === 'video' ? `${video.waitMilliseconds.toFixed(0)} ms` : 'none'],
       ['Presented by', presenter.name],
       ['Reconnects', String(this.connection ? this.connection.reconnects : 0)],
     ];
+    rows.push(...soundRows(this.sound.facts, this.lipSync.get()));
     if (diagnostics) rows.push(...diagnosticsRows(diagnostics));
     this.panel.show(rows);
   }
@@ -453,25 +557,12 @@ class Viewer {
       mode: this.model.mode,
       connected: this.model.phase === 'connected',
       reconnects: this.connection ? this.connection.reconnects : 0,
-      queueMilliseconds: video ? video.depth.depthMs : 0,
+      queueMilliseconds: video ? video.waitMilliseconds : 0,
       latencyMilliseconds: this.shownLatency,
+      audio: this.sound.facts,
+      lipSyncMilliseconds: this.lipSync.get(),
     };
   }
-}
-
-function diagnosticsRows(host) {
-  const number = (value, digits) => (Number.isFinite(value) ? value.toFixed(digits) : '–');
-  return [
-    ['Host', null],
-    ['Capture', `${number(host.captureFPS, 1)} of ${number(host.captureTargetFPS, 0)} /s`],
-    ['Encode', `${number(host.encodeFPS, 1)} /s`],
-    ['Bit rate', `${number(host.bitRateMbps, 2)} Mbit/s`],
-    ['Captured / encoded', `${number(host.capturedFrames, 0)} / ${number(host.encodedFrames, 0)}`],
-    ['Dropped at capture', number(host.captureDroppedFrames, 0)],
-    ['Dropped for the network', number(host.networkDroppedFrames, 0)],
-    ['Waiting: encoder / server', `${number(host.encoderPendingFrames, 0)} / ${number(host.serverPendingFrames, 0)}`],
-    ['Display', host.captureMode === 'virtualDisplay' ? 'virtual' : 'physical'],
-  ];
 }
 
 const viewer = new Viewer();
@@ -484,6 +575,9 @@ const viewer = new Viewer();
  *   stats            counters, see Viewer.stats
  *   onFrameDecoded   (videoFrame, receivedAtMs, decodedAtMs); must not keep or close the frame
  *   onFrameShown     ({timestamp, receivedAt, decodedAt, shownAt, metadata, element}); timestamp in the host's microseconds
+ *   audio            {state, bufferMilliseconds, targetMilliseconds, driftMilliseconds, correction, underruns, gaps}
+ *   audioAnalyser    the AnalyserNode in front of the loudspeaker, or null before there is sound
+ *   audioOffset      performance.now() minus the host's milliseconds of what is heard now; null while nothing is
  *   sendControl(o)   sends one control message; whether it went out
  */
 window.kestruneViewer = {
@@ -496,6 +590,9 @@ window.kestruneViewer = {
   get onFrameDecoded() { return viewer.hooks.onFrameDecoded; },
   set onFrameShown(hook) { viewer.hooks.onFrameShown = hook; },
   get onFrameShown() { return viewer.hooks.onFrameShown; },
+  get audio() { return viewer.sound.facts; },
+  get audioAnalyser() { return viewer.sound.analyser || null; },
+  get audioOffset() { return viewer.sound.offset; },
   sendControl: (message) => viewer.send(message),
 };
 

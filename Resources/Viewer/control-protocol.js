@@ -34,6 +34,8 @@ export const control = {
   scroll: (dx, dy) => ({ type: 'scroll', dx, dy }),
   text: (text) => ({ type: 'text', text }),
   key: (key) => ({ type: 'key', key }),
+  /** Changes nothing: the host answers with its own settings and its newest number of a chunk of sound. */
+  askSettings: (quality, fps) => ({ type: 'streamSettings', quality, fps }),
   simple: (type) => ({ type }),
 };
 

@@ -6,7 +6,9 @@
 const PLOT_SECONDS = 60;
 
 /** The host drops telemetry as a whole if a field is missing or a whole number has a fraction. */
-export function telemetryMessage({ viewerFPS, decodeMilliseconds, videoBufferMilliseconds, reconnects }) {
+export function telemetryMessage({
+  viewerFPS, decodeMilliseconds, videoBufferMilliseconds, audioBufferMilliseconds, audioDriftMilliseconds, reconnects,
+}) {
   const whole = (value) => (Number.isFinite(value) ? Math.round(value) : 0);
   const real = (value) => (Number.isFinite(value) ? value : 0);
   return {
@@ -14,8 +16,8 @@ export function telemetryMessage({ viewerFPS, decodeMilliseconds, videoBufferMil
     viewerFPS: real(viewerFPS),
     decodeMilliseconds: real(decodeMilliseconds),
     videoBufferMilliseconds: whole(videoBufferMilliseconds),
-    audioBufferMilliseconds: 0,
-    audioDriftMilliseconds: 0,
+    audioBufferMilliseconds: whole(audioBufferMilliseconds),
+    audioDriftMilliseconds: whole(audioDriftMilliseconds),
     reconnects: whole(reconnects),
     videoBufferRebuildTargetMilliseconds: 5000,
   };
@@ -51,21 +53,33 @@ export async function capabilityReport(scope, canDecodeHevc) {
     trackGenerator: has('MediaStreamTrackGenerator') || has('VideoTrackGenerator'),
     frameCallback: has('HTMLVideoElement') && 'requestVideoFrameCallback' in scope.HTMLVideoElement.prototype,
     wakeLock: 'wakeLock' in scope.navigator,
+    audioWorklet: has('AudioWorkletNode'),
     segmenter: typeof Intl !== 'undefined' && 'Segmenter' in Intl,
     touchPoints: scope.navigator.maxTouchPoints || 0,
   };
 }
 
-/** The panel of figures and the plot of the last minute. */
+/**
+ * The curves of the last minute: what the host says of itself and what is measured here, side by side. `field` names a
+ * value of a sample; `marks` are ticks at the bottom for seconds in which that value is not 0.
+ */
+const PLOTS = [
+  { id: 'plot-frames', least: 30, curves: [{ field: 'captureFPS', colour: '--line-capture' }, { field: 'encodeFPS', colour: '--line-encode' }, { field: 'fps', colour: '--accent' }], marks: 'dropped' },
+  { id: 'plot-times', least: 40, curves: [{ field: 'soundBuffer', colour: '--good' }, { field: 'latency', colour: '--wait' }], marks: 'underruns' },
+  { id: 'plot-rates', least: 2, curves: [{ field: 'hostMegabits', colour: '--line-encode' }, { field: 'megabits', colour: '--accent' }], marks: 'lost' },
+];
+
+/** The panel of figures and the plots of the last minute. */
 export class StatisticsPanel {
-  constructor({ plot, figures }) {
-    this.plot = plot;
-    this.figures = figures;
-    this.samples = []; // one a second: {fps, latency, dropped}
+  /** @param {(id: string) => Element} byId */
+  constructor(byId) {
+    this.figures = byId('figures');
+    this.plots = PLOTS.map((plot) => ({ ...plot, canvas: byId(plot.id) }));
+    this.samples = []; // one a second, the fields as in PLOTS
     this.rows = new Map();
   }
 
-  /** @param {{fps: number, latency: number, dropped: number}} sample  `dropped` in this second */
+  /** @param {object} sample the values of the last second; one that is not known is NaN */
   add(sample) {
     this.samples.push(sample);
     if (this.samples.length > PLOT_SECONDS) this.samples.shift();
@@ -79,7 +93,7 @@ export class StatisticsPanel {
       const cell = this.rows.get(label);
       if (cell && cell.textContent !== value) cell.textContent = value;
     }
-    this.draw();
+    for (const plot of this.plots) drawPlot(plot, this.samples);
   }
 
   build(rows, signature) {
@@ -99,65 +113,101 @@ export class StatisticsPanel {
       this.rows.set(label, cell);
     }
   }
+}
 
-  draw() {
-    const { plot, samples } = this;
-    const ratio = window.devicePixelRatio || 1;
-    const width = plot.clientWidth;
-    const height = plot.clientHeight;
-    if (width === 0) return;
-    plot.width = Math.round(width * ratio);
-    plot.height = Math.round(height * ratio);
-    const context = plot.getContext('2d');
-    context.scale(ratio, ratio);
-    const style = getComputedStyle(document.documentElement);
-    const colour = (name) => style.getPropertyValue(name).trim();
-    const box = { left: 24, right: width - 28, top: 8, bottom: height - 8 };
-    const fpsTop = axisTop(samples.map((sample) => sample.fps), 30);
-    const latencyTop = axisTop(samples.map((sample) => sample.latency), 40);
-    this.drawGrid(context, box, { fpsTop, latencyTop, line: colour('--line'), text: colour('--quiet') });
-    const x = (index) => box.right - ((samples.length - 1 - index) * (box.right - box.left)) / (PLOT_SECONDS - 1);
-    context.fillStyle = colour('--bad');
+function drawPlot({ canvas, least, curves, marks }, samples) {
+  const ratio = window.devicePixelRatio || 1;
+  const width = canvas.clientWidth;
+  const height = canvas.clientHeight;
+  if (width === 0) return;
+  canvas.width = Math.round(width * ratio);
+  canvas.height = Math.round(height * ratio);
+  const context = canvas.getContext('2d');
+  context.scale(ratio, ratio);
+  const style = getComputedStyle(document.documentElement);
+  const colour = (name) => style.getPropertyValue(name).trim();
+  const box = { left: 28, right: width - 6, top: 8, bottom: height - 8 };
+  const values = curves.flatMap(({ field }) => samples.map((sample) => sample[field]));
+  const top = axisTop(values.filter(Number.isFinite), least);
+  drawGrid(context, box, { top, line: colour('--line'), text: colour('--quiet') });
+  const x = (index) => box.right - ((samples.length - 1 - index) * (box.right - box.left)) / (PLOT_SECONDS - 1);
+  context.fillStyle = colour('--bad');
+  samples.forEach((sample, index) => {
+    if (sample[marks] > 0) context.fillRect(x(index) - 1, box.bottom - 5, 3, 5);
+  });
+  for (const { field, colour: name } of curves) {
+    context.beginPath();
+    let drawing = false;
     samples.forEach((sample, index) => {
-      if (sample.dropped > 0) context.fillRect(x(index) - 1, box.bottom - 5, 3, 5);
+      const value = sample[field];
+      const y = box.bottom - (Math.min(value, top) / top) * (box.bottom - box.top);
+      if (!Number.isFinite(value)) drawing = false;
+      else if (drawing) context.lineTo(x(index), y);
+      else context.moveTo(x(index), y);
+      drawing = Number.isFinite(value);
     });
-    const line = (value, top, stroke) => {
-      context.beginPath();
-      samples.forEach((sample, index) => {
-        context.lineTo(x(index), box.bottom - (Math.min(value(sample), top) / top) * (box.bottom - box.top));
-      });
-      context.strokeStyle = stroke;
-      context.lineWidth = 1.6;
-      context.lineJoin = 'round';
-      context.stroke();
-    };
-    line((sample) => sample.latency, latencyTop, colour('--wait'));
-    line((sample) => sample.fps, fpsTop, colour('--accent'));
+    context.strokeStyle = colour(name);
+    context.lineWidth = 1.6;
+    context.lineJoin = 'round';
+    context.stroke();
   }
+}
 
-  drawGrid(context, box, { fpsTop, latencyTop, line, text }) {
-    context.font = '10px system-ui, sans-serif';
-    context.textBaseline = 'middle';
-    context.lineWidth = 1;
-    for (const part of [0, 0.5, 1]) {
-      const y = Math.round(box.bottom - part * (box.bottom - box.top)) + 0.5;
-      context.strokeStyle = line;
-      context.beginPath();
-      context.moveTo(box.left, y);
-      context.lineTo(box.right, y);
-      context.stroke();
-      context.fillStyle = text;
-      context.textAlign = 'right';
-      context.fillText(String(Math.round(part * fpsTop)), box.left - 5, y);
-      context.textAlign = 'left';
-      context.fillText(String(Math.round(part * latencyTop)), box.right + 5, y);
-    }
+function drawGrid(context, box, { top, line, text }) {
+  context.font = '10px system-ui, sans-serif';
+  context.textBaseline = 'middle';
+  context.textAlign = 'right';
+  context.lineWidth = 1;
+  for (const part of [0, 0.5, 1]) {
+    const y = Math.round(box.bottom - part * (box.bottom - box.top)) + 0.5;
+    context.strokeStyle = line;
+    context.beginPath();
+    context.moveTo(box.left, y);
+    context.lineTo(box.right, y);
+    context.stroke();
+    context.fillStyle = text;
+    context.fillText(String(part * top), box.left - 5, y);
   }
+}
+
+const SOUND_WORDS = {
+  off: 'off', locked: 'waits for a tap', interrupted: 'interrupted', muted: 'muted', buffering: 'waiting for sound',
+  playing: 'playing', unsupported: 'not possible here',
+};
+
+/** Rows of the panel about the sound. */
+export function soundRows(sound, lipSync) {
+  const playing = sound.state === 'playing';
+  const when = (text) => (playing ? text : '–');
+  return [
+    ['Sound', null],
+    ['State', SOUND_WORDS[sound.state]],
+    ['Sound buffer', when(`${sound.bufferMilliseconds.toFixed(0)} ms, reserve ${sound.targetMilliseconds.toFixed(0)}`)],
+    ['Sound drift', when(`${sound.driftMilliseconds.toFixed(0)} ms, speed ${(sound.correction * 1000).toFixed(1)} ‰`)],
+    ['Picture behind sound', when(`${lipSync.toFixed(0)} ms`)],
+    ['Ran dry / gaps', `${sound.underruns} / ${sound.gaps}`],
+  ];
+}
+
+/** Rows of the panel about what the host says of itself. */
+export function diagnosticsRows(host) {
+  const number = (value, digits) => (Number.isFinite(value) ? value.toFixed(digits) : '–');
+  return [
+    ['Host', null],
+    ['Capture', `${number(host.captureFPS, 1)} of ${number(host.captureTargetFPS, 0)} /s`],
+    ['Encode', `${number(host.encodeFPS, 1)} /s`],
+    ['Bit rate', `${number(host.bitRateMbps, 2)} Mbit/s`],
+    ['Captured / encoded', `${number(host.capturedFrames, 0)} / ${number(host.encodedFrames, 0)}`],
+    ['Dropped at capture', number(host.captureDroppedFrames, 0)],
+    ['Dropped for the network', number(host.networkDroppedFrames, 0)],
+    ['Waiting: encoder / server', `${number(host.encoderPendingFrames, 0)} / ${number(host.serverPendingFrames, 0)}`],
+    ['Display', host.captureMode === 'virtualDisplay' ? 'virtual' : 'physical'],
+  ];
 }
 
 /** The first of a few round numbers at or above every value. */
 export function axisTop(values, least) {
   const most = Math.max(least, ...values);
-  const steps = [10, 20, 30, 40, 60, 80, 100, 150, 200, 300, 500, 1000, 2000, 5000];
+  const steps = [2, 4, 10, 20, 30, 40, 60, 80, 100, 150, 200, 300, 500, 1000, 2000, 5000];
   return steps.find((step) => step >= most) || most;
 }

@@ -3,14 +3,14 @@
  *
  * In control mode a frame is decoded as it comes and only the newest decoded picture is shown. In video mode encoded
  * frames wait in a short queue whose depth follows the jitter of the road; they wait encoded, because a decoded picture
- * costs megabytes and some decoders have only a few of them.
+ * costs megabytes and some decoders have only a few of them. While sound is heard, they wait until its time has come.
  *
  * Decoding runs on the page's thread on purpose: the decoder itself works elsewhere in the browser, and one more hop to
  * a worker and back adds delay to every frame without taking any load that matters from this thread.
  */
 
 import { ClockOffsetFilter, RateMeter, SmoothedValue } from './decoder-clock.js';
-import { KeyframeRequests, QueueDepth, decoderIsBehind } from './adaptive-quality.js';
+import { KeyframeRequests, PictureHold, QueueDepth, decoderIsBehind } from './adaptive-quality.js';
 import { describeH264, parseVideoFrame } from './wire-protocol.js';
 import { describeHevc } from './webcodecs-hevc.js';
 
@@ -62,6 +62,9 @@ export class VideoPipeline {
     this.keyframes = new KeyframeRequests(events.requestKeyframe);
     this.decodedRate = new RateMeter();
     this.decodeTime = new SmoothedValue();
+    this.displayTime = new SmoothedValue(); // from the decoder to the screen
+    this.hold = new PictureHold();
+    this.soundOffset = () => null; // when the sound of a presentation time is heard, in the terms of `clock.offset`
     this.counters = { received: 0, decoded: 0, dropped: 0, bytes: 0, decodeErrors: 0 };
     this.generation = 0; // of the decoder; late callbacks of an older one are ignored
     this.softwareOnly = false;
@@ -96,6 +99,11 @@ export class VideoPipeline {
     this.releaseHeld(Infinity);
   }
 
+  /** How long a picture of an even road waits, for its queue and for its sound. */
+  get waitMilliseconds() {
+    return this.depth.depthMs + this.hold.holdMs;
+  }
+
   get queuedMilliseconds() {
     if (this.held.length < 2) return 0;
     return (this.held[this.held.length - 1].frame.timestamp - this.held[0].frame.timestamp) / 1000;
@@ -114,11 +122,20 @@ export class VideoPipeline {
       this.feed(frame);
       return;
     }
-    const due = this.clock.expectedArrival(frame.timestamp) + this.depth.add(lateness, nowMs);
+    const depth = this.depth.add(lateness, nowMs);
+    const hold = this.hold.update(this.behindPicture(depth), nowMs);
+    const due = this.clock.expectedArrival(frame.timestamp) + depth + hold;
     const previous = this.held.length > 0 ? this.held[this.held.length - 1].due : -Infinity;
     this.held.push({ frame, due: Math.max(due, previous) });
     if (this.held.length > HELD_LIMIT) this.releaseHeld(Infinity);
     else this.releaseHeld(nowMs);
+  }
+
+  /** How much later the sound is heard than the picture would be seen by itself; null without sound. */
+  behindPicture(depth = this.depth.depthMs) {
+    const sound = this.soundOffset();
+    if (sound === null || this.clock.offset === null) return null;
+    return sound - (this.clock.offset + depth + this.decodeTime.get() + this.displayTime.get());
   }
 
   releaseHeld(nowMs) {

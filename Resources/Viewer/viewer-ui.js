@@ -86,6 +86,19 @@ export function statusFor(model) {
   return { armed: ['Standing by', 'idle'], starting: ['Starting', 'wait'], streaming: ['Live', 'good'], error: ['Error', 'bad'] }[model.stream.state];
 }
 
+/** What the dock and the prompt say of the sound. Pure. */
+export function soundFor(state) {
+  const muted = { icon: 'muted', pressed: true, label: 'Unmute', word: 'Muted', prompt: null };
+  const sounding = { icon: 'sound', pressed: false, label: 'Mute', word: 'Sound', prompt: null };
+  switch (state) {
+    case 'muted': return muted;
+    case 'locked': return { ...sounding, icon: 'muted', label: 'Turn the sound on', prompt: 'Tap for sound' };
+    case 'interrupted': return { ...sounding, icon: 'muted', label: 'Turn the sound on', prompt: 'Sound was interrupted. Tap to go on' };
+    case 'unsupported': return { ...muted, label: 'This browser cannot play the sound', word: 'No sound', disabled: true };
+    default: return sounding;
+  }
+}
+
 /** Elements that only show. Wishes of the user arrive at `act(name)`. */
 export class ViewerInterface {
   constructor(act) {
@@ -101,6 +114,7 @@ export class ViewerInterface {
       'mode-video': 'modeVideo', 'mode-control': 'modeControl', 'play-pause': 'playPause', 'host-fullscreen': 'fullscreen',
       'open-browser': 'openChrome', 'page-fullscreen': 'pageFullscreen', 'show-statistics': 'statistics',
       'close-statistics': 'statistics', 'copy-report': 'copyReport', 'dock-handle': 'dock', keyboard: 'keyboard',
+      sound: 'sound', 'sound-prompt': 'unlockSound',
     };
     for (const [id, action] of Object.entries(buttons)) byId(id).addEventListener('click', () => act(action));
     for (const id of ['card-primary', 'card-secondary']) {
@@ -135,6 +149,19 @@ export class ViewerInterface {
     for (const id of ['mode-video', 'mode-control', 'open-browser', 'reset-browser']) byId(id).disabled = !connected;
     for (const id of ['play-pause', 'host-fullscreen', 'keyboard']) byId(id).disabled = !live;
     this.placeCursor();
+  }
+
+  renderSound(state) {
+    const { icon, pressed, label, word, prompt, disabled } = soundFor(state);
+    const button = byId('sound');
+    byId('sound-icon').setAttribute('href', `#i-${icon}`);
+    button.setAttribute('aria-pressed', String(pressed));
+    button.setAttribute('aria-label', label);
+    button.title = label;
+    button.disabled = disabled === true;
+    setText(byId('sound-word'), word);
+    byId('sound-prompt').hidden = prompt === null;
+    if (prompt) setText(byId('sound-prompt-text'), prompt);
   }
 
   renderCard(card) {

@@ -1,5 +1,5 @@
 /**
- * The bytes of the media frames and of the H.264 stream inside them.
+ * The bytes of the media frames and of the H.264 stream inside them, and the headers of a batch of sound.
  *
  * A binary message is one frame body: one byte of flags, eight bytes of presentation time (big-endian microseconds of
  * the host's clock), then one access unit in Annex B form (ITU-T H.264 Annex B) with the parameter sets in front of
@@ -26,6 +26,43 @@ export function parseVideoFrame(body) {
     timestamp,
     payload: new Uint8Array(body, FRAME_HEADER_BYTES),
   };
+}
+
+/** The bounds of what a batch of sound may say about itself, generous and finite. */
+const AUDIO_RATES = [8000, 384000];
+const MOST_AUDIO_CHANNELS = 32;
+export const LARGEST_AUDIO_BATCH = 4 * 1024 * 1024;
+
+/** A decimal header without sign that a double holds exactly, or null. */
+function wholeHeader(headers, name) {
+  const text = headers.get(name);
+  if (text === null || !/^[0-9]{1,20}$/.test(text.trim())) return null;
+  const value = Number(text);
+  return Number.isSafeInteger(value) ? value : null;
+}
+
+/** The number of the newest chunk in an answer of the audio route, or null. */
+export function audioSequenceOf(headers) {
+  return wholeHeader(headers, 'X-Audio-Sequence');
+}
+
+/**
+ * One batch of sound: interleaved samples, 16 bits, low byte first.
+ * @param {{get(name: string): string | null}} headers
+ * @param {ArrayBuffer} body
+ * @returns {{pts: number, rate: number, channels: number, frames: number, samples: Int16Array} | null} null for what
+ *   cannot be played; `pts` in microseconds of the host's clock belongs to the first frame
+ */
+export function parseAudioBatch(headers, body) {
+  const pts = wholeHeader(headers, 'X-Audio-PTS');
+  const rate = wholeHeader(headers, 'X-Audio-Sample-Rate');
+  const channels = wholeHeader(headers, 'X-Audio-Channels');
+  if (headers.get('X-Audio-Format') !== 's16le' || pts === null) return null;
+  if (!(rate >= AUDIO_RATES[0] && rate <= AUDIO_RATES[1] && channels >= 1 && channels <= MOST_AUDIO_CHANNELS)) return null;
+  // The body says best how many frames there are; a torn last frame is cut off.
+  const frames = Math.floor(body.byteLength / (2 * channels));
+  if (frames === 0 || body.byteLength > LARGEST_AUDIO_BATCH) return null;
+  return { pts, rate, channels, frames, samples: new Int16Array(body, 0, frames * channels) };
 }
 
 /**

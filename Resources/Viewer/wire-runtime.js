@@ -1,8 +1,10 @@
 /**
- * The connection: one WebSocket after another, authentication, liveness and the policy of reconnecting.
+ * The connection: one WebSocket after another, authentication, liveness and the policy of reconnecting; and beside it the
+ * long polls that fetch the sound.
  */
 
 import { control } from './control-protocol.js';
+import { LARGEST_AUDIO_BATCH, audioSequenceOf, parseAudioBatch } from './wire-protocol.js';
 
 const PING_INTERVAL_MS = 2000;
 const MISSED_ANSWERS = 2;
@@ -197,5 +199,136 @@ export class Connection {
     if (!socket) return;
     socket.onopen = socket.onmessage = socket.onclose = null;
     socket.close();
+  }
+}
+
+const FIRST_POLL_DELAY_MS = 250;
+const LONGEST_POLL_DELAY_MS = 8000;
+const REFUSED_PAUSE_SECONDS = 60;
+const POLL_TIMEOUT_MS = 20000; // the host answers within 10 s, with or without sound
+const QUICKEST_EMPTY_ANSWER_MS = 1000;
+const FAR_BEHIND_CHUNKS = 40;
+
+/**
+ * How long to wait after a poll that failed, in milliseconds; null if there is no use in asking again. Pure.
+ * @param {number} status of the answer, 0 without one
+ * @param {string | null} retryAfter the header of that name, in seconds
+ */
+export function pollRetryDelay(status, retryAfter, failures, random = Math.random) {
+  if (status === 401 || status === 403) return null;
+  if (status === 429) return 1000 * (/^[0-9]{1,4}$/.test(retryAfter || '') ? Number(retryAfter) : REFUSED_PAUSE_SECONDS);
+  const delay = Math.min(LONGEST_POLL_DELAY_MS, FIRST_POLL_DELAY_MS * 2 ** Math.min(failures, 16));
+  return delay / 2 + (random() * delay) / 2;
+}
+
+const browserIO = {
+  fetch: (...parameters) => fetch(...parameters),
+  now: () => performance.now(),
+  delay: (callback, milliseconds) => setTimeout(callback, milliseconds),
+  cancel: (timer) => clearTimeout(timer),
+};
+
+/**
+ * Fetches the sound: one long poll after another, each for what follows the last chunk. Batches go to
+ * `handlers.onBatch(batch)`; `handlers.onUnauthorized()` ends it.
+ */
+export class AudioPoll {
+  constructor(token, handlers, io = browserIO) {
+    this.token = token;
+    this.handlers = handlers;
+    this.io = io;
+    this.after = 0;
+    this.active = false;
+    this.refused = false; // the token is not accepted
+    this.failures = 0;
+    this.abort = null;
+    this.timer = null;
+  }
+
+  /** Begins behind this chunk; a poll that waits for another place is given up. */
+  start(after) {
+    this.stop();
+    this.active = true;
+    this.after = after;
+    this.failures = 0;
+    this.poll();
+  }
+
+  stop() {
+    this.active = false;
+    this.io.cancel(this.timer);
+    if (this.abort) this.abort.abort();
+    this.abort = null;
+  }
+
+  /**
+   * The host says what its newest chunk is. Sound on its way is not thrown away for that.
+   * @returns {boolean} whether the poll moved there: far behind it, or beyond it because the numbers began anew
+   */
+  edge(sequence) {
+    if (!this.active || (sequence >= this.after && sequence - this.after <= FAR_BEHIND_CHUNKS)) return false;
+    this.start(sequence);
+    return true;
+  }
+
+  async poll() {
+    const abort = new AbortController();
+    this.abort = abort;
+    const begun = this.io.now();
+    const timeout = this.io.delay(() => abort.abort(), POLL_TIMEOUT_MS);
+    let status = 0;
+    let retryAfter = null;
+    let good = false;
+    try {
+      const response = await this.io.fetch(`/audio?after=${this.after}`, {
+        headers: { Authorization: `Bearer ${this.token}` }, cache: 'no-store', credentials: 'omit', redirect: 'error', signal: abort.signal,
+      });
+      ({ status } = response);
+      retryAfter = response.headers.get('Retry-After');
+      if (status === 200 && Number(response.headers.get('Content-Length')) <= LARGEST_AUDIO_BATCH) {
+        const body = await response.arrayBuffer();
+        if (this.abort !== abort) return;
+        good = this.take(response.headers, body);
+      } else if (status === 204 && this.abort === abort) {
+        good = this.io.now() - begun >= QUICKEST_EMPTY_ANSWER_MS;
+        const newest = audioSequenceOf(response.headers);
+        // Only downwards: a chunk may have come between the host's look and its answer.
+        if (newest !== null && newest < this.after) this.after = newest;
+      } else {
+        abort.abort();
+      }
+    } catch (error) {
+      // Aborted, or the host is not there; the page's connection finds out which.
+    } finally {
+      this.io.cancel(timeout);
+    }
+    if (this.abort === abort) this.next(good, status, retryAfter);
+  }
+
+  /** @returns {boolean} whether this was sound that follows what we had */
+  take(headers, body) {
+    const sequence = audioSequenceOf(headers);
+    if (sequence === null) return false;
+    const forward = sequence > this.after;
+    this.after = sequence;
+    const batch = parseAudioBatch(headers, body);
+    if (!batch || !forward) return false;
+    this.handlers.onBatch(batch);
+    return this.active;
+  }
+
+  next(good, status, retryAfter) {
+    if (!this.active) return;
+    this.failures = good ? 0 : this.failures + 1;
+    const delay = good ? 0 : pollRetryDelay(status, retryAfter, this.failures - 1);
+    if (delay === null) {
+      this.stop();
+      this.refused = true;
+      this.handlers.onUnauthorized();
+    } else if (good) {
+      this.poll();
+    } else {
+      this.timer = this.io.delay(() => this.poll(), delay);
+    }
   }
 }

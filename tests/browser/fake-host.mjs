@@ -1,7 +1,7 @@
 /**
  * A host for the viewer page alone: serves the page with the real content security policy, speaks the greeting and the
- * answers of the control protocol, and sends an H.264 stream of a test picture that ffmpeg encodes as it goes.
- * What the page sends is recorded in `received`.
+ * answers of the control protocol, sends an H.264 stream of a test picture that ffmpeg encodes as it goes, and has a
+ * tone to be polled. What the page sends is recorded in `received`.
  */
 
 import { spawn } from 'node:child_process';
@@ -17,6 +17,56 @@ const POLICY = "default-src 'self'; script-src 'self' 'unsafe-eval' 'wasm-unsafe
 const TYPES = { html: 'text/html; charset=utf-8', js: 'text/javascript; charset=utf-8', css: 'text/css; charset=utf-8' };
 
 export const TOKEN = 'AAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA';
+
+const RATE = 48000;
+const CHUNK_FRAMES = 960; // 20 ms
+const STORED_CHUNKS = 150;
+const nowMicroseconds = () => Number(process.hrtime.bigint() / 1000n);
+const sleep = (milliseconds) => new Promise((resolve) => setTimeout(resolve, milliseconds));
+
+/** A tone without end, of which chunk n begins n - 1 chunks after the construction. Stereo. */
+export class Tone {
+  constructor(frequency = 440) {
+    this.frequency = frequency;
+    this.startedAt = nowMicroseconds();
+    this.lost = new Set(); // numbers of chunks that are never given out
+  }
+
+  get latest() {
+    return Math.floor((nowMicroseconds() - this.startedAt) / (CHUNK_FRAMES * 1e6 / RATE));
+  }
+
+  /** Loses the next chunks. */
+  lose(count) {
+    const { latest } = this;
+    for (let i = 1; i <= count; i++) this.lost.add(latest + i);
+  }
+
+  chunksAfter(after, limit) {
+    const { latest } = this;
+    const numbers = [];
+    for (let n = Math.max(after + 1, latest - STORED_CHUNKS + 1); n <= latest && numbers.length < limit; n++) {
+      if (!this.lost.has(n)) numbers.push(n);
+      else if (numbers.length > 0) break;
+    }
+    return numbers;
+  }
+
+  pcm(numbers) {
+    const bytes = Buffer.alloc(numbers.length * CHUNK_FRAMES * 4);
+    for (let i = 0; i < numbers.length * CHUNK_FRAMES; i++) {
+      const time = ((numbers[0] - 1) * CHUNK_FRAMES + i) / RATE;
+      const value = Math.round(16000 * Math.sin(2 * Math.PI * this.frequency * time));
+      bytes.writeInt16LE(value, i * 4);
+      bytes.writeInt16LE(value, i * 4 + 2);
+    }
+    return bytes;
+  }
+
+  ptsOf(number) {
+    return this.startedAt + Math.round(((number - 1) * CHUNK_FRAMES * 1e6) / RATE);
+  }
+}
 
 /** Splits an Annex B byte stream into access units at the access unit delimiters. */
 function* accessUnits(state, chunk) {
@@ -39,6 +89,9 @@ export class FakeHost {
   constructor({ size = '1600x900', rate = 30, source, codec = 'h264', state = 'armed', port = 0 } = {}) {
     Object.assign(this, { size, rate, source, codec, state, port });
     this.received = [];
+    this.tone = new Tone();
+    this.polls = []; // {after, authorized}
+    this.audioStatus = null; // answers polls with this instead
     this.viewer = null;
     this.controlMode = false;
     this.refuse = null; // [code, reason] for the next authentication
@@ -66,6 +119,11 @@ export class FakeHost {
   }
 
   async serve(request, response) {
+    const url = new URL(request.url, 'http://localhost');
+    if (url.pathname === '/audio') {
+      await this.servePoll(request, response, Number(url.searchParams.get('after')));
+      return;
+    }
     const name = request.url === '/' ? 'index.html' : request.url.slice(1);
     if (!/^[a-z-]+\.(html|js|css)$/.test(name)) {
       response.writeHead(request.url === '/favicon.ico' ? 204 : 404).end();
@@ -79,6 +137,35 @@ export class FakeHost {
     } catch {
       response.writeHead(404).end();
     }
+  }
+
+  /** A long poll as the host answers it: 10 chunks at once, fewer after 0.25 s, nothing after 10 s. */
+  async servePoll(request, response, after) {
+    const authorized = request.headers.authorization === `Bearer ${TOKEN}`;
+    this.polls.push({ after, authorized });
+    const refusal = authorized ? this.audioStatus : 401;
+    if (refusal) {
+      response.writeHead(refusal, { 'Content-Type': 'text/plain', 'Cache-Control': 'no-store', Connection: 'close' }).end('No');
+      return;
+    }
+    const begun = Date.now();
+    let numbers = [];
+    for (; !response.destroyed; await sleep(20)) {
+      numbers = this.tone.chunksAfter(after, 10);
+      const waited = Date.now() - begun;
+      if (numbers.length === 10 || (numbers.length > 0 && waited >= 250) || waited >= 10000) break;
+    }
+    const common = { 'Cache-Control': 'no-store', Connection: 'close' };
+    if (numbers.length === 0) {
+      response.writeHead(204, { ...common, 'X-Audio-Sequence': this.tone.latest }).end();
+      return;
+    }
+    const body = this.tone.pcm(numbers);
+    response.writeHead(200, {
+      ...common, 'Content-Type': 'application/octet-stream', 'Content-Length': body.length, 'X-Audio-Sequence': numbers[numbers.length - 1],
+      'X-Audio-PTS': this.tone.ptsOf(numbers[0]), 'X-Audio-Sample-Rate': RATE, 'X-Audio-Channels': 2,
+      'X-Audio-Frames': numbers.length * CHUNK_FRAMES, 'X-Audio-Format': 's16le',
+    }).end(body);
   }
 
   connected(socket) {
@@ -110,7 +197,7 @@ export class FakeHost {
     if (this.viewer) this.viewer.close(4001, 'Replaced by newer viewer');
     this.viewer = socket;
     this.controlMode = false;
-    this.send({ type: 'authenticated', audioSequence: 0 });
+    this.send({ type: 'authenticated', audioSequence: this.tone.latest });
     this.sendSettings(false);
     this.send({ type: 'cursorState', visible: true, x: 0.5, y: 0.5 });
     this.sendState(this.state);
@@ -122,7 +209,7 @@ export class FakeHost {
   }
 
   sendSettings(reconfigured) {
-    this.send({ type: 'streamSettings', quality: 'balanced', fps: 60, codec: this.codec, reconfigured, audioSequence: 0 });
+    this.send({ type: 'streamSettings', quality: 'balanced', fps: 60, codec: this.codec, reconfigured, audioSequence: this.tone.latest });
   }
 
   sendState(state, message) {
@@ -131,18 +218,22 @@ export class FakeHost {
   }
 
   answer(message) {
-    const results = { playPause: 'playPauseResult', fullscreen: 'fullscreenResult', openChrome: 'openChromeResult', resetBrowser: 'resetBrowserResult' };
+    const results = { fullscreen: 'fullscreenResult', openChrome: 'openChromeResult', resetBrowser: 'resetBrowserResult' };
     switch (message.type) {
       case 'ping': this.send({ type: 'pong' }); break;
       case 'mode':
         this.controlMode = message.mode === 'control';
-        this.send({ type: 'mode', mode: message.mode, audioSequence: 0 });
+        this.send({ type: 'mode', mode: message.mode, audioSequence: this.tone.latest });
         break;
       case 'startStream':
         this.sendState('starting');
         this.startEncoder();
         this.sendState('streaming');
         break;
+      case 'playPause':
+        this.send({ type: 'playPauseResult', result: 'clicked', audioSequence: this.tone.latest });
+        break;
+      case 'streamSettings': this.sendSettings(false); break;
       case 'codecFallback':
         this.codec = 'h264';
         this.sendSettings(true);
@@ -177,7 +268,7 @@ export class FakeHost {
     if (!this.viewer || this.mute) return;
     const header = Buffer.alloc(9);
     header[0] = keyframe ? 1 : 0;
-    header.writeBigUInt64BE(process.hrtime.bigint() / 1000n, 1);
+    header.writeBigUInt64BE(BigInt(nowMicroseconds()), 1);
     this.viewer.send(Buffer.concat([header, payload]));
   }
 }

@@ -92,10 +92,10 @@ test('key frames are asked for at most every 0.8 s, and a lagging decoder is not
 });
 
 test('telemetry is complete and whole where it has to be', () => {
-  const message = telemetryMessage({ viewerFPS: 59.7, decodeMilliseconds: NaN, videoBufferMilliseconds: 12.6, reconnects: 2 });
+  const message = telemetryMessage({ viewerFPS: 59.7, decodeMilliseconds: NaN, videoBufferMilliseconds: 12.6, audioBufferMilliseconds: 240.4, audioDriftMilliseconds: -3.6, reconnects: 2 });
   assert.deepEqual(message, {
-    type: 'telemetry', viewerFPS: 59.7, decodeMilliseconds: 0, videoBufferMilliseconds: 13, audioBufferMilliseconds: 0,
-    audioDriftMilliseconds: 0, reconnects: 2, videoBufferRebuildTargetMilliseconds: 5000,
+    type: 'telemetry', viewerFPS: 59.7, decodeMilliseconds: 0, videoBufferMilliseconds: 13, audioBufferMilliseconds: 240,
+    audioDriftMilliseconds: -4, reconnects: 2, videoBufferRebuildTargetMilliseconds: 5000,
   });
 });
 
