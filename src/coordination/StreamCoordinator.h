@@ -47,7 +47,7 @@ struct StreamCoordinatorDependencies {
   std::shared_ptr<Network> network;
   std::shared_ptr<ScreenCapture> screenCapture;
   std::shared_ptr<AudioSampleConverter> audioConverter;  // may be absent: then there is no sound
-  std::shared_ptr<ContentSharingPicker> picker;  // may be null
+  std::shared_ptr<ContentSharingPicker> picker;          // may be null
   std::shared_ptr<CompressionSessionFactory> compression;
   std::shared_ptr<PixelTransferFactory> pixelTransfer;
   /// Makes the queues of capture and encoding.

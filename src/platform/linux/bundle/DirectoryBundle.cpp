@@ -80,7 +80,7 @@ DirectoryBundle::Table readStrings(const fs::path& resources, const std::string&
 
 }  // namespace
 
-DirectoryBundle::DirectoryBundle(fs::path resources, Table information, Table strings)
+DirectoryBundle::DirectoryBundle(const fs::path& resources, Table information, Table strings)
     : resources_(canonicalOrEmpty(resources)),
       information_(std::move(information)),
       strings_(std::move(strings)) {}

@@ -13,7 +13,7 @@ class DirectoryBundle final : public Bundle {
   using Table = std::map<std::string, std::string, std::less<>>;
 
   /// `strings` maps the English texts to those of the user's language.
-  DirectoryBundle(std::filesystem::path resources, Table information, Table strings = {});
+  DirectoryBundle(const std::filesystem::path& resources, Table information, Table strings = {});
 
   /// The bundle of the program whose executable is in `executableDirectory`. Info.json, a flat object of
   /// texts, stands beside the executable or in the resources. The resources are the directory that it names

@@ -73,6 +73,7 @@ HelperProcess::HelperProcess(const std::filesystem::path& executable) {
 
   std::vector<std::string> environment = helperEnvironment();
   std::vector<char*> environmentPointers;
+  environmentPointers.reserve(environment.size() + 1);
   for (auto& entry : environment) environmentPointers.push_back(entry.data());
   environmentPointers.push_back(nullptr);
   std::string name = executable.filename().string();

@@ -99,7 +99,7 @@ void PrivateDirectory::write(const std::string& name, ByteView bytes) const {
 
 std::string PrivateDirectory::setAside(const std::string& name, const std::string& suffix) const {
   for (int number = 0; number < kMostSetAside; ++number) {
-    const std::string aside = name + suffix + (number == 0 ? "" : "." + std::to_string(number));
+    std::string aside = name + suffix + (number == 0 ? "" : "." + std::to_string(number));
     if (renameat2(directory_.get(), name.c_str(), directory_.get(), aside.c_str(), RENAME_NOREPLACE) == 0) {
       return aside;
     }

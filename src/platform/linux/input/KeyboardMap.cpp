@@ -109,7 +109,7 @@ bool KeyboardMap::refresh() {
 }
 
 std::vector<xcb_keysym_t> KeyboardMap::symbolsOf(xcb_keycode_t code) const {
-  const auto first = symbols_.begin() + (code - firstCode_) * symbolsPerCode_;
+  const auto first = symbols_.begin() + std::ptrdiff_t{code - firstCode_} * symbolsPerCode_;
   return {first, first + symbolsPerCode_};
 }
 

@@ -88,8 +88,7 @@ std::optional<PreferenceValue> JsonPreferences::value(std::string_view key) cons
 }
 
 void JsonPreferences::set(std::string_view key, PreferenceValue value) {
-  const JsonValue changed =
-      std::visit([](auto&& held) { return JsonValue(std::move(held)); }, std::move(value));
+  const JsonValue changed = std::visit([](auto& held) { return JsonValue(std::move(held)); }, value);
   std::lock_guard guard(lock_);
   auto& members = table_->members;
   const auto isKey = [&](const auto& member) { return member.first == key; };

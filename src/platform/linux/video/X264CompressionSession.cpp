@@ -164,8 +164,9 @@ SoftwareCompressionSession::Encoded X264CompressionSession::encodePicture(const 
 }
 
 void X264CompressionSession::markChanges(const std::vector<PixelRect>& changed) {
-  macroblockInfo_.assign(static_cast<std::size_t>(macroblockColumns_ * macroblockRows_),
-                         X264_MBINFO_CONSTANT);
+  macroblockInfo_.assign(
+      static_cast<std::size_t>(macroblockColumns_) * static_cast<std::size_t>(macroblockRows_),
+      X264_MBINFO_CONSTANT);
   for (const PixelRect& rect : changed) {
     if (rect.width <= 0 || rect.height <= 0) continue;
     const auto first = [](int position) { return std::max(position, 0) / kMacroblockSize; };
@@ -175,7 +176,7 @@ void X264CompressionSession::markChanges(const std::vector<PixelRect>& changed) 
     const int right = last(rect.x, rect.width, macroblockColumns_);
     const int bottom = last(rect.y, rect.height, macroblockRows_);
     for (int row = first(rect.y); row <= bottom; ++row) {
-      const auto begin = macroblockInfo_.begin() + row * macroblockColumns_;
+      const auto begin = macroblockInfo_.begin() + std::ptrdiff_t{row} * macroblockColumns_;
       for (int column = first(rect.x); column <= right; ++column) begin[column] = 0;
     }
   }
