@@ -12,9 +12,13 @@ constexpr double kRateWindowSeconds = 1.0;
 StreamMetrics CaptureMetrics::restart() {
   const std::lock_guard guard(lock_);
   metrics_ = {};
-  windowStart_ = clock_->uptimeSeconds();
-  windowCaptured_ = windowEncoded_ = windowBytes_ = 0;
+  beginWindow();
   return metrics_;
+}
+
+void CaptureMetrics::restartWindow() {
+  const std::lock_guard guard(lock_);
+  beginWindow();
 }
 
 std::optional<StreamMetrics> CaptureMetrics::countCaptured() {
@@ -55,15 +59,18 @@ StreamMetrics CaptureMetrics::current() const {
 }
 
 std::optional<StreamMetrics> CaptureMetrics::tick() {
-  const double now = clock_->uptimeSeconds();
-  const double elapsed = now - windowStart_;
+  const double elapsed = clock_->uptimeSeconds() - windowStart_;
   if (elapsed < kRateWindowSeconds) return std::nullopt;
   metrics_.captureFPS = static_cast<double>(windowCaptured_) / elapsed;
   metrics_.encodeFPS = static_cast<double>(windowEncoded_) / elapsed;
   metrics_.bitRateMbps = static_cast<double>(windowBytes_) * 8 / elapsed / 1'000'000;
-  windowStart_ = now;
-  windowCaptured_ = windowEncoded_ = windowBytes_ = 0;
+  beginWindow();
   return metrics_;
+}
+
+void CaptureMetrics::beginWindow() {
+  windowStart_ = clock_->uptimeSeconds();
+  windowCaptured_ = windowEncoded_ = windowBytes_ = 0;
 }
 
 }  // namespace kestrune

@@ -20,6 +20,9 @@ class CaptureMetrics {
 
   /// Zeroes everything and begins a window; gives the zeroed record.
   StreamMetrics restart();
+  /// Begins a window alone. For before a stream starts: its first frames may come while the start is still on
+  /// its way, and the window of the stream before it would give them a rate over all the time in between.
+  void restartWindow();
   std::optional<StreamMetrics> countCaptured();
   std::optional<StreamMetrics> countEncoded(std::uint64_t bytes);
   StreamMetrics countDropped();
@@ -28,7 +31,9 @@ class CaptureMetrics {
   StreamMetrics current() const;
 
  private:
-  std::optional<StreamMetrics> tick();  // under lock_
+  // Both under lock_.
+  std::optional<StreamMetrics> tick();
+  void beginWindow();
 
   const std::shared_ptr<const Clock> clock_;
   mutable std::mutex lock_;  // guards everything below

@@ -70,6 +70,7 @@ Task<void> ScreenCaptureService::start(StreamSettings settings) {
     const std::lock_guard guard(self->stateLock_);
     self->isStarting_ = false;
   });
+  metrics_.restartWindow();
   const auto encoder = makeEncoder(settings.video);
   Stream stream;
   auto begin = outcomeOf([this, &stream, &selection, &settings](StreamCompletion completion) {

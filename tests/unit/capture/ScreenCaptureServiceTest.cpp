@@ -32,10 +32,10 @@ ContentFilter displayFilter(const ShareableDisplay& display) {
   return FakeScreenCapture().filterForDisplay(display);
 }
 
-VideoSample frame(int width = 1280, int height = 720) {
+VideoSample frame() {
   static const SharedPixelBuffer image = makePixelBuffer(1280, 720);
   VideoSample sample;
-  sample.image = width == 1280 && height == 720 ? image : makePixelBuffer(width, height);
+  sample.image = image;
   sample.presentationMicroseconds = 1;
   return sample;
 }
@@ -184,54 +184,32 @@ class ScreenCaptureServiceTest : public ::testing::Test {
   std::vector<AudioPCMChunk> chunks;
 };
 
-TEST(CaptureContent, TitlesFollowTheFirstIncludedContent) {
-  using Style = ContentFilter::Style;
-  using Kind = CaptureSourceDescriptor::Kind;
-  ContentFilter filter;
-  EXPECT_EQ(describeContent(filter, std::nullopt),
-            (CaptureSourceDescriptor{"Shared Content", Kind::unknown}));
-  filter.style = Style::window;
-  EXPECT_EQ(describeContent(filter, std::nullopt).title, "Window");
-  EXPECT_EQ(describeContent(filter, "Mine"), (CaptureSourceDescriptor{"Mine", Kind::window}));
-  filter.includedDisplays = {kSide};
-  EXPECT_EQ(describeContent(filter, std::nullopt).title, "Display 9");
-  filter.includedApplicationNames = {"Editor", "Mail"};
-  EXPECT_EQ(describeContent(filter, std::nullopt).title, "Editor");
-  filter.includedWindows = {{}};  // neither title nor owner: the default stays
-  EXPECT_EQ(describeContent(filter, std::nullopt).title, "Window");
-  filter.includedWindows = {{std::nullopt, "Terminal"}};
-  EXPECT_EQ(describeContent(filter, std::nullopt).title, "Terminal");
-  filter.includedWindows = {{"notes.txt", "Terminal"}};
-  EXPECT_EQ(describeContent(filter, std::nullopt).title, "notes.txt");
-  filter.style = Style::application;
-  EXPECT_EQ(describeContent(filter, std::nullopt).kind, Kind::application);
-}
-
-TEST(CaptureContent, DisplayAndTargetAreFoundByNameOrByOverlap) {
+TEST(CaptureContent, ADisplayIsFoundByNameElseByOverlap) {
   FakeDisplays displays;
   displays.displays = {kMain, kSide};
   ContentFilter filter = displayFilter(kSide);
-  EXPECT_EQ(controlTargetOfContent(filter, displays), (RemoteControlTarget{kSide.frame, 9}));
+  const auto target = [&] { return controlTargetOfContent(filter, displays); };
+  EXPECT_EQ(target(), (RemoteControlTarget{kSide.frame, 9}));
+  EXPECT_EQ(describeContent(filter, std::nullopt).title, "Display 9");
   filter.includedDisplays.clear();
+  EXPECT_EQ(describeContent(filter, std::nullopt).title, "Display");
   filter.contentRect = {1800, 0, 400, 100};  // 120 points on the main display, 280 on the other
-  EXPECT_EQ(displayOfContent(filter, displays), 9u);
-  EXPECT_EQ(controlTargetOfContent(filter, displays), (RemoteControlTarget{filter.contentRect, 9}));
+  EXPECT_EQ(target(), (RemoteControlTarget{filter.contentRect, 9}));
   filter.contentRect = {0, -100, 50, 100};  // touches, does not overlap
-  EXPECT_EQ(controlTargetOfContent(filter, displays),
-            (RemoteControlTarget{filter.contentRect, std::nullopt}));
+  EXPECT_EQ(target(), (RemoteControlTarget{filter.contentRect, std::nullopt}));
   filter.contentRect.width = 0;
-  EXPECT_FALSE(controlTargetOfContent(filter, displays));
+  EXPECT_FALSE(target());
   filter = displayFilter(kMain);
   filter.style = ContentFilter::Style::window;
-  EXPECT_FALSE(controlTargetOfContent(filter, displays));
-  EXPECT_FALSE(displayOfContent(filter, displays));
+  EXPECT_FALSE(target() || displayOfContent(filter, displays));
+  filter.includedWindows = {{std::nullopt, "Terminal"}, {"notes.txt", "Editor"}};
+  EXPECT_EQ(describeContent(filter, std::nullopt),
+            (CaptureSourceDescriptor{"Terminal", CaptureSourceDescriptor::Kind::window}));
 }
 
 TEST(CaptureContent, TheStreamIsAskedForTheEncodersSize) {
   ContentFilter filter = displayFilter({1, {0, 0, 1440.4, 900}});
   filter.pointPixelScale = 2;
-  const auto made = streamConfiguration(filter, StreamProfile::high, StreamFrameRate::fps24,
-                                        AudioChannelMode::mono, false, true);
   ScreenStreamConfiguration expected;
   expected.width = 1600;
   expected.height = 1000;  // of 2881 by 1800 pixels
@@ -240,7 +218,9 @@ TEST(CaptureContent, TheStreamIsAskedForTheEncodersSize) {
   expected.channelCount = 1;
   expected.excludesCurrentProcessAudio = false;
   expected.streamName = "Kestrune";
-  EXPECT_EQ(made, expected);
+  EXPECT_EQ(streamConfiguration(filter, StreamProfile::high, StreamFrameRate::fps24, AudioChannelMode::mono,
+                                false, true),
+            expected);
 }
 
 TEST_F(ScreenCaptureServiceTest, SelectsDisplaysByIdentifier) {
@@ -260,7 +240,6 @@ TEST_F(ScreenCaptureServiceTest, SelectsDisplaysByIdentifier) {
   EXPECT_EQ(run(service->selectDisplay(9, std::nullopt, true, true)), "ok");
   EXPECT_EQ(take(), (Lines{"source Display 9", "target 9"}));
   EXPECT_FALSE(service->selectedDisplayID());
-  EXPECT_FALSE(service->clearManagedSelection(7));
   EXPECT_EQ(run(service->start({})), "ok");
   EXPECT_FALSE(capture->latest()->configuration.excludesCurrentProcessAudio);
   EXPECT_FALSE(service->clearManagedSelection(9));
@@ -275,27 +254,22 @@ TEST_F(ScreenCaptureServiceTest, StartsOneStream) {
   service->setVideoEncodingEnabled(true);  // without a stream it is only stored, and a start resets it
   capture->holdsStart = true;
   EXPECT_EQ(run(service->start({})), "waiting");
-  EXPECT_FALSE(service->isRunning());
   std::string second;
   startTask(main, noteOutcome(service->start({}), second));
-  time->runReady();
-  EXPECT_EQ(second, "Streaming is already running.");
   const auto stream = capture->latest();
   stream->sendVideo(frame());
   time->runReady();
+  EXPECT_EQ(second, "Streaming is already running.");
+  EXPECT_TRUE(reports.empty());  // no rate is told over the time since the last stream, or since boot
+  EXPECT_FALSE(service->isRunning());
   stream->complete();
   time->runReady();
   EXPECT_EQ(outcome, "ok");
   EXPECT_TRUE(service->isRunning());
   EXPECT_EQ(reports.back(), StreamMetrics{});
-  EXPECT_EQ(stream->videoQueue->name(), "com.fennwick.Kestrune.capture.video");
-  EXPECT_EQ(stream->audioQueue->name(), "com.fennwick.Kestrune.capture.audio");
   ASSERT_TRUE(picker->configuration);
   EXPECT_EQ(picker->configuration->allowedPickerModes, 21u);
-  EXPECT_TRUE(picker->configuration->allowsChangingSelectedContent);
   EXPECT_EQ(picker->configuration->excludedBundleIDs, Lines{"com.example.app"});
-  EXPECT_TRUE(log.contains("info [Capture] Screen and system-audio capture started"));
-  EXPECT_TRUE(log.contains("info [Audio] System audio capture ready at 48 kHz with 2 channel(s)"));
   EXPECT_EQ(run(service->start({})), "Streaming is already running.");
   EXPECT_EQ(capture->streamCount(), 1u);
   send();
@@ -344,12 +318,11 @@ TEST_F(ScreenCaptureServiceTest, ASourceChosenDuringTheStartIsTakenOver) {
 TEST_F(ScreenCaptureServiceTest, CountsShowsAndEncodesFrames) {
   const auto stream = startOnMain(false);
   send();
-  EXPECT_EQ(preview->frames, 1);
-  for (const int missing : {0, 1, 2}) {
+  for (const auto& spoil : {+[](VideoSample& sample) { sample.isValid = false; },
+                            +[](VideoSample& sample) { sample.isDataReady = false; },
+                            +[](VideoSample& sample) { sample.image = nullptr; }}) {
     VideoSample sample = frame();
-    if (missing == 0) sample.isValid = false;
-    if (missing == 1) sample.isDataReady = false;
-    if (missing == 2) sample.image = nullptr;
+    spoil(sample);
     stream->sendVideo(sample);
   }
   time->runReady();
@@ -360,24 +333,19 @@ TEST_F(ScreenCaptureServiceTest, CountsShowsAndEncodesFrames) {
   service->setVideoEncodingEnabled(true);
   EXPECT_EQ(stream->frameRequests, 1);  // a still screen does not keep the viewer waiting
   send(2);
-  EXPECT_EQ(encodedFrames(), 2u);
   EXPECT_TRUE(compression->sessions.back()->frames[0].forceKeyframe);
   EXPECT_FALSE(lastWasForced());
   emit(true);
   time->runReady();
-  ASSERT_EQ(packets.size(), 1u);
-  EXPECT_TRUE(packets[0].isKeyframe);
+  EXPECT_EQ(packets.size(), 1u);
   EXPECT_EQ(service->metrics().encodedFrames, 1u);
-
   service->requestKeyframe();
   EXPECT_EQ(stream->frameRequests, 2);
   send();
   EXPECT_TRUE(lastWasForced());
   service->setVideoEncodingEnabled(true);  // once more: a keyframe once more
-  EXPECT_EQ(stream->frameRequests, 3);
   send();
   EXPECT_TRUE(lastWasForced());
-
   service->setVideoEncodingEnabled(false);
   service->requestKeyframe();
   EXPECT_EQ(stream->frameRequests, 3);
@@ -393,10 +361,8 @@ TEST_F(ScreenCaptureServiceTest, DropsAreReportedOneByOne) {
   time->runReady();
   EXPECT_EQ(encodedFrames(), 2u);
   ASSERT_EQ(reports.size(), 2u);
-  EXPECT_EQ(reports[0].droppedFrames, 1u);
   EXPECT_EQ(reports[1].droppedFrames, 2u);
   EXPECT_EQ(reports[1].encoderPendingFrames, 2);
-  EXPECT_EQ(service->metrics().encoderPendingFrames, 0);
 }
 
 TEST_F(ScreenCaptureServiceTest, RatesAreThoseOfTheRealTime) {
@@ -418,9 +384,7 @@ TEST_F(ScreenCaptureServiceTest, RatesAreThoseOfTheRealTime) {
   time->advance(4s);
   emit(false);  // packets tick as well
   time->runReady();
-  ASSERT_EQ(reports.size(), 2u);
-  EXPECT_EQ(reports[1].captureFPS, 0);
-  EXPECT_NEAR(reports[1].encodeFPS, 0.25, 1e-9);
+  EXPECT_NEAR(reports.back().encodeFPS, 0.25, 1e-9);
   EXPECT_EQ(run(service->stop()), "ok");
   EXPECT_EQ(service->metrics().capturedFrames, 7u);
   EXPECT_EQ(run(service->start({})), "ok");
@@ -445,13 +409,10 @@ TEST_F(ScreenCaptureServiceTest, VideoSettingsChangeUnderTheRunningStream) {
   time->runReady();
   EXPECT_EQ(outcome, "ok");
   EXPECT_EQ(stream->configurations.back().width, 960);
-  EXPECT_EQ(stream->configurations.back().minimumFrameIntervalFPS, 30);
   EXPECT_EQ(stream->calls, (Lines{"start", "configuration"}));
   EXPECT_EQ(converter->clears, 1);
   EXPECT_EQ(stream->frameRequests, 2);
-  EXPECT_TRUE(log.contains(
-      "notice [Capture] Video settings changed to H.265 (Experimental), 540p, 6 Mbps at 30 fps using "
-      "CPU — Apple software"));
+  EXPECT_TRUE(log.mentions("to H.265 (Experimental), 540p, 6 Mbps at 30 fps using CPU — Apple software"));
   send();
   EXPECT_EQ(compression->sessions[0]->invalidateCalls, 1);
   EXPECT_EQ(compression->sessions[1]->codec, VideoCodecType::hvc1);
@@ -462,7 +423,6 @@ TEST_F(ScreenCaptureServiceTest, VideoSettingsChangeUnderTheRunningStream) {
   time->runReady();
   EXPECT_EQ(outcome, "Unable to change video quality: refused");
   send();
-  EXPECT_EQ(compression->sessions.size(), 2u);
   EXPECT_EQ(compression->sessions[1]->frames.size(), 2u);
 }
 
@@ -533,7 +493,6 @@ TEST_F(ScreenCaptureServiceTest, RefusedSelectionsAnnounceTheOldOneUnlessOvertak
   EXPECT_EQ(take(), (Lines{"source Side again", "target 9",
                            "error Unable to resize the changed capture source: too small"}));
   EXPECT_EQ(service->selectedDisplayID(), 9u);
-  EXPECT_TRUE(log.contains("error [Capture] Unable to resize the changed capture source: too small"));
 }
 
 TEST_F(ScreenCaptureServiceTest, ThePickerChoosesCancelsAndFails) {
@@ -545,7 +504,7 @@ TEST_F(ScreenCaptureServiceTest, ThePickerChoosesCancelsAndFails) {
   service->pickerDidCancel();
   service->pickerStartDidFail(failure("no picker"));
   EXPECT_EQ(take(), Lines{"error Unable to show the screen picker: no picker"});
-  EXPECT_EQ(picker->calls, (Lines{"inactive", "inactive", "inactive"}));
+  EXPECT_EQ(picker->calls, Lines(3, "inactive"));
 }
 
 TEST_F(ScreenCaptureServiceTest, StopLetsGoOfTheStreamWhateverTheSystemSays) {
@@ -558,9 +517,7 @@ TEST_F(ScreenCaptureServiceTest, StopLetsGoOfTheStreamWhateverTheSystemSays) {
   EXPECT_FALSE(service->isRunning());
   EXPECT_FALSE(stream->isAlive);
   EXPECT_EQ(preview->clears, 2);
-  EXPECT_EQ(picker->calls, (Lines{"inactive", "inactive"}));
   EXPECT_EQ(compression->sessions[0]->invalidateCalls, 1);
-  EXPECT_TRUE(log.contains("info [Capture] Screen capture stopped"));
   // A frame that was on its way counts for nothing and is not shown.
   stream->video(frame());
   EXPECT_EQ(preview->frames, 1);
@@ -582,7 +539,6 @@ TEST_F(ScreenCaptureServiceTest, AStreamThatEndsByItselfIsReportedOnceAndOnlyIfC
   EXPECT_EQ(take(), Lines{"stopped Screen capture stopped unexpectedly: unplugged"});
   EXPECT_FALSE(stream->isAlive);
   EXPECT_FALSE(service->isRunning());
-  EXPECT_TRUE(log.contains("error [Capture] Screen capture stopped unexpectedly: unplugged"));
   EXPECT_EQ(service->selectedDisplayID(), 7u);
   EXPECT_EQ(run(service->start({})), "ok");
 }
@@ -650,31 +606,24 @@ struct NoTransfers final : PixelTransferFactory {
   std::shared_ptr<PixelBuffer> createBuffer(int, int) override { return nullptr; }
 };
 
-Task<void> tolerate(Task<void> task) {
-  Task<void> body = std::move(task);
-  try {
-    co_await body;
-  } catch (const KestruneError&) {
-    // The stream ended under the operation.
-  }
-}
-
-Task<void> driveStreams(std::shared_ptr<ScreenCaptureService> service, std::promise<void>& done) {
-  for (int round = 0; round < 60; ++round) {
-    auto selecting = tolerate(service->selectDisplay(7, std::nullopt, false, false));
+/// Ends with a stream that encodes, whatever ended under the operations before.
+Task<void> driveStreams(std::shared_ptr<ScreenCaptureService> service, std::atomic<bool>& endsStreams) {
+  std::string ignored;
+  for (int round = 0; round < 120; ++round) {
+    if (round == 100) endsStreams = false;
+    auto selecting = noteOutcome(service->selectDisplay(7, std::nullopt, false, false), ignored);
     co_await selecting;
-    auto starting = tolerate(service->start({}));
+    auto starting = noteOutcome(service->start({}), ignored);
     co_await starting;
     service->setVideoEncodingEnabled(true);
     service->selectFilter(displayFilter(kSide), std::nullopt, std::nullopt, false);
-    auto updating = tolerate(service->updateVideoSettings({}));
+    auto updating = noteOutcome(service->updateVideoSettings({}), ignored);
     co_await updating;
     service->requestKeyframe();
-    if (round % 2 == 0) continue;
-    auto stopping = tolerate(service->stop());
+    if (round % 2 == 1) continue;
+    auto stopping = noteOutcome(service->stop(), ignored);
     co_await stopping;
   }
-  done.set_value();
 }
 
 TEST(ScreenCaptureServiceThreads, OperationsAndFramesMeetFromDifferentThreads) {
@@ -696,8 +645,6 @@ TEST(ScreenCaptureServiceThreads, OperationsAndFramesMeetFromDifferentThreads) {
   callbacks.onVideoPacket = [&](const EncodedVideoPacket&) { ++packets; };
   service->setCallbacks(callbacks);
 
-  std::promise<void> driven;
-  startTask(main, driveStreams(service, driven));
   std::atomic<bool> endsStreams{true};
   std::atomic<bool> isDone{false};
   std::thread frames([&] {
@@ -708,17 +655,10 @@ TEST(ScreenCaptureServiceThreads, OperationsAndFramesMeetFromDifferentThreads) {
       if (count % 50 == 0 && endsStreams) stream->onStopped(failure("gone"));
     }
   });
+  std::promise<void> driven;
+  auto driving = startTask(main, driveStreams(service, endsStreams));
+  driving.whenFinished([&] { driven.set_value(); });
   driven.get_future().wait();
-  endsStreams = false;
-  std::promise<void> again;
-  startTask(main, driveStreams(service, again));
-  again.get_future().wait();
-  // The last round left encoding on or the stream stopped; one more start, and packets must come.
-  std::promise<void> started;
-  auto starting = startTask(main, tolerate(service->start({})));
-  starting.whenFinished([&] { started.set_value(); });
-  started.get_future().wait();
-  service->setVideoEncodingEnabled(true);
   packets = 0;
   while (packets < 10) std::this_thread::yield();
   isDone = true;
