@@ -86,11 +86,11 @@ AudioPCMChunk PCMConverter::convert(const AudioSample& sample, AudioChannelMode 
     throw PCMConversionError(PCMConversionError::Case::unsupportedFormat);
   }
   const std::size_t frames = checkedFrames(sample, format);
-  useConverterFor(format);
   const double share = std::ceil(static_cast<double>(kSampleRate) / format.sampleRate * sample.frameCount);
   if (share > static_cast<double>(kMaximumFrames)) {
     throw PCMConversionError(PCMConversionError::Case::converterUnavailable);
   }
+  useConverterFor(format);
   Channels channels =
       resampled(readChannels(sample, format, frames), static_cast<std::size_t>(share) + kSpareFrames);
 

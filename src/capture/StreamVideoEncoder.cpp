@@ -145,9 +145,10 @@ void StreamVideoEncoder::encodeStep(const VideoSample& sample, std::uint64_t gen
   if (isCurrent(generation) && sample.image) {
     try {
       encodeFrame(sample, generation);
-    } catch (const KestruneError& error) {
-      kLog.error("Encoding failed: " + error.localizedDescription());
-      reportError(std::make_exception_ptr(error));
+    } catch (...) {
+      const auto error = std::current_exception();
+      kLog.error("Encoding failed: " + localizedDescription(error));
+      reportError(error);
     }
   }
   {

@@ -8,18 +8,7 @@ namespace {
 
 using Case = H264AnnexBError::Case;
 
-Bytes converted(const Bytes& data, int nalHeaderLength) {
-  const auto result = annexb::annexBUnits(data, nalHeaderLength);
-  if (const auto* error = std::get_if<H264AnnexBError>(&result)) {
-    ADD_FAILURE() << error->localizedDescription();
-    return {};
-  }
-  return std::get<Bytes>(result);
-}
-
-Case conversionError(const Bytes& data, int nalHeaderLength) {
-  return std::get<H264AnnexBError>(annexb::annexBUnits(data, nalHeaderLength)).value();
-}
+using Result = annexb::BytesResult;
 
 EncodedSample sampleOf(Bytes data, std::optional<bool> notSync) {
   EncodedSample sample;
@@ -28,24 +17,31 @@ EncodedSample sampleOf(Bytes data, std::optional<bool> notSync) {
   return sample;
 }
 
-TEST(AnnexB, ReplacesLengthPrefixesOfEveryWidthByStartCodes) {
-  EXPECT_EQ(converted({0, 0, 0, 5, 1, 2, 3, 4, 5}, 4), (Bytes{0, 0, 0, 1, 1, 2, 3, 4, 5}));
-  EXPECT_EQ(converted({0, 2, 10, 11, 0, 1, 12}, 2), (Bytes{0, 0, 0, 1, 10, 11, 0, 0, 0, 1, 12}));
-  EXPECT_EQ(converted({1, 7, 2, 8, 9}, 1), (Bytes{0, 0, 0, 1, 7, 0, 0, 0, 1, 8, 9}));
-  EXPECT_EQ(converted({0, 0, 1, 7}, 3), (Bytes{0, 0, 0, 1, 7}));
-  EXPECT_EQ(converted({}, 4), Bytes{});
-  // Bytes that look like a start code are content.
-  EXPECT_EQ(converted({0, 0, 0, 4, 0, 0, 0, 1}, 4), (Bytes{0, 0, 0, 1, 0, 0, 0, 1}));
-}
-
-TEST(AnnexB, RefusesWhatIsNoSequenceOfUnits) {
-  EXPECT_EQ(conversionError({}, 0), Case::invalidNALUnitHeaderLength);
-  EXPECT_EQ(conversionError({1, 2}, 5), Case::invalidNALUnitHeaderLength);
-  EXPECT_EQ(conversionError({0, 0, 0}, 4), Case::truncatedNALUnit);
-  EXPECT_EQ(conversionError({0, 0, 0, 2, 9}, 4), Case::truncatedNALUnit);
-  EXPECT_EQ(conversionError({0xff, 0xff, 0xff, 0xff, 9}, 4), Case::truncatedNALUnit);
-  EXPECT_EQ(conversionError({0, 0, 0, 0, 0, 0, 0, 1, 9}, 4), Case::emptyNALUnit);
-  EXPECT_EQ(conversionError({0, 0, 0, 1, 9, 0}, 4), Case::truncatedNALUnit);
+TEST(AnnexB, ReplacesLengthPrefixesOfEveryWidthAndRefusesWhatIsNoSequenceOfUnits) {
+  struct Row {
+    int width;
+    Bytes data;
+    Result expected;
+  };
+  const auto refused = [](Case value) { return Result(H264AnnexBError(value)); };
+  const std::vector<Row> rows{{4, {0, 0, 0, 5, 1, 2, 3, 4, 5}, Bytes{0, 0, 0, 1, 1, 2, 3, 4, 5}},
+                              {2, {0, 2, 10, 11, 0, 1, 12}, Bytes{0, 0, 0, 1, 10, 11, 0, 0, 0, 1, 12}},
+                              {1, {1, 7, 2, 8, 9}, Bytes{0, 0, 0, 1, 7, 0, 0, 0, 1, 8, 9}},
+                              {3, {0, 0, 1, 7}, Bytes{0, 0, 0, 1, 7}},
+                              {4, {}, Bytes{}},
+                              {4,
+                               {0, 0, 0, 4, 0, 0, 0, 1},
+                               Bytes{0, 0, 0, 1, 0, 0, 0, 1}},  // what looks like a start code is content
+                              {0, {}, refused(Case::invalidNALUnitHeaderLength)},
+                              {5, {1, 2}, refused(Case::invalidNALUnitHeaderLength)},
+                              {4, {0, 0, 0}, refused(Case::truncatedNALUnit)},
+                              {4, {0, 0, 0, 2, 9}, refused(Case::truncatedNALUnit)},
+                              {4, {0xff, 0xff, 0xff, 0xff, 9}, refused(Case::truncatedNALUnit)},
+                              {4, {0, 0, 0, 0, 0, 0, 0, 1, 9}, refused(Case::emptyNALUnit)},
+                              {4, {0, 0, 0, 1, 9, 0}, refused(Case::truncatedNALUnit)}};
+  for (const Row& row : rows) {
+    EXPECT_EQ(annexb::annexBUnits(row.data, row.width), row.expected) << row.width << " " << row.data.size();
+  }
 }
 
 TEST(AnnexB, EverythingThatDoesNotStateTheOppositeIsAKeyframe) {
@@ -53,13 +49,13 @@ TEST(AnnexB, EverythingThatDoesNotStateTheOppositeIsAKeyframe) {
   EXPECT_TRUE(annexb::isKeyframe(sample));
   sample.attachments.emplace();
   EXPECT_TRUE(annexb::isKeyframe(sample));
-  sample.attachments->push_back({});
+  auto& notSync = sample.attachments->emplace_back().notSync;
   EXPECT_TRUE(annexb::isKeyframe(sample));
-  sample.attachments->front().notSync = SampleAttachments::NotABoolean{};
+  notSync = SampleAttachments::NotABoolean{};
   EXPECT_TRUE(annexb::isKeyframe(sample));
-  sample.attachments->front().notSync = false;
+  notSync = false;
   EXPECT_TRUE(annexb::isKeyframe(sample));
-  sample.attachments->front().notSync = true;
+  notSync = true;
   EXPECT_FALSE(annexb::isKeyframe(sample));
 }
 
@@ -79,11 +75,6 @@ TEST(AnnexB, ParameterSetsComeInOrderAndFailWithTheCodecsMessages) {
   format->summary.status = -12710;
   EXPECT_EQ(message(StreamVideoCodec::h264), "Unable to read H.264 parameter sets (OSStatus -12710).");
   EXPECT_EQ(message(StreamVideoCodec::hevc), "Unable to read H.265 parameter sets (OSStatus -12710).");
-
-  EXPECT_EQ(std::get<annexb::ParameterSets>(
-                annexb::parameterSets(*FakeFormatDescription::withSets({}, 3), StreamVideoCodec::h264))
-                .nalHeaderLength,
-            3);
 }
 
 TEST(AnnexB, AKeyframeCarriesItsParameterSetsAndADeltaFrameIgnoresItsDescription) {
