@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <numeric>
+
 #include "platform/linux/credentials/CredentialVault.h"
 #include "support/CapturedLog.h"
 #include "support/TemporaryDirectory.h"
@@ -32,11 +34,8 @@ class CredentialVaultTest : public testing::Test {
 TEST_F(CredentialVaultTest, KeepsItemsForThisUserAlone) {
   EXPECT_EQ(read("a").status, kCredentialNotFound);
   EXPECT_EQ(remove("a"), kCredentialNotFound);
-  const Bytes all = [] {
-    Bytes bytes;
-    for (int value = 0; value < 256; ++value) bytes.push_back(static_cast<std::uint8_t>(value));
-    return bytes;
-  }();
+  Bytes all(256);
+  std::iota(all.begin(), all.end(), std::uint8_t{0});
   EXPECT_EQ(write("a", all), 0);
   EXPECT_EQ(write("b", {}), 0);
   EXPECT_EQ(write("b", {2}), 0);
@@ -74,6 +73,8 @@ TEST_F(CredentialVaultTest, AnItemOfAnUnreachableSecretServiceIsNotMissing) {
   EXPECT_EQ(read("b").status, kCredentialNotFound);
   // What is written now is newer than what the Secret Service has.
   EXPECT_EQ(write("a", {9}), 0);
+  EXPECT_EQ(read("a").data, Bytes{9});
+  EXPECT_EQ(remove("a"), kCredentialNotAvailable);  // or the old one would come back with the service
   EXPECT_EQ(read("a").data, Bytes{9});
 }
 

@@ -1,70 +1,21 @@
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <array>
 #include <cstdlib>
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "access/CredentialHelperClient.h"
 #include "platform/linux/credentials/HelperCredentialConnector.h"
-#include "platform/linux/credentials/SecretService.h"
-#include "platform/linux/files/UniqueDescriptor.h"
+#include "support/ChildProcess.h"
 #include "support/TemporaryDirectory.h"
 
 namespace kestrune::linux_platform {
 namespace {
 
-/// A program that is started with `input` on its standard input and ended with this.
-class Child {
- public:
-  Child(std::vector<std::string> arguments, const std::string& input) {
-    std::array<int, 2> in{};
-    std::array<int, 2> out{};
-    if (pipe2(in.data(), O_CLOEXEC) != 0 || pipe2(out.data(), O_CLOEXEC) != 0) return;
-    std::vector<char*> pointers;
-    for (auto& argument : arguments) pointers.push_back(argument.data());
-    pointers.push_back(nullptr);
-    pid_ = fork();
-    if (pid_ == 0) {
-      prctl(PR_SET_PDEATHSIG, SIGKILL);  // a test that is cut off leaves nothing behind
-      dup2(in[0], STDIN_FILENO);
-      dup2(out[1], STDOUT_FILENO);
-      execvp(pointers[0], pointers.data());
-      _exit(127);
-    }
-    close(in[0]);
-    close(out[1]);
-    [[maybe_unused]] const auto written = write(in[1], input.data(), input.size());
-    close(in[1]);
-    output_.reset(out[0]);
-  }
-  Child(const Child&) = delete;
-  ~Child() {
-    if (pid_ <= 0) return;
-    kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
-  }
-  /// The next line of its output.
-  std::string line() const {
-    std::string text;
-    char byte = 0;
-    while (read(output_.get(), &byte, 1) == 1 && byte != '\n') text.push_back(byte);
-    return text;
-  }
-
- private:
-  pid_t pid_ = -1;
-  UniqueDescriptor output_;
-};
+using testing::ChildProcess;
 
 /// A session bus of its own, its files in a temporary directory.
-class SecretServiceTest : public testing::Test {
+class SecretServiceTest : public ::testing::Test {
  protected:
   void SetUp() override {
 #ifdef __SANITIZE_THREAD__
@@ -77,17 +28,15 @@ class SecretServiceTest : public testing::Test {
     setenv("XDG_DATA_HOME", (top_.path() / "data").c_str(), 1);
     setenv("XDG_RUNTIME_DIR", top_.path().c_str(), 1);
     setenv("HOME", top_.path().c_str(), 1);
+    const std::string socket = (top_.path() / "bus").string();
     writeText(top_.path() / "bus.conf",
-              "<busconfig><type>session</type><listen>unix:tmpdir=" + top_.path().string() +
+              "<busconfig><type>session</type><listen>unix:path=" + socket +
                   "</listen><policy context=\"default\"><allow send_destination=\"*\"/>"
                   "<allow eavesdrop=\"false\"/><allow own=\"*\"/></policy></busconfig>");
-    bus_ = std::make_unique<Child>(
-        std::vector<std::string>{"dbus-daemon", "--nofork", "--print-address=1",
-                                 "--config-file=" + (top_.path() / "bus.conf").string()},
-        "");
-    const std::string address = bus_->line();
-    ASSERT_NE(address, "");
-    setenv("DBUS_SESSION_BUS_ADDRESS", address.c_str(), 1);
+    bus_ = std::make_unique<ChildProcess>("dbus-daemon --nofork --config-file=" +
+                                          (top_.path() / "bus.conf").string());
+    ASSERT_TRUE(testing::eventually([&] { return std::filesystem::exists(socket); }));
+    setenv("DBUS_SESSION_BUS_ADDRESS", ("unix:path=" + socket).c_str(), 1);
   }
   void TearDown() override {
     unsetenv("DBUS_SESSION_BUS_ADDRESS");
@@ -96,11 +45,10 @@ class SecretServiceTest : public testing::Test {
 
   /// Serves a keyring that is unlocked, or that cannot be, since nobody can be asked.
   void startKeyring(bool isUnlocked) {
-    keyring_ = std::make_unique<Child>(
-        isUnlocked ? std::vector<std::string>{"gnome-keyring-daemon", "--unlock", "--foreground",
-                                              "--components=secrets"}
-                   : std::vector<std::string>{"gnome-keyring-daemon", "--foreground", "--components=secrets"},
-        isUnlocked ? "secret" : "");
+    const auto password = top_.path() / "password";
+    writeText(password, "secret");
+    keyring_ = std::make_unique<ChildProcess>("gnome-keyring-daemon --foreground --components=secrets " +
+                                              (isUnlocked ? "--unlock < " + password.string() : ""));
     ASSERT_EQ(std::system("gdbus wait --session --timeout 10 org.freedesktop.secrets"), 0);
   }
 
@@ -108,8 +56,8 @@ class SecretServiceTest : public testing::Test {
   const std::filesystem::path file_ = top_.path() / "data" / "kestrune" / "credentials.json";
   const CredentialHelperClient client_{
       std::make_shared<HelperCredentialConnector>(KESTRUNE_CREDENTIAL_HELPER)};
-  std::unique_ptr<Child> bus_;
-  std::unique_ptr<Child> keyring_;
+  std::unique_ptr<ChildProcess> bus_;
+  std::unique_ptr<ChildProcess> keyring_;
 };
 
 TEST_F(SecretServiceTest, KeepsItemsInTheKeyring) {

@@ -1,40 +1,25 @@
 #pragma once
 
-#include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
-#include <unistd.h>
 #include <xcb/xtest.h>
 
-#include <chrono>
 #include <filesystem>
-#include <fstream>
-#include <functional>
+#include <memory>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "platform/InputEvents.h"
 #include "platform/linux/x11/X11Connection.h"
+#include "support/ChildProcess.h"
+#include "support/TemporaryDirectory.h"
 #include "support/XServerFixture.h"
 
 namespace kestrune::testing {
 
 using linux_platform::waitForReply;
 using linux_platform::X11Connection;
-
-/// Asks until `isTrue` or ten seconds have passed.
-inline bool eventually(const std::function<bool()>& isTrue) {
-  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (!isTrue()) {
-    if (std::chrono::steady_clock::now() > end) return false;
-    poll(nullptr, 0, 5);
-  }
-  return true;
-}
 
 inline void typeText(InputEvents& events, std::u16string_view text) {
   const auto source = events.createSource();
@@ -65,28 +50,25 @@ class KeyboardView {
     const auto* symbols = xcb_get_keyboard_mapping_keysyms(reply.get());
     return {symbols, symbols + xcb_get_keyboard_mapping_keysyms_length(reply.get())};
   }
-  /// Of all key codes, those that give anything.
-  std::vector<xcb_keycode_t> codesInUse() const {
-    const auto symbols = mapping();
-    const std::size_t width = symbols.size() / 248;
-    std::vector<xcb_keycode_t> result;
-    for (std::size_t index = 0; index < symbols.size(); ++index) {
-      const auto code = static_cast<xcb_keycode_t>(8 + index / width);
-      if (symbols[index] != 0 && (result.empty() || result.back() != code)) result.push_back(code);
-    }
-    return result;
-  }
   xcb_keysym_t symbol(xcb_keycode_t code) const {
     const auto symbols = mapping();
     return symbols.at((code - 8U) * (symbols.size() / 248));
   }
-  void remap(xcb_keycode_t code, xcb_keysym_t symbol) const {
-    xcb_change_keyboard_mapping(*connection_, 1, code, 1, &symbol);
+  /// Takes a symbol off every key that gives it.
+  void unmap(xcb_keysym_t symbol) const {
+    constexpr xcb_keysym_t kNothing = 0;
+    for (xcb_keycode_t code = 8; code < 255; ++code) {
+      if (this->symbol(code) == symbol) xcb_change_keyboard_mapping(*connection_, 1, code, 1, &kNothing);
+    }
     sync();
   }
   void key(xcb_keycode_t code, bool isDown) const {
     xcb_test_fake_input(*connection_, isDown ? XCB_KEY_PRESS : XCB_KEY_RELEASE, code, 0, 0, 0, 0, 0);
     sync();
+  }
+  void press(xcb_keycode_t code) const {
+    key(code, true);
+    key(code, false);
   }
   /// Modifiers and buttons in force.
   unsigned state() const {
@@ -102,9 +84,8 @@ class KeyboardView {
   const std::unique_ptr<X11Connection> connection_;
 };
 
-/// A window over the whole screen that writes down what reaches it, without motions to where the pointer is
-/// already, such as "motion 10,20 state 256",
-/// "press 1", "release 1" (buttons), "key 0xff0d down".
+/// A window over the whole screen that writes down what reaches it: "motion 10,20 state 256" (but not to
+/// where the pointer is already), "press 1", "release 1" (buttons), "key 0xff0d down".
 class RecordingWindow {
  public:
   explicit RecordingWindow(const XServer& server) : view_(server) {
@@ -137,30 +118,21 @@ class RecordingWindow {
  private:
   std::string describe(const xcb_generic_event_t& event) {
     std::ostringstream line;
-    switch (event.response_type & 0x7F) {
-      case XCB_MOTION_NOTIFY: {
-        const auto& motion = reinterpret_cast<const xcb_motion_notify_event_t&>(event);
-        if (std::exchange(pointer_, {motion.root_x, motion.root_y}) ==
-            std::pair(motion.root_x, motion.root_y)) {
-          break;
+    const auto& key = reinterpret_cast<const xcb_key_press_event_t&>(event);  // all have the same form
+    switch (const int type = event.response_type & 0x7F) {
+      case XCB_MOTION_NOTIFY:
+        if (const std::pair point(key.root_x, key.root_y); std::exchange(pointer_, point) != point) {
+          line << "motion " << key.root_x << "," << key.root_y << " state " << key.state;
         }
-        line << "motion " << motion.root_x << "," << motion.root_y << " state " << motion.state;
         break;
-      }
       case XCB_BUTTON_PRESS:
-      case XCB_BUTTON_RELEASE: {
-        const auto& button = reinterpret_cast<const xcb_button_press_event_t&>(event);
-        line << ((event.response_type & 0x7F) == XCB_BUTTON_PRESS ? "press " : "release ")
-             << static_cast<int>(button.detail);
+      case XCB_BUTTON_RELEASE:
+        line << (type == XCB_BUTTON_PRESS ? "press " : "release ") << static_cast<int>(key.detail);
         break;
-      }
       case XCB_KEY_PRESS:
-      case XCB_KEY_RELEASE: {
-        const auto& key = reinterpret_cast<const xcb_key_press_event_t&>(event);
-        line << "key 0x" << std::hex << view_.symbol(key.detail)
-             << ((event.response_type & 0x7F) == XCB_KEY_PRESS ? " down" : " up");
+      case XCB_KEY_RELEASE:
+        line << "key 0x" << std::hex << view_.symbol(key.detail) << (type == XCB_KEY_PRESS ? " down" : " up");
         break;
-      }
       default:
         break;
     }
@@ -174,39 +146,16 @@ class RecordingWindow {
 /// A terminal that has the keyboard and writes what it is given into a file.
 class Terminal {
  public:
-  explicit Terminal(const XServer& server) {
-    std::string pattern = (std::filesystem::temp_directory_path() / "terminal-XXXXXX").string();
-    if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("no temporary folder");
-    folder_ = pattern;
-    const std::string shell = "stty raw -echo; cd " + pattern + "; touch typed ready; exec cat > typed";
-    const pid_t parent = getpid();
-    process_ = fork();
-    if (process_ == 0) {
-      prctl(PR_SET_PDEATHSIG, SIGKILL);
-      if (getppid() != parent) _exit(127);
-      execlp("env", "env", ("DISPLAY=" + server.displayName()).c_str(), "LC_ALL=C.UTF-8", "xterm", "-u8",
-             "-geometry", "80x24+0+0", "-e", "sh", "-c", shell.c_str(), nullptr);
-      _exit(127);
-    }
+  explicit Terminal(const XServer& server)
+      : process_("env DISPLAY=" + server.displayName() +
+                 " LC_ALL=C.UTF-8 xterm -u8 -geometry 80x24+0+0 -e sh -c 'stty raw -echo; cd " +
+                 folder_.path().string() + "; touch typed ready; exec cat > typed'") {
     const KeyboardView view(server);
-    const bool isReady =
-        eventually([&] { return std::filesystem::exists(folder_ / "ready") && focus(view); });
-    if (!isReady) throw std::runtime_error("xterm did not come up");
+    const auto isReady = [&] { return std::filesystem::exists(folder_.path() / "ready") && focus(view); };
+    if (!eventually(isReady)) throw std::runtime_error("xterm did not come up");
   }
-  ~Terminal() {
-    ::kill(process_, SIGTERM);
-    waitpid(process_, nullptr, 0);
-    std::error_code ignored;
-    std::filesystem::remove_all(folder_, ignored);
-  }
-  Terminal(const Terminal&) = delete;
-  Terminal& operator=(const Terminal&) = delete;
 
-  std::string typed() const {
-    std::ostringstream text;
-    text << std::ifstream(folder_ / "typed").rdbuf();
-    return text.str();
-  }
+  std::string typed() const { return readText(folder_.path() / "typed"); }
   /// Waits until as much has been typed as `expected` has; what was typed then.
   std::string typedLike(const std::string& expected) const {
     eventually([&] { return typed().size() >= expected.size(); });
@@ -230,8 +179,8 @@ class Terminal {
     return false;
   }
 
-  std::filesystem::path folder_;
-  pid_t process_ = -1;
+  const TemporaryDirectory folder_;
+  const ChildProcess process_;
 };
 
 }  // namespace kestrune::testing

@@ -32,7 +32,16 @@ class XTestInputEventsTest : public ::testing::Test {
   void scroll(std::int32_t wheel1, std::int32_t wheel2) {
     events.createSource()->scrollEvent(wheel1, wheel2)->post();
   }
-  void play(bool isDown) { events.systemDefinedEvent(playKey(isDown))->post(); }
+  /// What has come by the time `isEnough` of it.
+  template <class Condition>
+  std::vector<std::string> takenUntil(Condition isEnough) {
+    std::vector<std::string> lines;
+    EXPECT_TRUE(eventually([&] {
+      for (auto& line : taken()) lines.push_back(std::move(line));
+      return isEnough(lines);
+    }));
+    return lines;
+  }
 
   /// What has come of everything posted until now, once; of text only as far as it has been typed.
   std::vector<std::string> taken() {
@@ -65,26 +74,30 @@ TEST_F(XTestInputEventsTest, PointerMovesDragsAndClicks) {
 }
 
 TEST_F(XTestInputEventsTest, PixelsCollectIntoStepsOfTheWheel) {
-  const std::vector<std::string> down{"press 5", "release 5"};
   mouse(MouseEventType::moved, 5, 5);
   taken();
-  scroll(-120, 0);
-  EXPECT_THAT(taken(), ElementsAre("press 5", "release 5", "press 5", "release 5", "press 5", "release 5"));
-  scroll(-30, 0);
-  EXPECT_THAT(taken(), IsEmpty());
-  scroll(-30, 0);
-  EXPECT_EQ(taken(), down);
-  // 20 pixels are left over downward; they neither help nor hinder the way up.
-  scroll(30, 0);
-  EXPECT_THAT(taken(), IsEmpty());
-  scroll(10, 0);
-  EXPECT_THAT(taken(), ElementsAre("press 4", "release 4"));
-  // Each axis has its own remainder.
-  scroll(-20, 20);
-  scroll(0, 20);
-  EXPECT_THAT(taken(), ElementsAre("press 6", "release 6"));
-  scroll(-20, -40);
-  EXPECT_THAT(taken(), ElementsAre("press 5", "release 5", "press 7", "release 7"));
+  struct Row {
+    std::int32_t wheel1, wheel2;
+    std::vector<int> buttons;
+  };
+  for (const Row& row : std::vector<Row>{{-120, 0, {5, 5, 5}},
+                                         {-30, 0, {}},
+                                         {-30, 0, {5}},
+                                         // 20 pixels are left over downward; they do not hinder the way up.
+                                         {30, 0, {}},
+                                         {10, 0, {4}},
+                                         // Each axis has its own remainder.
+                                         {-20, 20, {}},
+                                         {0, 20, {6}},
+                                         {-20, -40, {5, 7}}}) {
+    scroll(row.wheel1, row.wheel2);
+    std::vector<std::string> expected;
+    for (const int button : row.buttons) {
+      expected.push_back("press " + std::to_string(button));
+      expected.push_back("release " + std::to_string(button));
+    }
+    EXPECT_EQ(taken(), expected) << row.wheel1 << " " << row.wheel2;
+  }
 }
 
 TEST_F(XTestInputEventsTest, NamedKeysOnAnyLayout) {
@@ -106,18 +119,12 @@ TEST_F(XTestInputEventsTest, NamedKeysOnAnyLayout) {
 }
 
 TEST_F(XTestInputEventsTest, PlayKeyEvenWhereTheKeyboardHasNone) {
-  play(true);
-  play(false);
-  EXPECT_THAT(taken(), ElementsAre("key 0x1008ff14 down", "key 0x1008ff14 up"));
-
-  const auto& keyboard = window.keyboard();
-  for (const auto code : keyboard.codesInUse()) {
-    if (keyboard.symbol(code) == kPlaySymbol) keyboard.remap(code, 0);
+  for (const bool hasKey : {true, false}) {
+    if (!hasKey) window.keyboard().unmap(kPlaySymbol);
+    events.systemDefinedEvent(playKey(true))->post();
+    events.systemDefinedEvent(playKey(false))->post();
+    EXPECT_THAT(taken(), ElementsAre("key 0x1008ff14 down", "key 0x1008ff14 up"));
   }
-  play(true);
-  play(false);
-  EXPECT_THAT(taken(), ElementsAre("key 0x1008ff14 down", "key 0x1008ff14 up"));
-
   auto unknown = playKey(true);
   unknown.data1 = 0x110A00;
   EXPECT_EQ(events.systemDefinedEvent(unknown), nullptr);
@@ -135,25 +142,19 @@ TEST_F(XTestInputEventsTest, SeveralThreadsAtOnceLoseNothing) {
     });
   }
   for (auto& thread : threads) thread.join();
-  std::vector<std::string> lines;
-  const auto count = [&](std::string_view line) { return std::count(lines.begin(), lines.end(), line); };
-  EXPECT_TRUE(eventually([&] {
-    for (auto& line : taken()) lines.push_back(std::move(line));
+  takenUntil([](const auto& lines) {
+    const auto count = [&](std::string_view line) { return std::count(lines.begin(), lines.end(), line); };
     return count("press 4") == 200 && count("key 0x20 up") == 50 && count("key 0x1004e2d up") == 50;
-  })) << lines.size();
+  });
 }
 
 TEST_F(XTestInputEventsTest, WhatFollowsATextComesBehindIt) {
-  typeText(events, u"ab\u4E2Dc");
+  typeText(events, u"a\u4E2Dc");
   mouse(MouseEventType::moved, 70, 80);
-  std::vector<std::string> lines;
-  ASSERT_TRUE(eventually([&] {
-    for (auto& line : taken()) lines.push_back(std::move(line));
-    return !lines.empty() && lines.back().starts_with("motion");
-  }));
   EXPECT_THAT(
-      lines, ElementsAre("key 0x61 down", "key 0x61 up", "key 0x62 down", "key 0x62 up", "key 0x1004e2d down",
-                         "key 0x1004e2d up", "key 0x63 down", "key 0x63 up", "motion 70,80 state 0"));
+      takenUntil([](const auto& lines) { return !lines.empty() && lines.back().starts_with("motion"); }),
+      ElementsAre("key 0x61 down", "key 0x61 up", "key 0x1004e2d down", "key 0x1004e2d up", "key 0x63 down",
+                  "key 0x63 up", "motion 70,80 state 0"));
   EXPECT_TRUE(eventually([&] { return events.cursorLocation() == Point{70, 80}; }));
 }
 

@@ -22,12 +22,13 @@ std::optional<CredentialFile::Item> parseItem(const JsonValue& value) {
   const auto* service = text("service");
   const auto* account = text("account");
   if (!service || !account) return {};
-  CredentialFile::Item item{*service, *account, std::nullopt};
+  CredentialFile::Item item{*service, *account, std::nullopt, false};
   if (value.find("data")) {
     const auto* encoded = text("data");
     item.data = encoded ? base64Decode(*encoded) : std::nullopt;
     if (!item.data) return {};
   }
+  if (const auto* older = value.find("hasOlder")) item.hasOlder = older->boolean().value_or(false);
   return item;
 }
 
@@ -67,6 +68,7 @@ void CredentialFile::store() const {
   for (const auto& item : items_) {
     JsonValue::Object members{{"service", item.service}, {"account", item.account}};
     if (item.data) members.emplace_back("data", base64Encode(*item.data));
+    if (item.hasOlder) members.emplace_back("hasOlder", true);
     list.emplace_back(std::move(members));
   }
   const std::string text =

@@ -20,6 +20,8 @@ class CredentialFile {
     std::string account;
     /// Absent: the Secret Service keeps it.
     std::optional<Bytes> data;
+    /// The Secret Service has an older item of this name: it was out of reach when `data` was written.
+    bool hasOlder = false;
   };
 
   explicit CredentialFile(const std::filesystem::path& directory);

@@ -12,6 +12,11 @@ namespace {
 constexpr Logger kLog("App");
 using Outcome = SecretService::Outcome;
 
+/// Whether the Secret Service has something of this name, be it old.
+bool isInKeyring(const CredentialFile::Item* item) {
+  return item && (!item->data || item->hasOlder);
+}
+
 }  // namespace
 
 CredentialReply CredentialVault::perform(const CredentialRequest& request) const {
@@ -45,9 +50,11 @@ CredentialReply CredentialVault::read(const CredentialRequest& request) const {
 CredentialStatus CredentialVault::write(const CredentialRequest& request) const {
   CredentialFile file(directory_);
   const auto keyring = connect_();
-  CredentialFile::Item item{request.service, request.account, request.data};
+  CredentialFile::Item item{request.service, request.account, request.data, false};
   if (keyring && keyring->write(request.service, request.account, request.data) == Outcome::done) {
     item.data.reset();
+  } else {
+    item.hasOlder = isInKeyring(file.find(request.service, request.account));
   }
   file.put(std::move(item));
   return kCredentialSuccess;
@@ -56,10 +63,10 @@ CredentialStatus CredentialVault::write(const CredentialRequest& request) const 
 CredentialStatus CredentialVault::remove(const CredentialRequest& request) const {
   CredentialFile file(directory_);
   const auto* item = file.find(request.service, request.account);
-  const bool isInKeyring = item && !item->data;
   const auto keyring = connect_();
   const auto outcome = keyring ? keyring->remove(request.service, request.account) : Outcome::failed;
-  if (isInKeyring && outcome == Outcome::failed) return kCredentialNotAvailable;
+  // What the file alone forgets would come back with the keyring.
+  if (isInKeyring(item) && outcome == Outcome::failed) return kCredentialNotAvailable;
   if (item) file.remove(request.service, request.account);
   return item || outcome == Outcome::done ? kCredentialSuccess : kCredentialNotFound;
 }

@@ -95,8 +95,6 @@ class HelperConnection final : public CredentialConnection, public CredentialHel
         [reply = std::move(reply)](const CredentialReply& answer) { reply(answer.status); });
   }
 
-  pid_t pid() const { return process_ ? process_->pid() : 0; }
-
  private:
   void ask(CredentialRequest request, std::function<void(CredentialReply)> reply) {
     if (thread_.joinable()) return;  // a connection serves one request
@@ -134,11 +132,6 @@ HelperCredentialConnector::HelperCredentialConnector(std::filesystem::path helpe
 
 std::unique_ptr<CredentialConnection> HelperCredentialConnector::connect(const std::string& serviceName) {
   return std::make_unique<HelperConnection>(serviceName == kServiceName ? helper_ : std::filesystem::path());
-}
-
-pid_t HelperCredentialConnector::helperProcess(const CredentialConnection& connection) {
-  const auto* ours = dynamic_cast<const HelperConnection*>(&connection);
-  return ours ? ours->pid() : 0;
 }
 
 }  // namespace kestrune::linux_platform

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <sys/types.h>
-
 #include <filesystem>
 
 #include "platform/Credentials.h"
@@ -18,9 +16,6 @@ class HelperCredentialConnector final : public CredentialConnector {
 
   /// The helper serves one name, com.fennwick.Kestrune.CredentialHelper; under another there is nobody.
   std::unique_ptr<CredentialConnection> connect(const std::string& serviceName) override;
-
-  /// The process behind a connection of this connector after resume(); 0 if there is none.
-  static pid_t helperProcess(const CredentialConnection& connection);
 
  private:
   const std::filesystem::path helper_;

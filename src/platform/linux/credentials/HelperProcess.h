@@ -22,7 +22,6 @@ class HelperProcess {
   ~HelperProcess();
 
   int socket() const { return socket_.get(); }
-  pid_t pid() const { return pid_; }
   /// Makes a pending receive on the socket end.
   void hangUp() const;
 
