@@ -5,6 +5,7 @@
 
 #include "input/ControlTargetMapping.h"
 #include "input/RemoteControlService.h"
+#include "platform/support/Encoding.h"
 #include "runtime/ManualTime.h"
 #include "support/FakeInputEvents.h"
 
@@ -19,18 +20,16 @@ using Result = RemoteTapResult;
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 constexpr double kInfinity = std::numeric_limits<double>::infinity();
 
-/// One display with the identifier 1, and a moment to interfere in.
-class OneDisplay final : public Displays {
- public:
-  Rect area;
+/// A display of 1000 x 500 points that does not start at the origin, and a moment to interfere in.
+struct OneDisplay final : Displays {
+  Rect area{100, 200, 1000, 500};
   std::function<void()> onBounds;
 
-  explicit OneDisplay(Rect whole) : area(whole) {}
   std::optional<DisplayID> mainDisplay() const override { return 1; }
   std::vector<DisplayID> activeDisplays() const override { return {1}; }
-  Rect bounds(DisplayID display) const override {
+  Rect bounds(DisplayID) const override {
     if (const auto interfere = onBounds) interfere();
-    return display == 1 ? area : Rect{};
+    return area;
   }
 };
 
@@ -41,33 +40,32 @@ class RemoteControlServiceTest : public ::testing::Test {
     service.setTarget(target);
   }
 
-  /// A display of 1000 x 500 points that does not start at the origin.
+  /// What one operation posted; it must succeed.
+  std::vector<std::string> posted(Result result) {
+    EXPECT_EQ(result, Result::clicked);
+    return events->takePosted();
+  }
+  static std::string at(int type, const std::string& point) {
+    return "mouse " + std::to_string(type) + " (" + point + ") button 0";
+  }
+
   const RemoteControlTarget target{Rect{0, 0, 10, 10}, DisplayID{1}};
   std::shared_ptr<ManualTime> time = ManualTime::make();
   std::shared_ptr<FakeInputEvents> events = std::make_shared<FakeInputEvents>();
-  std::shared_ptr<OneDisplay> displays = std::make_shared<OneDisplay>(Rect{100, 200, 1000, 500});
+  std::shared_ptr<OneDisplay> displays = std::make_shared<OneDisplay>();
   std::shared_ptr<FakePrivacyPermissions> permissions = std::make_shared<FakePrivacyPermissions>();
   RemoteControlService service{events, displays, permissions, time->makeQueue("main"), time};
 };
 
 TEST_F(RemoteControlServiceTest, ButtonFollowsTheFinger) {
-  EXPECT_EQ(service.pointer(Phase::move, 0.5, 0.5), Result::clicked);
-  EXPECT_EQ(service.pointer(Phase::down, 0.1, 0.2), Result::clicked);
-  EXPECT_EQ(service.pointer(Phase::move, 1, 1), Result::clicked);
-  EXPECT_EQ(service.pointer(Phase::up, 0, 0), Result::clicked);
-  EXPECT_THAT(events->takePosted(),
-              ElementsAre("mouse 5 (600, 450) button 0", "mouse 1 (200, 300) button 0",
-                          "mouse 6 (1100, 700) button 0", "mouse 2 (100, 200) button 0"));
-
+  EXPECT_THAT(posted(service.pointer(Phase::move, 0.5, 0.5)), ElementsAre(at(5, "600, 450")));
+  EXPECT_THAT(posted(service.pointer(Phase::down, 0.1, 0.2)), ElementsAre(at(1, "200, 300")));
+  EXPECT_THAT(posted(service.pointer(Phase::move, 1, 1)), ElementsAre(at(6, "1100, 700")));
+  EXPECT_THAT(posted(service.pointer(Phase::up, 0, 0)), ElementsAre(at(2, "100, 200")));
   // An up without a press posts nothing, but the pointer counts as being there.
-  EXPECT_EQ(service.pointer(Phase::up, 0.5, 0.5), Result::clicked);
-  EXPECT_THAT(events->takePosted(), IsEmpty());
-  EXPECT_EQ(service.move(0, 0, 1), Result::clicked);
-  EXPECT_THAT(events->takePosted(), ElementsAre("mouse 5 (600, 450) button 0"));
-
-  EXPECT_EQ(service.tap(0.5, 0.5), Result::clicked);
-  EXPECT_THAT(events->takePosted(),
-              ElementsAre("mouse 1 (600, 450) button 0", "mouse 2 (600, 450) button 0"));
+  EXPECT_THAT(posted(service.pointer(Phase::up, 0.5, 0.5)), IsEmpty());
+  EXPECT_THAT(posted(service.move(0, 0, 1)), ElementsAre(at(5, "600, 450")));
+  EXPECT_THAT(posted(service.tap(0.5, 0.5)), ElementsAre(at(1, "600, 450"), at(2, "600, 450")));
 }
 
 TEST_F(RemoteControlServiceTest, HeldButtonIsLetGoWhereverControlMayBeLost) {
@@ -75,11 +73,11 @@ TEST_F(RemoteControlServiceTest, HeldButtonIsLetGoWhereverControlMayBeLost) {
     service.pointer(Phase::down, 0.1, 0.2);
     events->posted.clear();
   };
-  const std::string up = "mouse 2 (200, 300) button 0";
+  const std::string up = at(2, "200, 300");
 
   press();
   service.pointer(Phase::down, 0.5, 0.5);
-  EXPECT_THAT(events->takePosted(), ElementsAre(up, "mouse 1 (600, 450) button 0"));
+  EXPECT_THAT(events->takePosted(), ElementsAre(up, at(1, "600, 450")));
 
   // Even by a press that is refused itself.
   for (const double bad : {-0.01, 1.01, kNaN, kInfinity}) {
@@ -116,31 +114,21 @@ TEST_F(RemoteControlServiceTest, TargetThatChangesMidwayIsNotTouched) {
 
 TEST_F(RemoteControlServiceTest, FrameIsThatOfTheDisplayNowElseTheFallback) {
   displays->area = {-50, 0, 200, 100};
-  EXPECT_EQ(service.pointer(Phase::move, 0.5, 0.5), Result::clicked);
+  EXPECT_THAT(posted(service.pointer(Phase::move, 0.5, 0.5)), ElementsAre(at(5, "50, 50")));
   displays->area = {};
-  EXPECT_EQ(service.pointer(Phase::move, 0.5, 0.5), Result::clicked);
-  EXPECT_THAT(events->takePosted(), ElementsAre("mouse 5 (50, 50) button 0", "mouse 5 (5, 5) button 0"));
-
+  EXPECT_THAT(posted(service.pointer(Phase::move, 0.5, 0.5)), ElementsAre(at(5, "5, 5")));
   service.setTarget(RemoteControlTarget{Rect{0, 0, 0, 10}, std::nullopt});
   EXPECT_EQ(service.pointer(Phase::move, 0.5, 0.5), Result::invalidCoordinates);
-  EXPECT_THAT(events->takePosted(), IsEmpty());
 }
 
 TEST_F(RemoteControlServiceTest, RelativeMoveStaysOnePointInside) {
   events->cursor = Point{110, 210};
-  EXPECT_EQ(service.move(0.1, 0.1, 3.0), Result::clicked);    // from the cursor
-  EXPECT_EQ(service.move(0.1, -0.1, 0.25), Result::clicked);  // from where it was put last
-  EXPECT_EQ(service.move(9, 9, 1), Result::clicked);
-  EXPECT_EQ(service.move(-9, -9, 1), Result::clicked);
-  EXPECT_THAT(events->takePosted(),
-              ElementsAre("mouse 5 (410, 360) button 0", "mouse 5 (435, 347.5) button 0",
-                          "mouse 5 (1099, 699) button 0", "mouse 5 (100, 200) button 0"));
-
-  service.setButton(true);
-  EXPECT_EQ(service.move(0.1, 0, 1), Result::clicked);
-  EXPECT_THAT(events->takePosted(),
-              ElementsAre("mouse 1 (110, 210) button 0", "mouse 6 (210, 210) button 0"));
-
+  EXPECT_THAT(posted(service.move(0.1, 0.1, 3.0)), ElementsAre(at(5, "410, 360")));      // from the cursor
+  EXPECT_THAT(posted(service.move(0.1, -0.1, 0.25)), ElementsAre(at(5, "435, 347.5")));  // from there
+  EXPECT_THAT(posted(service.move(9, 9, 1)), ElementsAre(at(5, "1099, 699")));
+  EXPECT_THAT(posted(service.move(-9, -9, 1)), ElementsAre(at(5, "100, 200")));
+  EXPECT_THAT(posted(service.setButton(true)), ElementsAre(at(1, "110, 210")));
+  EXPECT_THAT(posted(service.move(0.1, 0, 1)), ElementsAre(at(6, "210, 210")));
   for (const double sensitivity : {0.2499, 3.01, kNaN}) {
     EXPECT_EQ(service.move(0, 0, sensitivity), Result::invalidCoordinates);
   }
@@ -149,29 +137,26 @@ TEST_F(RemoteControlServiceTest, RelativeMoveStaysOnePointInside) {
 }
 
 TEST_F(RemoteControlServiceTest, ClicksStartFromTheCursorThenTheLastPointThenTheMiddle) {
-  EXPECT_EQ(service.click(RemoteMouseButton::left), Result::clicked);
-  service.pointer(Phase::move, 0, 0);
-  EXPECT_EQ(service.click(RemoteMouseButton::left), Result::clicked);
+  const auto click = [this](RemoteMouseButton button) { return posted(service.click(button)); };
+  EXPECT_THAT(click(RemoteMouseButton::left), ElementsAre(at(1, "600, 450"), at(2, "600, 450")));
+  posted(service.pointer(Phase::move, 0, 0));
+  EXPECT_THAT(click(RemoteMouseButton::left), ElementsAre(at(1, "100, 200"), at(2, "100, 200")));
   events->cursor = Point{7, 8};
-  EXPECT_EQ(service.click(RemoteMouseButton::right), Result::clicked);
-  EXPECT_THAT(events->takePosted(), ElementsAre("mouse 1 (600, 450) button 0", "mouse 2 (600, 450) button 0",
-                                                "mouse 5 (100, 200) button 0", "mouse 1 (100, 200) button 0",
-                                                "mouse 2 (100, 200) button 0", "mouse 3 (7, 8) button 1",
-                                                "mouse 4 (7, 8) button 1"));
-
+  EXPECT_THAT(click(RemoteMouseButton::right),
+              ElementsAre("mouse 3 (7, 8) button 1", "mouse 4 (7, 8) button 1"));
   // A click leaves the service's own state alone: no button is held, and the last point is the earlier one.
   service.releaseButton();
-  EXPECT_EQ(service.move(0, 0, 1), Result::clicked);
-  EXPECT_THAT(events->takePosted(), ElementsAre("mouse 5 (100, 200) button 0"));
+  EXPECT_THAT(posted(service.move(0, 0, 1)), ElementsAre(at(5, "100, 200")));
 }
 
 TEST_F(RemoteControlServiceTest, ScrollTruncatesAndLimits) {
-  for (const auto& [dx, dy] :
-       {std::pair{0.0, 0.2}, {0.0, 1.0}, {0.0, 0.001}, {-0.0999, 0.0}, {-9.0, -0.05}}) {
-    EXPECT_EQ(service.scroll(dx, dy), Result::clicked);
+  for (const auto& [dx, dy, line] : {std::tuple{0.0, 0.2, "scroll -120 0"},
+                                     {0.0, 1.0, "scroll -120 0"},
+                                     {0.0, 0.001, "scroll 0 0"},
+                                     {-0.0999, 0.0, "scroll 0 59"},
+                                     {-9.0, -0.05, "scroll 30 120"}}) {
+    EXPECT_THAT(posted(service.scroll(dx, dy)), ElementsAre(line));
   }
-  EXPECT_THAT(events->takePosted(),
-              ElementsAre("scroll -120 0", "scroll -120 0", "scroll 0 0", "scroll 0 59", "scroll 30 120"));
   EXPECT_EQ(service.scroll(kNaN, 0), Result::invalidCoordinates);
   EXPECT_EQ(service.scroll(0, kInfinity), Result::invalidCoordinates);
 }
@@ -179,52 +164,37 @@ TEST_F(RemoteControlServiceTest, ScrollTruncatesAndLimits) {
 TEST_F(RemoteControlServiceTest, TextTravelsInChunksThatCutNoCharacter) {
   const auto typed = [this](const std::string& text) {
     events->texts.clear();
-    events->posted.clear();
-    EXPECT_EQ(service.typeText(text), Result::clicked) << text;
+    const auto lines = posted(service.typeText(text));
     // Each chunk is a down and an up with the same text.
     std::vector<std::u16string> chunks;
     for (std::size_t index = 0; index < events->texts.size(); index += 2) {
       EXPECT_EQ(events->texts[index], events->texts[index + 1]);
-      EXPECT_EQ(events->posted[index], "key 0 down");
-      EXPECT_EQ(events->posted[index + 1], "key 0 up");
+      EXPECT_EQ(lines[index] + lines[index + 1], "key 0 downkey 0 up");
       chunks.push_back(events->texts[index]);
     }
     return chunks;
   };
-
-  const auto chunks = typed(std::string(200, 'a'));
-  EXPECT_EQ(chunks, std::vector<std::u16string>(10, std::u16string(20, u'a')));
-
+  EXPECT_EQ(typed(std::string(200, 'a')), std::vector<std::u16string>(10, std::u16string(20, u'a')));
   // 11 units a family: the second does not fit behind the first.
-  const std::u16string family = u"\U0001F468\u200D\U0001F469\u200D\U0001F467\u200D\U0001F466";
-  const std::string familyBytes = "\U0001F468\u200D\U0001F469\u200D\U0001F467\u200D\U0001F466";
-  EXPECT_THAT(typed("ab" + familyBytes + familyBytes), ElementsAre(u"ab" + family, family));
-
+  const std::string family = "\U0001F468\u200D\U0001F469\u200D\U0001F467\u200D\U0001F466";
+  EXPECT_THAT(typed("ab" + family + family), ElementsAre(u"ab" + utf16(family), utf16(family)));
   // A character longer than a chunk travels alone and whole.
   std::string accents = "e";
-  std::u16string accents16 = u"e";
-  for (int count = 0; count < 25; ++count) {
-    accents += "\u0301";
-    accents16 += u'\u0301';
-  }
-  EXPECT_THAT(typed(accents), ElementsAre(accents16));
-  EXPECT_THAT(typed("x" + accents + "y"), ElementsAre(u"x", accents16, u"y"));
-
-  events->posted.clear();
-  EXPECT_EQ(service.typeText(""), Result::eventFailed);
-  EXPECT_EQ(service.typeText(std::string(201, 'a')), Result::eventFailed);
-  EXPECT_THAT(events->takePosted(), IsEmpty());
+  for (int count = 0; count < 25; ++count) accents += "\u0301";
+  EXPECT_THAT(typed("x" + accents + "y"), ElementsAre(u"x", utf16(accents), u"y"));
+  EXPECT_THAT(typed(accents), ElementsAre(utf16(accents)));
   std::string wide;  // the limit counts UTF-16, not bytes
   for (int count = 0; count < 200; ++count) wide += "\u65E5";
   EXPECT_EQ(typed(wide).size(), 10U);
+  EXPECT_EQ(service.typeText(""), Result::eventFailed);
+  EXPECT_EQ(service.typeText(std::string(201, 'a')), Result::eventFailed);
+  EXPECT_THAT(events->takePosted(), IsEmpty());
 }
 
 TEST_F(RemoteControlServiceTest, KeysByName) {
-  EXPECT_EQ(service.pressKey("return"), Result::clicked);
-  EXPECT_EQ(service.pressKey("up"), Result::clicked);
-  EXPECT_THAT(events->takePosted(), ElementsAre("key 36 down", "key 36 up", "key 126 down", "key 126 up"));
+  EXPECT_THAT(posted(service.pressKey("return")), ElementsAre("key 36 down", "key 36 up"));
+  EXPECT_THAT(posted(service.pressKey("up")), ElementsAre("key 126 down", "key 126 up"));
   EXPECT_THAT(events->texts, IsEmpty());
-
   // An unknown name is told before everything else.
   service.setEnabled(false);
   for (const auto* name : {"Return", "", "enter", "ff"}) {
@@ -236,12 +206,10 @@ TEST_F(RemoteControlServiceTest, PlayKeyNeedsNoTarget) {
   service.setTarget(std::nullopt);
   EXPECT_EQ(service.togglePlayPause(), Result::clicked);
   ASSERT_EQ(events->systemDefined.size(), 2U);
-  const auto& [down, up] = std::pair{events->systemDefined[0], events->systemDefined[1]};
-  EXPECT_EQ(down.data1, 0x100A00);
-  EXPECT_EQ(down.modifierFlags, 0x0A00U);
-  EXPECT_EQ(up.data1, 0x100B00);
-  EXPECT_EQ(up.modifierFlags, 0x0B00U);
-  for (const auto& event : events->systemDefined) {
+  for (std::size_t index = 0; index < 2; ++index) {
+    const auto& event = events->systemDefined[index];
+    EXPECT_EQ(event.data1, index == 0 ? 0x100A00 : 0x100B00);
+    EXPECT_EQ(event.modifierFlags, index == 0 ? 0x0A00U : 0x0B00U);
     EXPECT_EQ(event.type, 14);
     EXPECT_EQ(event.subtype, 8);
     EXPECT_EQ(event.data2, -1);

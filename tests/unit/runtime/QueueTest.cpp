@@ -1,9 +1,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <future>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -143,52 +143,33 @@ TEST_P(QueueRules, ManyCancelledTimersDoNotDisturbTheOthers) {
 TEST(RunLoopQueue, StopEndsTheRunAndALaterRunGoesOn) {
   auto loop = std::make_shared<RunLoopQueue>("loop");
   int runs = 0;
-  loop->post([&] {
-    loop->stop();
-    loop->post([&] { ++runs; });
-  });
-  loop->run();
-  EXPECT_EQ(runs, 1);
-  loop->post([&] {
+  const auto runAndStop = [&] {
     ++runs;
     loop->stop();
-  });
+    loop->post([&] { ++runs; });
+  };
+  loop->post(runAndStop);
   loop->run();
   EXPECT_EQ(runs, 2);
+  loop->post(runAndStop);
+  loop->run();
+  EXPECT_EQ(runs, 4);
 }
 
-TEST(RunLoopQueueDeathTest, WorkThatThrowsEndsTheProcess) {
-  ::testing::FLAGS_gtest_death_test_style = "threadsafe";
-  EXPECT_DEATH(
-      {
-        RunLoopQueue loop("throws");
-        loop.post([] { throw std::runtime_error("nobody catches this"); });
-        drain(loop);
-      },
-      "nobody catches this");
-}
-
-TEST(ThreadQueue, RunsOnItsOwnThreadOnly) {
-  auto queue = std::make_shared<ThreadQueue>("com.example.a-rather-long-name");
-  auto other = std::make_shared<ThreadQueue>("other");
-  EXPECT_FALSE(queue->isCurrent());
-  std::promise<std::pair<bool, bool>> inside;
-  queue->post([&] { inside.set_value({queue->isCurrent(), other->isCurrent()}); });
-  EXPECT_EQ(inside.get_future().get(), (std::pair{true, false}));
-  EXPECT_EQ(queue->name(), "com.example.a-rather-long-name");
-}
-
-TEST(ThreadQueue, KeepsTheOrderOfEachPosterAndRunsDelayedWork) {
-  constexpr int kPosters = 4;
+TEST(ThreadQueue, KeepsTheOrderOfEachPosterOnItsOwnThread) {
   constexpr int kPieces = 500;
-  std::vector<std::vector<int>> seen(kPosters);
+  std::array<std::vector<int>, 4> seen;
   std::promise<void> delayedRan;
-  auto queue = std::make_shared<ThreadQueue>("order");
-  queue->postAfter(1ms, [&] { delayedRan.set_value(); });
+  auto queue = std::make_shared<ThreadQueue>("com.example.a-rather-long-name");
+  EXPECT_FALSE(queue->isCurrent());
+  queue->postAfter(1ms, [&] {
+    EXPECT_TRUE(queue->isCurrent());
+    delayedRan.set_value();
+  });
   std::vector<std::thread> posters;
-  for (std::size_t poster = 0; poster < kPosters; ++poster) {
-    posters.emplace_back([&seen, queue, poster] {
-      for (int i = 0; i < kPieces; ++i) queue->post([&seen, poster, i] { seen[poster].push_back(i); });
+  for (auto& values : seen) {
+    posters.emplace_back([&values, queue] {
+      for (int i = 0; i < kPieces; ++i) queue->post([&values, i] { values.push_back(i); });
     });
   }
   for (auto& poster : posters) poster.join();
@@ -196,7 +177,7 @@ TEST(ThreadQueue, KeepsTheOrderOfEachPosterAndRunsDelayedWork) {
   posters.clear();
   queue = nullptr;  // runs what was posted, and joins
   for (const auto& values : seen) {
-    ASSERT_EQ(values.size(), static_cast<std::size_t>(kPieces));
+    EXPECT_EQ(values.size(), std::size_t{kPieces});
     EXPECT_TRUE(std::is_sorted(values.begin(), values.end()));
   }
 }
@@ -214,12 +195,7 @@ TEST(ThreadQueue, CancelFromAnotherThreadAndStartExcludeEachOther) {
 
 TEST(ThreadQueue, MayBeDestroyedByItsOwnWork) {
   std::promise<void> gone;
-  struct Tells {
-    explicit Tells(std::promise<void>& told) : promise(told) {}
-    ~Tells() { promise.set_value(); }
-    std::promise<void>& promise;
-  };
-  auto tells = std::make_shared<Tells>(gone);
+  auto tells = std::shared_ptr<void>(nullptr, [&](void*) { gone.set_value(); });
   auto queue = std::make_shared<ThreadQueue>("self");
   auto* raw = queue.get();
   raw->postAfter(1h, [tells] { FAIL(); });
@@ -232,99 +208,79 @@ TEST(ManualTime, OneLineOfWorkForAllQueuesAndTheClockStandsAtEachInstant) {
   auto time = ManualTime::make();
   auto a = time->makeQueue("a");
   auto b = time->makeQueue("b");
-  EXPECT_TRUE(a->isCurrent() && b->isCurrent());
   const Duration start = time->continuousNow();
   std::vector<std::pair<char, Duration>> seen;
   auto see = [&](char name) { seen.emplace_back(name, time->continuousNow() - start); };
   b->postAfter(2s, [&] { see('b'); });
   a->postAfter(1s, [&] {
     see('a');
-    EXPECT_TRUE(a->isCurrent());
-    EXPECT_FALSE(b->isCurrent());
+    EXPECT_TRUE(a->isCurrent() && !b->isCurrent());
     b->postAfter(1s, [&] { see('c'); });
   });
   a->postAfter(3s, [&] { see('d'); });
-  EXPECT_EQ(time->pendingDelayedWork(), 3u);
   time->runReady();
   EXPECT_TRUE(seen.empty());
   time->advance(2500ms);
   using Seen = std::pair<char, Duration>;
   EXPECT_EQ(seen, (std::vector<Seen>{{'a', 1s}, {'b', 2s}, {'c', 2s}}));
   EXPECT_EQ(time->continuousNow() - start, 2500ms);
-  EXPECT_DOUBLE_EQ(time->uptimeSeconds(), std::chrono::duration<double>(start).count() + 2.5);
   EXPECT_EQ(time->pendingDelayedWork(), 1u);
-  time->discardAll();
-  time->advance(1h);
-  EXPECT_EQ(seen.size(), 3u);
-  std::weak_ptr<ManualTime> weak = time;
   time = nullptr;
-  EXPECT_TRUE(weak.expired());
   a->post([] { FAIL(); });
   EXPECT_FALSE(a->postAfter(1s, [] { FAIL(); }).isPending());
 }
 
 TEST(Published, TellsOnlyOfChangesAndEachObserverOnce) {
-  Published<int> value(1);
+  auto value = std::make_unique<Published<int>>(1);
   std::vector<std::string> told;
   auto teller = [&](std::string name) {
     return [&told, name](int now) { told.push_back(name + std::to_string(now)); };
   };
-  auto first = value.observe(teller("a"));
+  auto first = value->observe(teller("a"));
   // Corrects what it sees while it is being told of it.
-  auto correcting = value.observe([&](int now) {
-    if (now == 5) value = 6;
+  auto correcting = value->observe([&](int now) {
+    if (now == 5) *value = 6;
   });
-  auto last = value.observe(teller("b"));
-  value = 1;
-  value.update([](int&) {});
-  EXPECT_TRUE(told.empty());
-  value = 2;
-  value = 5;
-  EXPECT_EQ(told, (std::vector<std::string>{"a2", "b2", "a5", "a6", "b6"}));
-}
-
-TEST(Published, ObservationsMayEndDuringANotification) {
-  auto value = std::make_unique<Published<int>>(0);
-  int laterCalls = 0;
-  int ownCalls = 0;
-  Observation own;
-  Observation later;
-  own = value->observe([&](int) {
-    ++ownCalls;
-    own.reset();
-    later.reset();
-  });
-  later = value->observe([&](int) { ++laterCalls; });
+  auto last = value->observe(teller("b"));
   *value = 1;
+  value->update([](int&) {});
+  EXPECT_TRUE(told.empty());
   *value = 2;
-  EXPECT_EQ(ownCalls, 1);
-  EXPECT_EQ(laterCalls, 0);
-  Observation outlives = value->observe([](int) {});
+  *value = 5;
+  EXPECT_EQ(told, (std::vector<std::string>{"a2", "b2", "a5", "a6", "b6"}));
+
+  // Observations may end within a notification, and outlive the value.
+  told.clear();
+  Observation ending;
+  ending = value->observe([&](int) {
+    last.reset();
+    ending.reset();
+  });
+  auto late = value->observe(teller("c"));
+  *value = 7;
+  *value = 8;
+  EXPECT_EQ(told, (std::vector<std::string>{"a7", "b7", "c7", "a8", "c8"}));
   value = nullptr;
-  outlives.reset();
+  first.reset();
 }
 
-TEST(Log, SinkGetsEveryFieldAndAnEmptySinkDropsLines) {
+TEST(Log, NoLockIsHeldWhileASinkWritesAndAnEmptySinkDropsLines) {
   struct Sink final : LogSink {
-    void write(LogLevel level, std::string_view subsystem, std::string_view category,
+    void write(LogLevel, std::string_view subsystem, std::string_view category,
                std::string_view message) override {
-      lines.push_back(std::to_string(static_cast<int>(level)) + "|" + std::string(subsystem) + "|" +
-                      std::string(category) + "|" + std::string(message));
+      lines.push_back(std::string(subsystem) + "|" + std::string(category) + "|" + std::string(message));
       if (message == "again") Logger("Inner").error("from the sink");
     }
     std::vector<std::string> lines;
   };
   auto sink = std::make_shared<Sink>();
   auto before = setLogSink(sink);
-  const Logger logger("Capture");
-  logger.notice("up");
-  logger.info("again");  // no lock is held while a sink writes
+  Logger("Capture").info("again");
   EXPECT_EQ(setLogSink(nullptr), sink);
-  logger.error("nowhere");
+  Logger("Capture").error("nowhere");
   setLogSink(before);
-  EXPECT_EQ(sink->lines, (std::vector<std::string>{"2|com.fennwick.Kestrune|Capture|up",
-                                                   "1|com.fennwick.Kestrune|Capture|again",
-                                                   "3|com.fennwick.Kestrune|Inner|from the sink"}));
+  EXPECT_EQ(sink->lines, (std::vector<std::string>{"com.fennwick.Kestrune|Capture|again",
+                                                   "com.fennwick.Kestrune|Inner|from the sink"}));
 }
 
 TEST(Log, StandardErrorLinesAreWholeFilteredAndNotForgeable) {

@@ -97,21 +97,17 @@ TEST_F(TaskTest, CancellationMeetsATaskBeforeDuringAndAfterItsSleep) {
   auto during = startTask(queue, sleeper(notes, Witness(alive), 1h));
   time->advance(30min);
   during.cancel();
-  during.cancel();
   EXPECT_EQ(notes.size(), 1u);  // it goes on in a turn of its own, not inside cancel()
   time->runReady();
-  EXPECT_EQ(notes.size(), 2u);
   EXPECT_TRUE(isCancellation(during.failure()));
   EXPECT_EQ(time->pendingDelayedWork(), 0u);
 
   auto after = startTask(queue, sleeper(notes, Witness(alive), 1s));
   time->advance(1s);
-  EXPECT_EQ(notes.back(), "woke");
   after.cancel();
   time->advance(1h);
-  EXPECT_TRUE(after.isFinished());
   EXPECT_FALSE(after.failure());
-  EXPECT_EQ(notes.size(), 3u);
+  EXPECT_EQ(notes, (Notes{"cancelled", "cancelled", "woke"}));
   EXPECT_EQ(alive, 0);
 }
 
@@ -137,61 +133,22 @@ TEST_F(TaskTest, ChecksSeeTheFlagWithoutSuspending) {
 TEST_F(TaskTest, AnyNumberOfWaitersGoOnHoweverTheTaskEnds) {
   auto slow = startTask(queue, sleeper(notes, Witness(alive), 1s));
   startTask(queue, waitFor(notes, "first", slow));
-  startTask(queue, waitFor(notes, "second", slow));
   slow.whenFinished([this] { notes.push_back("callback"); });
-  auto cancelledWaiter = startTask(queue, waitFor(notes, "third", slow));
+  auto cancelledWaiter = startTask(queue, waitFor(notes, "second", slow));
   cancelledWaiter.cancel();  // does not interrupt the wait
   time->runReady();
   EXPECT_TRUE(notes.empty());
   slow.cancel();
   time->runReady();
-  ASSERT_EQ(notes.size(), 5u);
   EXPECT_EQ(notes.front(), "cancelled");
-  for (const char* name : {"first", "second", "callback", "third"}) {
-    EXPECT_EQ(std::count(notes.begin(), notes.end(), name), 1) << name;
-  }
-  notes.clear();
+  std::sort(notes.begin(), notes.end());
+  EXPECT_EQ(notes, (Notes{"callback", "cancelled", "first", "second"}));
   startTask(queue, waitFor(notes, "late", slow));
   startTask(queue, waitFor(notes, "empty", TaskHandle()));
   slow.whenFinished([this] { notes.push_back("late callback"); });
-  EXPECT_TRUE(notes.empty());
+  EXPECT_EQ(notes.size(), 4u);
   time->runReady();
-  EXPECT_EQ(notes.size(), 3u);
-}
-
-/// The pattern of every periodic task: no turn keeps the owner alive beyond itself.
-class Owner : public std::enable_shared_from_this<Owner> {
- public:
-  explicit Owner(Notes& notes) : notes_(notes) {}
-  void start(const std::shared_ptr<SerialQueue>& queue) { task = startTask(queue, loop(weak_from_this())); }
-  TaskHandle task;
-
- private:
-  static Task<void> loop(std::weak_ptr<Owner> weak) {
-    for (;;) {
-      if (auto self = weak.lock()) {
-        self->notes_.push_back("turn");
-      } else {
-        co_return;
-      }
-      co_await sleepFor(1s);
-    }
-  }
-  Notes& notes_;
-};
-
-TEST_F(TaskTest, AnOwnerMayDieWhileItsTaskSleeps) {
-  auto owner = std::make_shared<Owner>(notes);
-  owner->start(queue);
-  time->advance(1s);
-  EXPECT_EQ(notes.size(), 2u);
-  const TaskHandle task = owner->task;
-  std::weak_ptr<Owner> weak = owner;
-  owner = nullptr;
-  EXPECT_TRUE(weak.expired());
-  time->advance(1s);
-  EXPECT_TRUE(task.isFinished());
-  EXPECT_EQ(notes.size(), 2u);
+  EXPECT_EQ(notes.size(), 7u);
 }
 
 TEST_F(TaskTest, AQueueThatEndsTakesItsTasksWithIt) {
@@ -219,9 +176,7 @@ TEST_F(TaskTest, ASleepingTaskDoesNotKeepARealQueueAlive) {
   auto handle = startTask(thread, sleeper(notes, Witness(alive), 1h));
   thread->post([&] { asleep.set_value(); });
   asleep.get_future().wait();
-  std::weak_ptr<ThreadQueue> weak = thread;
   thread = nullptr;
-  EXPECT_TRUE(weak.expired());
   EXPECT_TRUE(isCancellation(handle.failure()));
   EXPECT_EQ(alive, 0);
 }
@@ -249,7 +204,6 @@ TEST_F(TaskTest, CompletionsGiveOneResultOrFailureOrAbandonTheTask) {
   EXPECT_TRUE(notes.empty());  // resumed in a turn of its own
   time->runReady();
   EXPECT_EQ(notes, Notes{"7"});
-  done.reset();
 
   startTask(queue, awaits(notes, Witness(alive), done));
   time->runReady();
@@ -296,26 +250,27 @@ Task<void> countOnThread(std::shared_ptr<SerialQueue> queue, std::shared_ptr<Ser
   }
 }
 
-TEST_F(TaskTest, CompletionsFromAnotherThreadResumeOnTheTasksQueue) {
+/// Calls `start` and waits for the end of the task that it gives.
+template <class Start>
+void runToEnd(Start start) {
+  std::promise<void> ended;
+  TaskHandle handle = start();
+  handle.whenFinished([&] { ended.set_value(); });
+  ended.get_future().wait();
+}
+
+TEST_F(TaskTest, CompletionsAndCancellationsComeFromOtherThreads) {
   auto thread = std::make_shared<ThreadQueue>("task");
   auto platform = std::make_shared<ThreadQueue>("platform");
   int count = 0;
-  std::promise<void> ended;
-  auto handle = startTask(thread, countOnThread(thread, platform, count));
-  handle.whenFinished([&] { ended.set_value(); });
-  ended.get_future().wait();
+  runToEnd([&] { return startTask(thread, countOnThread(thread, platform, count)); });
   EXPECT_EQ(count, 200);
-}
-
-TEST_F(TaskTest, CancellationFromAnotherThreadRacesWithWaking) {
-  auto thread = std::make_shared<ThreadQueue>("task");
   for (int round = 0; round < 200; ++round) {
-    std::promise<void> ended;
-    auto handle = startTask(thread, sleeper(notes, Witness(alive), std::chrono::microseconds(round % 20)));
-    handle.whenFinished([&] { ended.set_value(); });
-    handle.cancel();
-    ended.get_future().wait();
-    EXPECT_TRUE(handle.isFinished());
+    runToEnd([&] {
+      auto handle = startTask(thread, sleeper(notes, Witness(alive), std::chrono::microseconds(round % 20)));
+      handle.cancel();
+      return handle;
+    });
   }
   thread = nullptr;
   EXPECT_EQ(notes.size(), 200u);
