@@ -17,6 +17,7 @@
 #include <xcb/xcb.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
@@ -36,28 +37,23 @@ constexpr int kSquareSide = 240;
 constexpr int kVideoWidth = 1280;
 constexpr int kVideoHeight = 720;
 constexpr int kVideoPictures = 30;
+constexpr int kLineHeight = 18;
+constexpr std::uint32_t kPaper = 0xF4F4F0;
+constexpr std::uint32_t kInk = 0x202428;
 
-/// A page of glyph-like marks: rows of 16 pixels, words of 8-pixel cells, dark on light. As busy as small
-/// text.
-std::vector<std::uint32_t> drawPage(int width, int height) {
-  std::vector<std::uint32_t> pixels(static_cast<std::size_t>(width) * static_cast<std::size_t>(height),
-                                    0xFFF4F4F0);
-  std::mt19937 random(7);
-  for (int top = 4; top + 16 <= height; top += 20) {
-    const int indent = 24 + static_cast<int>(random() % 3) * 24;
-    for (int left = indent; left + 8 <= width - 24; left += 9) {
-      if (random() % 6 == 0) continue;  // between two words
-      const std::uint64_t glyph = (static_cast<std::uint64_t>(random()) << 32) | random();
-      for (int row = 0; row < 11; ++row) {
-        for (int column = 0; column < 6; ++column) {
-          if (((glyph >> ((row * 6 + column) % 64)) & 1U) == 0) continue;
-          pixels[static_cast<std::size_t>(top + row + 2) * static_cast<std::size_t>(width) +
-                 static_cast<std::size_t>(left + column)] = 0xFF202428;
-        }
-      }
-    }
-  }
-  return pixels;
+/// One line of words, long enough for any display: as text on screens is, in frequent words of all lengths.
+std::string lineOfText(std::mt19937& random) {
+  constexpr std::array kWords{
+      "the",   "of",    "and",     "to",      "in",        "a",       "is",      "that",        "for",
+      "it",    "as",    "was",     "with",    "be",        "by",      "on",      "not",         "he",
+      "his",   "but",   "at",      "are",     "this",      "have",    "from",    "which",       "one",
+      "had",   "were",  "all",     "their",   "when",      "who",     "will",    "more",        "would",
+      "about", "other", "Display", "picture", "according", "between", "through", "information", "However,"};
+  std::string line(random() % 3 * 4, ' ');
+  while (line.size() < 240)
+    line.append(kWords[random() % kWords.size()]).append(random() % 12 == 0 ? ". " : " ");
+  line.resize(240);  // at most 255 characters go into one request
+  return line;
 }
 
 /// One picture of a smooth moving scene with some grain.
@@ -117,6 +113,36 @@ class Screen {
     return pixmap;
   }
 
+  /// A page of small text, dark on light, in the font that every display server has built in.
+  xcb_pixmap_t drawPage(int width, int height) {
+    const xcb_pixmap_t pixmap = xcb_generate_id(connection_);
+    xcb_create_pixmap(connection_, screen_->root_depth, pixmap, window_, static_cast<std::uint16_t>(width),
+                      static_cast<std::uint16_t>(height));
+    const xcb_font_t font = xcb_generate_id(connection_);
+    constexpr std::string_view kFont = "fixed";
+    if (auto* error = xcb_request_check(
+            connection_, xcb_open_font_checked(connection_, font, kFont.size(), kFont.data()))) {
+      std::free(error);
+      std::fputs("screen_content: the display has no font\n", stderr);
+      std::exit(1);
+    }
+    const std::uint32_t colours[] = {kPaper, kPaper, font};
+    xcb_change_gc(connection_, context_, XCB_GC_FOREGROUND | XCB_GC_BACKGROUND | XCB_GC_FONT, colours);
+    const xcb_rectangle_t whole{0, 0, static_cast<std::uint16_t>(width), static_cast<std::uint16_t>(height)};
+    xcb_poly_fill_rectangle(connection_, pixmap, context_, 1, &whole);
+    xcb_change_gc(connection_, context_, XCB_GC_FOREGROUND, &kInk);
+    std::mt19937 random(7);
+    for (int baseline = 15; baseline < height; baseline += kLineHeight) {
+      // Two columns fill a wide display.
+      for (int left = 24; left < width; left += 1440) {
+        const std::string line = lineOfText(random);
+        xcb_image_text_8(connection_, static_cast<std::uint8_t>(line.size()), pixmap, context_,
+                         static_cast<std::int16_t>(left), static_cast<std::int16_t>(baseline), line.data());
+      }
+    }
+    return pixmap;
+  }
+
   void copy(xcb_pixmap_t from, int sourceY, int x, int y, int width, int height) {
     xcb_copy_area(connection_, from, window_, context_, 0, static_cast<std::int16_t>(sourceY),
                   static_cast<std::int16_t>(x), static_cast<std::int16_t>(y),
@@ -166,8 +192,7 @@ class Scene {
     clicks_ = name.starts_with("click");
     caret_ = name == "caret";
     video_ = name == "video";
-    page_ = screen_.upload(drawPage(screen_.width(), screen_.height() * 2), screen_.width(),
-                           screen_.height() * 2);
+    page_ = screen_.drawPage(screen_.width(), screen_.height() * 2);
     if (video_) {
       for (int index = 0; index < kVideoPictures; ++index) {
         pictures_.push_back(screen_.upload(drawPicture(index), kVideoWidth, kVideoHeight));
@@ -217,7 +242,7 @@ class Scene {
                    (screen_.width() - kVideoWidth) / 2, (screen_.height() - kVideoHeight) / 2, kVideoWidth,
                    kVideoHeight);
     } else if (caret_) {
-      screen_.fill(count_ % 2 == 0 ? 0xF4F4F0U : 0x000000U, 400, 305, 2, 18);
+      screen_.fill(count_ % 2 == 0 ? kPaper : kInk, 400, 305, 2, 18);
     }
     screen_.flush();
   }

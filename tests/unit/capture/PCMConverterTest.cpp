@@ -55,7 +55,7 @@ AudioSample floats(int channels, const std::vector<float>& values, int sampleRat
   AudioSample sample;
   sample.format = AudioFormat{Encoding::float32, false, true, sampleRate, channels};
   sample.data.resize(values.size() * sizeof(float));
-  std::memcpy(sample.data.data(), values.data(), sample.data.size());
+  if (!values.empty()) std::memcpy(sample.data.data(), values.data(), sample.data.size());
   sample.frameCount = static_cast<int>(values.size()) / channels;
   return sample;
 }

@@ -51,29 +51,37 @@ TEST(FramePacerTest, RepeatsAfterALargeChangeThenGivesASignOfLife) {
   EXPECT_LT(pacer.earliest(), 0ms);
   pacer.delivered(1000ms, 1.0);
   EXPECT_EQ(pacer.earliest(), 1016ms);
-  for (const Duration due : {1050ms, 1150ms, 1350ms, 2350ms, 3350ms}) {
-    ASSERT_EQ(pacer.nextRepeat(), due);
-    pacer.delivered(due, 0);
+  for (const Duration repeat : FramePacer::kRepeats) {
+    ASSERT_EQ(pacer.nextRepeat(), 1000ms + repeat);
+    pacer.delivered(1000ms + repeat, 0);
   }
-  // A change starts over, and a small one soon after a large one does not take its repeats away.
+  EXPECT_EQ(pacer.nextRepeat(), 1000ms + FramePacer::kRepeats.back() + FramePacer::kSignOfLife);
+  // A change starts over, and small ones after a large one neither take its repeats away nor prolong them.
   pacer.delivered(4000ms, 0.5);
-  pacer.delivered(4020ms, 0.001);
-  EXPECT_EQ(pacer.nextRepeat(), 4070ms);
+  Duration time = 4020ms;
+  for (; time < 5500ms; time += 20ms) {
+    pacer.delivered(time, 0.001);
+    ASSERT_LE(*pacer.nextRepeat(), time + FramePacer::kSmallRepeat);
+  }
+  pacer.delivered(5520ms, 0.001);
+  EXPECT_EQ(pacer.nextRepeat(), 5520ms + FramePacer::kSmallRepeat);
 }
 
 TEST(FramePacerTest, SmallChangeIsRepeatedOnce) {
   FramePacer pacer(16ms);
   pacer.delivered(0ms, 0.001);
-  ASSERT_EQ(pacer.nextRepeat(), 100ms);
-  // A picture on demand meanwhile is no substitute: it may have come too soon.
-  pacer.delivered(60ms, 0);
-  ASSERT_EQ(pacer.nextRepeat(), 100ms);
-  pacer.delivered(100ms, 0);
-  EXPECT_EQ(pacer.nextRepeat(), 1100ms);
+  const Duration repeat = FramePacer::kSmallRepeat;
+  ASSERT_EQ(pacer.nextRepeat(), repeat);
+  pacer.delivered(repeat, 0);
+  EXPECT_EQ(pacer.nextRepeat(), repeat + 1s);
+  // Whoever begins with a picture gets it sharp.
+  pacer.delivered(repeat + 60ms, 0);
+  pacer.startedAnew();
+  EXPECT_EQ(pacer.nextRepeat(), repeat + 60ms + FramePacer::kRepeats.front());
   // Never before the minimum interval has passed.
-  FramePacer slow(500ms);
+  FramePacer slow(1500ms);
   slow.delivered(0ms, 0.001);
-  EXPECT_EQ(slow.nextRepeat(), 500ms);
+  EXPECT_EQ(slow.nextRepeat(), 1500ms);
 }
 
 TEST(FramePacerTest, WakingLateDoesNotPutOffTheNextPicture) {

@@ -141,11 +141,15 @@ std::optional<VideoSample> CaptureSession::next(Duration now, bool isRequested) 
   // A cursor that was moved by a program instead of a device is told of by nobody.
   const bool isCursorUnsure = configuration_.showsCursor && isRepeatDue;
   if (isChangePending() || isPointerCheckDue(now) || isCursorUnsure) {
-    if (auto sample = capture(now)) return sample;
+    if (auto sample = capture(now)) {
+      if (isRequested) pacer_.startedAnew();
+      return sample;
+    }
   }
   if (!isRepeatDue || !pool_->hasPicture() || mustReadLayout_) return std::nullopt;
   const Duration time = pacer_.timeOf(now);
   pacer_.delivered(time, 0);
+  if (isRequested) pacer_.startedAnew();
   return makeSample(pool_->repeatPicture(), {}, time);
 }
 

@@ -11,14 +11,18 @@ namespace kestrune::linux_platform {
 
 /// When the next picture may or should go out. Times are of any one monotonic clock. Confined to one thread.
 ///
-/// After the last change the picture is repeated a few times, so that the encoder can sharpen what it coded
-/// in haste, and then about once a second as a sign of life. A small change is sharp at once and is repeated
-/// once: a blinking caret should cost next to nothing.
+/// After a large change the picture is repeated for a while, so that the encoder can sharpen what it coded in
+/// haste as fast as its rate allows, and then about once a second as a sign of life. A small change is sharp
+/// at once and is repeated once, if nothing else changes for a while: a blinking caret should cost next to
+/// nothing.
 class FramePacer {
  public:
-  static constexpr std::array<Duration, 3> kRepeats = {
-      std::chrono::milliseconds(50), std::chrono::milliseconds(150), std::chrono::milliseconds(350)};
-  static constexpr Duration kSmallRepeat = std::chrono::milliseconds(100);
+  static constexpr std::array<Duration, 12> kRepeats = {
+      std::chrono::milliseconds(50),   std::chrono::milliseconds(125),  std::chrono::milliseconds(200),
+      std::chrono::milliseconds(300),  std::chrono::milliseconds(400),  std::chrono::milliseconds(550),
+      std::chrono::milliseconds(700),  std::chrono::milliseconds(850),  std::chrono::milliseconds(1000),
+      std::chrono::milliseconds(1150), std::chrono::milliseconds(1300), std::chrono::milliseconds(1450)};
+  static constexpr Duration kSmallRepeat = std::chrono::milliseconds(600);
   static constexpr Duration kSignOfLife = std::chrono::seconds(1);
   /// Changes of less than this share of the picture are small.
   static constexpr double kSmallShare = 0.02;
@@ -34,18 +38,22 @@ class FramePacer {
 
   /// A picture of `time` was delivered; `changedShare` is 0 for a repeat.
   void delivered(Duration time, double changedShare) {
-    if (changedShare > 0) {
-      // Small changes in quick succession are no more than small, but one large one among them keeps its
-      // repeats.
-      const bool wasLarge = lastChange_ && isLarge_ && nextRepeat_ < kRepeats.size();
-      isLarge_ = changedShare >= kSmallShare || wasLarge;
-      lastChange_ = time;
-      nextRepeat_ = 0;
-    } else {
-      while (repeatDue() && *repeatDue() <= time) ++nextRepeat_;
+    if (changedShare >= kSmallShare) {
+      sharpenAfter(time);
+    } else if (changedShare > 0) {
+      smallRepeat_ = time + kSmallRepeat;
+    } else if (smallRepeat_ && *smallRepeat_ <= time) {
+      smallRepeat_.reset();
+    }
+    // Any picture sharpens, also one with a small change.
+    while (largeChange_ && nextRepeat_ < kRepeats.size() && *largeChange_ + kRepeats[nextRepeat_] <= time) {
+      ++nextRepeat_;
     }
     last_ = time;
   }
+
+  /// The picture just delivered was asked for, by somebody who begins with it: all of it is to be sharpened.
+  void startedAnew() { sharpenAfter(*last_); }
 
   /// The time that a picture made at `now` counts for: these times are never less than the interval apart.
   Duration timeOf(Duration now) const {
@@ -62,17 +70,26 @@ class FramePacer {
   }
 
  private:
+  void sharpenAfter(Duration time) {
+    largeChange_ = time;
+    nextRepeat_ = 0;
+    smallRepeat_.reset();
+  }
+
   std::optional<Duration> repeatDue() const {
-    if (!lastChange_) return std::nullopt;
-    if (!isLarge_) return nextRepeat_ == 0 ? std::optional(*lastChange_ + kSmallRepeat) : std::nullopt;
-    return nextRepeat_ < kRepeats.size() ? std::optional(*lastChange_ + kRepeats[nextRepeat_]) : std::nullopt;
+    std::optional<Duration> due = smallRepeat_;
+    if (largeChange_ && nextRepeat_ < kRepeats.size()) {
+      const Duration large = *largeChange_ + kRepeats[nextRepeat_];
+      due = due ? std::min(*due, large) : large;
+    }
+    return due;
   }
 
   Duration interval_;
   std::optional<Duration> last_;
-  std::optional<Duration> lastChange_;
-  bool isLarge_ = false;
-  std::size_t nextRepeat_ = 0;
+  std::optional<Duration> largeChange_;  // the last one
+  std::size_t nextRepeat_ = 0;           // of those after it
+  std::optional<Duration> smallRepeat_;  // when the last small change is to be repeated
 };
 
 }  // namespace kestrune::linux_platform
