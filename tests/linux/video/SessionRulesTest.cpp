@@ -11,25 +11,47 @@
 namespace kestrune::linux_platform {
 namespace {
 
+/// Asks the schedule, and tells it that its answer was followed.
+bool isKeyframe(KeyframeSchedule& schedule, std::optional<std::int64_t> microseconds,
+                bool isUnchanged = false) {
+  const bool isDue = schedule.isDue(microseconds, isUnchanged);
+  schedule.noteEncoded(isDue, microseconds, isUnchanged);
+  return isDue;
+}
+
 TEST(KeyframeSchedule, TheLimitInFramesOrInTimeWhicheverComesFirst) {
   KeyframeSchedule schedule(4, 2'000'000);
-  EXPECT_TRUE(schedule.isDue(0, true));  // the first frame, whatever it is
-  schedule.noteEncoded(true, 0);
-  for (int frame = 1; frame < 4; ++frame) {
-    EXPECT_FALSE(schedule.isDue(frame, false));
-    schedule.noteEncoded(false, frame);
+  EXPECT_TRUE(isKeyframe(schedule, 0, true));  // the first frame, whatever it is
+  KeyframeSchedule moving(4, 2'000'000);
+  for (std::int64_t frame = 0; frame < 40; ++frame) {
+    ASSERT_EQ(isKeyframe(moving, frame), frame % 4 == 0) << frame;
   }
-  EXPECT_TRUE(schedule.isDue(4, false));
-  EXPECT_FALSE(schedule.isDue(4, true));
+  EXPECT_TRUE(isKeyframe(moving, 40));
+  EXPECT_FALSE(isKeyframe(moving, 2'000'039));
+  EXPECT_TRUE(isKeyframe(moving, 2'000'040));
+  EXPECT_FALSE(isKeyframe(moving, std::nullopt));
+  EXPECT_FALSE(isKeyframe(moving, -5));
+}
 
-  schedule.noteEncoded(true, 4);
-  EXPECT_FALSE(schedule.isDue(2'000'003, false));
-  EXPECT_TRUE(schedule.isDue(2'000'004, false));
-  EXPECT_FALSE(schedule.isDue(2'000'004, true));  // withheld from a repeat ...
-  schedule.noteEncoded(false, 2'000'004);
-  EXPECT_TRUE(schedule.isDue(2'000'005, false));  // ... and given to what follows
-  EXPECT_FALSE(schedule.isDue(std::nullopt, false));
-  EXPECT_FALSE(schedule.isDue(-5, false));
+TEST(KeyframeSchedule, NobodyWaitsForAKeyframeWhereAnUnchangedPictureCanBeOne) {
+  constexpr bool kUnchanged = true;
+  KeyframeSchedule schedule(120, 2'000'000);
+  EXPECT_TRUE(isKeyframe(schedule, 0));
+  // A still screen needs none.
+  for (std::int64_t time = 1'000'000; time < 9'000'000; time += 1'000'000) {
+    ASSERT_FALSE(isKeyframe(schedule, time, kUnchanged));
+  }
+  // Its change goes first, and the repeat is the keyframe; then it is still again.
+  EXPECT_FALSE(isKeyframe(schedule, 9'000'000));
+  EXPECT_TRUE(isKeyframe(schedule, 9'050'000, kUnchanged));
+  EXPECT_FALSE(isKeyframe(schedule, 9'125'000, kUnchanged));
+  // A little early, where there is a repeat.
+  EXPECT_FALSE(isKeyframe(schedule, 10'600'000));
+  EXPECT_TRUE(isKeyframe(schedule, 10'650'000, kUnchanged));
+  // Where repeats come late, the change after the one that was put first is the keyframe.
+  EXPECT_FALSE(isKeyframe(schedule, 13'000'000));
+  EXPECT_FALSE(isKeyframe(schedule, 13'600'000, kUnchanged));
+  EXPECT_TRUE(isKeyframe(schedule, 14'200'000));
 }
 
 TEST(RateBudget, HoldsEverySpanToItsRateWhateverTheGaps) {

@@ -54,7 +54,7 @@ MediaStatus SoftwareCompressionSession::encode(const SharedPixelBuffer& image,
   lastSequence_ = changes ? std::optional(changes->sequence) : std::nullopt;
   budget_->noteEncoded(static_cast<std::int64_t>(encoded.units.size()) * 8,
                        picture.creditKilobitsPerSecond * 1000 / frameRate);
-  keyframes_->noteEncoded(encoded.isKeyframe, presentationMicroseconds);
+  keyframes_->noteEncoded(encoded.isKeyframe, presentationMicroseconds, isUnchanged);
   if (!handler) return 0;
   if (encoded.units.empty()) {
     handler(0, nullptr);

@@ -20,8 +20,8 @@ namespace kestrune::linux_platform {
 /// Every frame is encoded and delivered within encode(), on its thread, so that nothing is ever inside and
 /// completeFrames() has nothing to do. Properties are taken until the first frame.
 ///
-/// Keyframes: see KeyframeSchedule. In particular, repeats of an unchanged picture (its `changes` follow the
-/// last encoded picture and are empty) are never made keyframes by the interval alone.
+/// Keyframes: see KeyframeSchedule. A picture is known to be unchanged when its `changes` follow the last
+/// encoded picture and are empty.
 class SoftwareCompressionSession : public CompressionSession {
  public:
   MediaStatus setProperty(const CompressionProperty& property) final;
