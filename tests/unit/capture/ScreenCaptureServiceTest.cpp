@@ -83,25 +83,11 @@ Task<void> noteOutcome(Task<void> task, std::string& outcome) {
 class ScreenCaptureServiceTest : public ::testing::Test {
  protected:
   ScreenCaptureServiceTest() {
-    capture->displays = {kMain, kSide};
-    displays->displays = {kMain, kSide};
-    ScreenCaptureService::Dependencies dependencies;
-    dependencies.capture = capture;
-    dependencies.displays = displays;
-    dependencies.clock = time;
-    dependencies.compression = compression;
-    dependencies.pixelTransfer = std::make_shared<FakePixelTransferFactory>();
-    dependencies.callbackQueue = main;
-    dependencies.makeQueue = [this](const std::string& label) { return time->makeQueue(label); };
-    dependencies.picker = picker;
-    dependencies.preview = preview;
-    dependencies.audioConverter = converter;
-    dependencies.bundleIdentifier = "com.example.app";
-    service = std::make_shared<ScreenCaptureService>(std::move(dependencies));
-    service->setCallbacks(recordingCallbacks());
-  }
-
-  ScreenCaptureCallbacks recordingCallbacks() {
+    capture->displays = displays->displays = {kMain, kSide};
+    const auto makeQueue = [this](const std::string& label) { return time->makeQueue(label); };
+    service = std::make_shared<ScreenCaptureService>(ScreenCaptureService::Dependencies{
+        capture, displays, time, compression, std::make_shared<FakePixelTransferFactory>(), main, makeQueue,
+        picker, preview, converter, "com.example.app"});
     ScreenCaptureCallbacks callbacks;
     callbacks.onSourceChanged = [this](const std::optional<CaptureSourceDescriptor>& source) {
       events.push_back("source " + (source ? source->title : "none"));
@@ -121,13 +107,19 @@ class ScreenCaptureServiceTest : public ::testing::Test {
       events.push_back("stopped " + localizedDescription(error));
       EXPECT_EQ(reports.back().lastError, localizedDescription(error));
     };
-    return callbacks;
+    service->setCallbacks(std::move(callbacks));
   }
 
   /// Runs the task as far as it comes; "ok", the message of its failure, or "waiting".
   std::string run(Task<void> task) {
     outcome = "waiting";
     startTask(main, noteOutcome(std::move(task), outcome));
+    time->runReady();
+    return outcome;
+  }
+  /// Ends the stream's oldest call that waits; what has become of the task by then.
+  std::string finish(const std::exception_ptr& error = nullptr) {
+    capture->latest()->complete(error);
     time->runReady();
     return outcome;
   }
@@ -226,7 +218,6 @@ TEST(CaptureContent, TheStreamIsAskedForTheEncodersSize) {
 TEST_F(ScreenCaptureServiceTest, SelectsDisplaysByIdentifier) {
   EXPECT_EQ(run(service->selectDisplay(7, "Main Display", false, false)), "ok");
   EXPECT_EQ(take(), (Lines{"source Main Display", "target 7"}));
-  EXPECT_EQ(service->selectedDisplayID(), 7u);
   EXPECT_EQ(run(service->selectDisplay(8, std::nullopt, false, false)),
             "The selected display is not available to ScreenCaptureKit yet.");
   capture->contentFailure = failure("no access");
@@ -234,9 +225,9 @@ TEST_F(ScreenCaptureServiceTest, SelectsDisplaysByIdentifier) {
             "Unable to find the selected display: no access");
   EXPECT_EQ(take(), Lines{});
   EXPECT_EQ(service->selectedDisplayID(), 7u);
+  EXPECT_FALSE(service->clearManagedSelection(7));
 
   capture->contentFailure = nullptr;
-  EXPECT_FALSE(service->clearManagedSelection(7));
   EXPECT_EQ(run(service->selectDisplay(9, std::nullopt, true, true)), "ok");
   EXPECT_EQ(take(), (Lines{"source Display 9", "target 9"}));
   EXPECT_FALSE(service->selectedDisplayID());
@@ -246,7 +237,6 @@ TEST_F(ScreenCaptureServiceTest, SelectsDisplaysByIdentifier) {
   EXPECT_EQ(run(service->stop()), "ok");
   EXPECT_TRUE(service->clearManagedSelection(9));
   EXPECT_EQ(run(service->start({})), "Choose a screen, window, or app first.");
-  EXPECT_EQ(take(), Lines{});
 }
 
 TEST_F(ScreenCaptureServiceTest, StartsOneStream) {
@@ -262,9 +252,7 @@ TEST_F(ScreenCaptureServiceTest, StartsOneStream) {
   EXPECT_EQ(second, "Streaming is already running.");
   EXPECT_TRUE(reports.empty());  // no rate is told over the time since the last stream, or since boot
   EXPECT_FALSE(service->isRunning());
-  stream->complete();
-  time->runReady();
-  EXPECT_EQ(outcome, "ok");
+  EXPECT_EQ(finish(), "ok");
   EXPECT_TRUE(service->isRunning());
   EXPECT_EQ(reports.back(), StreamMetrics{});
   ASSERT_TRUE(picker->configuration);
@@ -290,8 +278,7 @@ TEST_F(ScreenCaptureServiceTest, AFailedStartKeepsTheSelectionAndNothingElse) {
   capture->latest()->onStopped(failure("unplugged"));
   time->runReady();
   EXPECT_EQ(outcome, "Unable to start screen capture: unplugged");
-  EXPECT_FALSE(service->isRunning());
-  EXPECT_FALSE(capture->latest()->isAlive);
+  EXPECT_FALSE(service->isRunning() || capture->latest()->isAlive);
   EXPECT_TRUE(reports.empty());
   // A start whose completion is dropped leaves the way free.
   EXPECT_EQ(run(service->start({})), "waiting");
@@ -405,9 +392,7 @@ TEST_F(ScreenCaptureServiceTest, VideoSettingsChangeUnderTheRunningStream) {
   send();  // the old encoder goes on meanwhile
   EXPECT_EQ(compression->sessions.size(), 1u);
   EXPECT_EQ(encodedFrames(), 2u);
-  stream->complete();
-  time->runReady();
-  EXPECT_EQ(outcome, "ok");
+  EXPECT_EQ(finish(), "ok");
   EXPECT_EQ(stream->configurations.back().width, 960);
   EXPECT_EQ(stream->calls, (Lines{"start", "configuration"}));
   EXPECT_EQ(converter->clears, 1);
@@ -419,9 +404,7 @@ TEST_F(ScreenCaptureServiceTest, VideoSettingsChangeUnderTheRunningStream) {
   EXPECT_TRUE(lastWasForced());
 
   EXPECT_EQ(run(service->updateVideoSettings({})), "waiting");
-  stream->complete(failure("refused"));
-  time->runReady();
-  EXPECT_EQ(outcome, "Unable to change video quality: refused");
+  EXPECT_EQ(finish(failure("refused")), "Unable to change video quality: refused");
   send();
   EXPECT_EQ(compression->sessions[1]->frames.size(), 2u);
 }
@@ -431,19 +414,15 @@ TEST_F(ScreenCaptureServiceTest, WhatHappensDuringAChangeOfSettingsIsKept) {
   stream->holds = true;
   EXPECT_EQ(run(service->updateVideoSettings({})), "waiting");
   service->setVideoEncodingEnabled(false);
-  stream->complete();
-  time->runReady();
+  EXPECT_EQ(finish(), "ok");
   service->setVideoEncodingEnabled(true);
   send();
   EXPECT_EQ(encodedFrames(), 1u);
 
   EXPECT_EQ(run(service->updateVideoSettings({})), "waiting");
   stream->onStopped(failure("gone"));
-  stream->complete();
-  time->runReady();
-  EXPECT_EQ(outcome, "ok");
-  EXPECT_FALSE(service->isRunning());
-  EXPECT_FALSE(stream->isAlive);
+  EXPECT_EQ(finish(), "ok");
+  EXPECT_FALSE(service->isRunning() || stream->isAlive);
 }
 
 TEST_F(ScreenCaptureServiceTest, SelectionsOnARunningStreamHappenOneAfterTheOther) {
@@ -452,20 +431,15 @@ TEST_F(ScreenCaptureServiceTest, SelectionsOnARunningStreamHappenOneAfterTheOthe
   service->selectFilter(displayFilter(kSide), "First", std::nullopt, false);
   service->selectFilter(displayFilter({11, {0, 0, 800, 600}}), "Second", std::nullopt, true);
   EXPECT_EQ(take(), (Lines{"target none", "target none"}));
-  EXPECT_EQ(stream->filters.size(), 1u);
-  EXPECT_EQ(service->selectedDisplayID(), 7u);
-  stream->complete();  // the first filter: overtaken, so nothing is stored or told
-  time->runReady();
-  EXPECT_EQ(stream->calls.back(), "configuration");
-  EXPECT_EQ(stream->filters.size(), 1u);
-  stream->complete();
+  finish();  // the first filter: overtaken, so nothing is stored or told
+  EXPECT_EQ(stream->calls, (Lines{"start", "filter", "configuration"}));
+  finish();
   EXPECT_EQ(take(), Lines{});
-  ASSERT_EQ(stream->filters.size(), 2u);
-  stream->complete();
+  EXPECT_EQ(service->selectedDisplayID(), 7u);
+  finish();
   EXPECT_EQ(take(), (Lines{"source Second", "target 11"}));
   EXPECT_EQ(service->selectedDisplayID(), 11u);
-  stream->complete();
-  time->runReady();
+  finish();
   EXPECT_EQ(stream->configurations.back().width, 800);
   EXPECT_FALSE(stream->configurations.back().excludesCurrentProcessAudio);
   EXPECT_EQ(stream->frameRequests, 3);  // once for the encoding, once for each change
@@ -485,61 +459,47 @@ TEST_F(ScreenCaptureServiceTest, RefusedSelectionsAnnounceTheOldOneUnlessOvertak
   service->selectFilter(displayFilter(kSide), "Side", std::nullopt, false);
   service->selectFilter(displayFilter(kSide), "Side again", std::nullopt, false);
   time->runReady();
-  stream->complete(failure("no"));
+  finish(failure("no"));
   EXPECT_EQ(take(), (Lines{"target none", "target none", "error Unable to change the capture source: no"}));
-  stream->complete();
-  time->runReady();
-  stream->complete(failure("too small"));
+  finish();
+  finish(failure("too small"));
   EXPECT_EQ(take(), (Lines{"source Side again", "target 9",
                            "error Unable to resize the changed capture source: too small"}));
-  EXPECT_EQ(service->selectedDisplayID(), 9u);
 }
 
-TEST_F(ScreenCaptureServiceTest, ThePickerChoosesCancelsAndFails) {
-  ContentFilter window;
-  window.style = ContentFilter::Style::window;
-  window.includedWindows = {{"Notes", std::nullopt}};
-  service->pickerDidUpdate(window);
-  EXPECT_EQ(take(), (Lines{"source Notes", "target none"}));
-  service->pickerDidCancel();
+TEST_F(ScreenCaptureServiceTest, ThePickerChoosesAndFails) {
+  service->pickerDidUpdate(displayFilter(kSide));
   service->pickerStartDidFail(failure("no picker"));
-  EXPECT_EQ(take(), Lines{"error Unable to show the screen picker: no picker"});
-  EXPECT_EQ(picker->calls, Lines(3, "inactive"));
+  EXPECT_EQ(take(),
+            (Lines{"source Display 9", "target 9", "error Unable to show the screen picker: no picker"}));
+  EXPECT_EQ(picker->calls, Lines(2, "inactive"));
 }
 
 TEST_F(ScreenCaptureServiceTest, StopLetsGoOfTheStreamWhateverTheSystemSays) {
   EXPECT_EQ(run(service->stop()), "ok");
-  EXPECT_EQ(preview->clears, 1);
   const auto stream = startOnMain();
   send();
   stream->outcomes = {failure("busy")};
   EXPECT_EQ(run(service->stop()), "Unable to stop screen capture cleanly: busy");
-  EXPECT_FALSE(service->isRunning());
-  EXPECT_FALSE(stream->isAlive);
+  EXPECT_FALSE(service->isRunning() || stream->isAlive);
   EXPECT_EQ(preview->clears, 2);
   EXPECT_EQ(compression->sessions[0]->invalidateCalls, 1);
-  // A frame that was on its way counts for nothing and is not shown.
+  // A frame that was on its way counts for nothing and is not shown; nor is a late end told.
   stream->video(frame());
   EXPECT_EQ(preview->frames, 1);
   EXPECT_EQ(service->metrics().capturedFrames, 1u);
+  startOnMain();
   stream->onStopped(failure("late"));
   EXPECT_EQ(take(), Lines{});
+  EXPECT_TRUE(service->isRunning());
 }
 
-TEST_F(ScreenCaptureServiceTest, AStreamThatEndsByItselfIsReportedOnceAndOnlyIfCurrent) {
-  const auto old = startOnMain();
-  EXPECT_EQ(run(service->stop()), "ok");
+TEST_F(ScreenCaptureServiceTest, AStreamThatEndsByItselfIsReported) {
   const auto stream = startOnMain();
-  old->onStopped(failure("old"));
-  EXPECT_EQ(take(), Lines{});
-  EXPECT_TRUE(service->isRunning());
-
   stream->onStopped(failure("unplugged"));
   EXPECT_TRUE(stream->isAlive);  // it may be the stream's own thread that tells: it is ended elsewhere
   EXPECT_EQ(take(), Lines{"stopped Screen capture stopped unexpectedly: unplugged"});
-  EXPECT_FALSE(stream->isAlive);
-  EXPECT_FALSE(service->isRunning());
-  EXPECT_EQ(service->selectedDisplayID(), 7u);
+  EXPECT_FALSE(service->isRunning() || stream->isAlive);
   EXPECT_EQ(run(service->start({})), "ok");
 }
 
@@ -549,10 +509,7 @@ TEST_F(ScreenCaptureServiceTest, OneRunOfBadSoundIsOneReport) {
   for (std::size_t i = converter->results.size(); i > 0; --i) stream->sendAudio({});
   EXPECT_EQ(take(), (Lines{"error bad sample", "error bad sample"}));
   ASSERT_EQ(chunks.size(), 2u);
-  EXPECT_EQ(chunks[0].frameCount, 480);
-  EXPECT_EQ(chunks[0].channels, 2);
   EXPECT_EQ(chunks[1].frameCount, 960);
-  EXPECT_TRUE(log.contains("error [Audio] Audio conversion failed: bad sample"));
 }
 
 TEST_F(ScreenCaptureServiceTest, EncoderFailuresAreReportedAndSurvived) {
