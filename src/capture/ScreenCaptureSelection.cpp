@@ -103,7 +103,8 @@ Task<void> ScreenCaptureService::runSelectionUpdate(std::shared_ptr<ScreenCaptur
   auto resize = outcomeOf([&update, &configuration](StreamCompletion completion) {
     update.stream.platform->updateConfiguration(configuration, std::move(completion));
   });
-  if (const std::exception_ptr refusal = co_await resize) {
+  const std::exception_ptr refusal = co_await resize;
+  if (refusal) {
     self->reportError(
         std::make_exception_ptr(operationFailed("Unable to resize the changed capture source: %@", refusal)));
     co_return;

@@ -186,7 +186,8 @@ Task<void> ScreenCaptureService::updateVideoSettings(VideoSettings settings) {
   auto change = outcomeOf([&stream, &configuration](StreamCompletion completion) {
     stream.platform->updateConfiguration(configuration, std::move(completion));
   });
-  if (const std::exception_ptr failure = co_await change) {
+  const std::exception_ptr failure = co_await change;
+  if (failure) {
     encoder->invalidate();
     throw operationFailed("Unable to change video quality: %@", failure);
   }

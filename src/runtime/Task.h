@@ -21,8 +21,9 @@
 /// still begins and meets the flag at its first check.
 ///
 /// Coroutines are free, static or member functions, never capturing lambdas: the captures die before the
-/// frame. With g++ 12 no temporary with a destructor may stand in the arguments of a co_await expression;
-/// name it first. A task that must not keep its owner alive takes a weak_ptr and locks it for one turn.
+/// frame. With g++ 12 no temporary with a destructor may stand in the arguments of a co_await expression, and
+/// no co_await in the condition of an `if`; name it first. A task that must not keep its owner alive takes a
+/// weak_ptr and locks it for one turn.
 namespace kestrune {
 
 template <class Value>

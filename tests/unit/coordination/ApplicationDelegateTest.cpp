@@ -29,10 +29,6 @@ class ApplicationDelegateTest : public CoordinatorTest {
                                              [this] { ++recoveries; }});
     delegate->attachCoordinator(coordinator);
   }
-  void change(Status status) {
-    report(status);
-    time->runReady();
-  }
 
   std::shared_ptr<ApplicationDelegate> delegate;
   std::function<void(Status)> report;
@@ -67,15 +63,17 @@ TEST_F(ApplicationDelegateTest, WithoutACoordinatorThereIsNothingToWaitFor) {
 TEST_F(ApplicationDelegateTest, OnlyANetworkThatComesBackIsARecovery) {
   make();
   attach();
-  for (const auto status : {Status::satisfied, Status::satisfied, Status::unsatisfied}) change(status);
-  EXPECT_EQ(recoveries, 0);
-  change(Status::satisfied);
-  EXPECT_EQ(recoveries, 1);
-  change(Status::requiresConnection);
-  change(Status::satisfied);
-  EXPECT_EQ(recoveries, 2);
-  change(Status::satisfied);
-  EXPECT_EQ(recoveries, 2);
+  for (const auto& [status, expected] : {std::pair{Status::satisfied, 0},
+                                         {Status::satisfied, 0},
+                                         {Status::unsatisfied, 0},
+                                         {Status::satisfied, 1},
+                                         {Status::requiresConnection, 1},
+                                         {Status::satisfied, 2},
+                                         {Status::satisfied, 2}}) {
+    report(status);
+    time->runReady();
+    EXPECT_EQ(recoveries, expected);
+  }
 }
 
 }  // namespace

