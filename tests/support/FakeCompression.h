@@ -77,6 +77,7 @@ struct FakeSessionRecord {
   MediaStatus prepareStatus = 0;
   std::deque<MediaStatus> encodeStatuses;  // used up from the front, then 0
   bool emitsOnComplete = false;            // completeFrames() gives a sample for the last frame
+  bool answersAtOnce = false;              // each frame becomes a sample within encode()
 };
 
 inline std::shared_ptr<const EncodedSample> makeFakeSample(Bytes data, bool isKeyframe,
@@ -104,6 +105,9 @@ class FakeCompressionSession final : public CompressionSession {
                      std::int64_t durationMicroseconds, bool forceKeyframe, OutputHandler handler) override {
     record_->frames.push_back(
         {image, presentationMicroseconds, durationMicroseconds, forceKeyframe, std::move(handler)});
+    if (record_->answersAtOnce) {
+      record_->frames.back().handler(0, makeFakeSample({0, 0, 0, 1, 0x65}, forceKeyframe));
+    }
     if (record_->encodeStatuses.empty()) return 0;
     const MediaStatus status = record_->encodeStatuses.front();
     record_->encodeStatuses.pop_front();
@@ -128,6 +132,7 @@ class FakeCompressionSessionFactory final : public CompressionSessionFactory {
   std::deque<MediaStatus> createStatuses;  // used up from the front, then 0
   MediaStatus prepareStatus = 0;           // for sessions made from now on, as the next
   MediaStatus propertyStatus = 0;
+  bool answersAtOnce = false;
   std::vector<std::optional<EncoderSpecification>> attempts;
   std::vector<std::shared_ptr<FakeSessionRecord>> sessions;
 
@@ -145,6 +150,7 @@ class FakeCompressionSessionFactory final : public CompressionSessionFactory {
     record->codec = codec;
     record->prepareStatus = prepareStatus;
     record->propertyStatus = propertyStatus;
+    record->answersAtOnce = answersAtOnce;
     sessions.push_back(record);
     return {0, std::make_unique<FakeCompressionSession>(record)};
   }

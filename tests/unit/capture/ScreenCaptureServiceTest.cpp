@@ -63,13 +63,6 @@ struct FakeConverter final : AudioSampleConverter {
   int clears = 0;
 };
 
-struct FakePicker final : ContentSharingPicker {
-  void setActive(bool active) override { calls.push_back(active ? "active" : "inactive"); }
-  void setConfiguration(const Configuration& made, ScreenStream&) override { configuration = made; }
-  Lines calls;
-  std::optional<Configuration> configuration;
-};
-
 Task<void> noteOutcome(Task<void> task, std::string& outcome) {
   Task<void> body = std::move(task);
   try {
@@ -87,7 +80,7 @@ class ScreenCaptureServiceTest : public ::testing::Test {
     const auto makeQueue = [this](const std::string& label) { return time->makeQueue(label); };
     service = std::make_shared<ScreenCaptureService>(ScreenCaptureService::Dependencies{
         capture, displays, time, compression, std::make_shared<FakePixelTransferFactory>(), main, makeQueue,
-        picker, preview, converter, "com.example.app"});
+        nullptr, preview, converter, std::nullopt});
     ScreenCaptureCallbacks callbacks;
     callbacks.onSourceChanged = [this](const std::optional<CaptureSourceDescriptor>& source) {
       events.push_back("source " + (source ? source->title : "none"));
@@ -165,7 +158,6 @@ class ScreenCaptureServiceTest : public ::testing::Test {
   std::shared_ptr<FakeDisplays> displays = std::make_shared<FakeDisplays>();
   std::shared_ptr<FakeCompressionSessionFactory> compression =
       std::make_shared<FakeCompressionSessionFactory>();
-  std::shared_ptr<FakePicker> picker = std::make_shared<FakePicker>();
   std::shared_ptr<FakePreview> preview = std::make_shared<FakePreview>();
   std::shared_ptr<FakeConverter> converter = std::make_shared<FakeConverter>();
   std::shared_ptr<ScreenCaptureService> service;
@@ -255,9 +247,6 @@ TEST_F(ScreenCaptureServiceTest, StartsOneStream) {
   EXPECT_EQ(finish(), "ok");
   EXPECT_TRUE(service->isRunning());
   EXPECT_EQ(reports.back(), StreamMetrics{});
-  ASSERT_TRUE(picker->configuration);
-  EXPECT_EQ(picker->configuration->allowedPickerModes, 21u);
-  EXPECT_EQ(picker->configuration->excludedBundleIDs, Lines{"com.example.app"});
   EXPECT_EQ(run(service->start({})), "Streaming is already running.");
   EXPECT_EQ(capture->streamCount(), 1u);
   send();
@@ -467,14 +456,6 @@ TEST_F(ScreenCaptureServiceTest, RefusedSelectionsAnnounceTheOldOneUnlessOvertak
                            "error Unable to resize the changed capture source: too small"}));
 }
 
-TEST_F(ScreenCaptureServiceTest, ThePickerChoosesAndFails) {
-  service->pickerDidUpdate(displayFilter(kSide));
-  service->pickerStartDidFail(failure("no picker"));
-  EXPECT_EQ(take(),
-            (Lines{"source Display 9", "target 9", "error Unable to show the screen picker: no picker"}));
-  EXPECT_EQ(picker->calls, Lines(2, "inactive"));
-}
-
 TEST_F(ScreenCaptureServiceTest, StopLetsGoOfTheStreamWhateverTheSystemSays) {
   EXPECT_EQ(run(service->stop()), "ok");
   const auto stream = startOnMain();
@@ -539,30 +520,6 @@ TEST_F(ScreenCaptureServiceTest, AHeldUpOwnerGetsABoundedBacklogAndThenAKeyframe
   EXPECT_EQ(packets.size(), 242u);
 }
 
-/// Answers at once, on the encoder's queue, as a real session may.
-struct InstantSessions final : CompressionSessionFactory {
-  struct Session final : CompressionSession {
-    MediaStatus setProperty(const CompressionProperty&) override { return 0; }
-    MediaStatus prepareToEncode() override { return 0; }
-    MediaStatus encode(const SharedPixelBuffer&, std::optional<std::int64_t>, std::int64_t, bool key,
-                       OutputHandler handler) override {
-      handler(0, makeFakeSample({0, 0, 0, 1, 0x65}, key));
-      return 0;
-    }
-    MediaStatus completeFrames() override { return 0; }
-    void invalidate() override {}
-  };
-  Result create(std::int32_t, std::int32_t, VideoCodecType,
-                const std::optional<EncoderSpecification>&) override {
-    return {0, std::make_unique<Session>()};
-  }
-};
-struct NoTransfers final : PixelTransferFactory {
-  std::unique_ptr<PixelTransferSession> createSession() override { return nullptr; }
-  std::unique_ptr<PixelBufferPool> createPool(int, int) override { return nullptr; }
-  std::shared_ptr<PixelBuffer> createBuffer(int, int) override { return nullptr; }
-};
-
 /// Ends with a stream that encodes, whatever ended under the operations before.
 Task<void> driveStreams(std::shared_ptr<ScreenCaptureService> service, std::atomic<bool>& endsStreams) {
   std::string ignored;
@@ -585,18 +542,28 @@ Task<void> driveStreams(std::shared_ptr<ScreenCaptureService> service, std::atom
 
 TEST(ScreenCaptureServiceThreads, OperationsAndFramesMeetFromDifferentThreads) {
   const CapturedLog log;
-  auto main = std::make_shared<ThreadQueue>("main");
-  auto capture = std::make_shared<FakeScreenCapture>();
+  const auto main = std::make_shared<ThreadQueue>("main");
+  const auto capture = std::make_shared<FakeScreenCapture>();
   capture->displays = {kMain, kSide};
-  ScreenCaptureService::Dependencies dependencies;
-  dependencies.capture = capture;
-  dependencies.displays = std::make_shared<FakeDisplays>();
-  dependencies.clock = systemClock();
-  dependencies.compression = std::make_shared<InstantSessions>();
-  dependencies.pixelTransfer = std::make_shared<NoTransfers>();
-  dependencies.callbackQueue = main;
-  dependencies.makeQueue = [](const std::string& label) { return std::make_shared<ThreadQueue>(label); };
-  auto service = std::make_shared<ScreenCaptureService>(std::move(dependencies));
+  const auto compression = std::make_shared<FakeCompressionSessionFactory>();
+  compression->answersAtOnce = true;
+  // One queue for all encoders: the fakes have no lock.
+  const auto encoding = std::make_shared<ThreadQueue>("encoder");
+  const auto makeQueue = [encoding](const std::string& label) {
+    return label == StreamVideoEncoder::kQueueLabel ? encoding : std::make_shared<ThreadQueue>(label);
+  };
+  auto service = std::make_shared<ScreenCaptureService>(
+      ScreenCaptureService::Dependencies{capture,
+                                         std::make_shared<FakeDisplays>(),
+                                         systemClock(),
+                                         compression,
+                                         std::make_shared<FakePixelTransferFactory>(),
+                                         main,
+                                         makeQueue,
+                                         {},
+                                         {},
+                                         {},
+                                         {}});
   std::atomic<int> packets{0};
   ScreenCaptureCallbacks callbacks;
   callbacks.onVideoPacket = [&](const EncodedVideoPacket&) { ++packets; };
