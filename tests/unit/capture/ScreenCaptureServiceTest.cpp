@@ -168,27 +168,18 @@ class ScreenCaptureServiceTest : public ::testing::Test {
   std::vector<AudioPCMChunk> chunks;
 };
 
-TEST(CaptureContent, ADisplayIsFoundByNameElseByOverlap) {
+TEST(CaptureContent, ADisplayThatIsNotNamedIsTheOneThatOverlapsMost) {
   FakeDisplays displays;
   displays.displays = {kMain, kSide};
-  ContentFilter filter = displayFilter(kSide);
-  const auto target = [&] { return controlTargetOfContent(filter, displays); };
-  EXPECT_EQ(target(), (RemoteControlTarget{kSide.frame, 9}));
-  EXPECT_EQ(describeContent(filter, std::nullopt).title, "Display 9");
+  ContentFilter filter = displayFilter(kMain);
   filter.includedDisplays.clear();
-  EXPECT_EQ(describeContent(filter, std::nullopt).title, "Display");
-  filter.contentRect = {1800, 0, 400, 100};  // 120 points on the main display, 280 on the other
-  EXPECT_EQ(target(), (RemoteControlTarget{filter.contentRect, 9}));
-  filter.contentRect = {0, -100, 50, 100};  // touches, does not overlap
-  EXPECT_EQ(target(), (RemoteControlTarget{filter.contentRect, std::nullopt}));
-  filter.contentRect.width = 0;
-  EXPECT_FALSE(target());
-  filter = displayFilter(kMain);
+  for (const auto& [rect, expected] : {std::pair<Rect, std::optional<DisplayID>>{{1800, 0, 400, 100}, 9},
+                                       {{0, -100, 50, 100}, std::nullopt}}) {  // touches, does not overlap
+    filter.contentRect = rect;
+    EXPECT_EQ(controlTargetOfContent(filter, displays), (RemoteControlTarget{rect, expected}));
+  }
   filter.style = ContentFilter::Style::window;
-  EXPECT_FALSE(target() || displayOfContent(filter, displays));
-  filter.includedWindows = {{std::nullopt, "Terminal"}, {"notes.txt", "Editor"}};
-  EXPECT_EQ(describeContent(filter, std::nullopt),
-            (CaptureSourceDescriptor{"Terminal", CaptureSourceDescriptor::Kind::window}));
+  EXPECT_FALSE(controlTargetOfContent(filter, displays));
 }
 
 TEST(CaptureContent, TheStreamIsAskedForTheEncodersSize) {

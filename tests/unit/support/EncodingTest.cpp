@@ -44,23 +44,17 @@ TEST(Encoding, Utf8IsStrictAndUtf16UsesSurrogatePairs) {
 }
 
 TEST(Encoding, GraphemeClustersStayWhole) {
-  const std::string family = "\U0001F468\u200D\U0001F469\u200D\U0001F467";
-  const std::string flags = "\U0001F1E9\U0001F1EA\U0001F1EF\U0001F1F5";
-  const std::string text =
-      "a"
-      "e\u0301"
-      "\r\n" +
-      family + flags +
-      "\U0001F44B\U0001F3FD"
-      "b";
-  const auto clusters = graphemeClusters(text);
-  std::string joined;
-  for (const auto cluster : clusters) joined.append(cluster);
-  EXPECT_EQ(joined, text);
-  ASSERT_EQ(clusters.size(), 8u);
-  EXPECT_EQ(clusters[1], "e\u0301");
-  EXPECT_EQ(clusters[3], family);
-  EXPECT_EQ(clusters[4], flags.substr(0, 8));
+  const std::vector<std::string_view> clusters{"a",
+                                               "e\u0301",
+                                               "\r\n",
+                                               "\U0001F468\u200D\U0001F469\u200D\U0001F467",
+                                               "\U0001F1E9\U0001F1EA",
+                                               "\U0001F1EF\U0001F1F5",
+                                               "\U0001F44B\U0001F3FD",
+                                               "b"};
+  std::string text;
+  for (const auto cluster : clusters) text += cluster;
+  EXPECT_EQ(graphemeClusters(text), clusters);
   EXPECT_TRUE(graphemeClusters("").empty());
 }
 
