@@ -18,17 +18,15 @@ TEST(CredentialMessages, RefuseEveryOtherForm) {
     EXPECT_FALSE(decodeCredentialRequest(ByteView(request).first(length))) << length;
     EXPECT_FALSE(length < reply.size() && decodeCredentialReply(ByteView(reply).first(length))) << length;
   }
-  Bytes longer = request;
-  longer.push_back(0);
-  EXPECT_FALSE(decodeCredentialRequest(longer));
-  for (const char operation : {'\0', '\4', '\377'}) {
-    Bytes other = request;
-    other[0] = static_cast<std::uint8_t>(operation);
-    EXPECT_FALSE(decodeCredentialRequest(other));
-  }
-  Bytes huge = request;
-  huge[1] = 0xFF;  // the length of the service
-  EXPECT_FALSE(decodeCredentialRequest(huge));
+  const auto isRefused = [request](std::size_t index, std::uint8_t byte) {
+    Bytes changed = request;
+    changed.resize(std::max(changed.size(), index + 1));
+    changed[index] = byte;
+    return !decodeCredentialRequest(changed);
+  };
+  EXPECT_TRUE(isRefused(request.size(), 0));                             // longer
+  EXPECT_TRUE(isRefused(0, 0) && isRefused(0, 4) && isRefused(0, 255));  // no such operation
+  EXPECT_TRUE(isRefused(1, 0xFF));                                       // a huge length of the service
   EXPECT_FALSE(decodeCredentialRequest(encode(
       CredentialRequest{CredentialOperation::read, std::string(kLongestCredentialName + 1, 's'), "a", {}})));
 }

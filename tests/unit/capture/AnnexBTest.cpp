@@ -53,10 +53,10 @@ TEST(AnnexB, EverythingThatDoesNotStateTheOppositeIsAKeyframe) {
   EXPECT_TRUE(annexb::isKeyframe(sample));
   notSync = SampleAttachments::NotABoolean{};
   EXPECT_TRUE(annexb::isKeyframe(sample));
-  notSync = false;
-  EXPECT_TRUE(annexb::isKeyframe(sample));
-  notSync = true;
-  EXPECT_FALSE(annexb::isKeyframe(sample));
+  for (const bool value : {false, true}) {
+    notSync = value;
+    EXPECT_EQ(annexb::isKeyframe(sample), !value);
+  }
 }
 
 TEST(AnnexB, ParameterSetsComeInOrderAndFailWithTheCodecsMessages) {

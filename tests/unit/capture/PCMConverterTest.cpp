@@ -161,12 +161,13 @@ TEST_F(PCMConverterTest, ReadsEveryEncodingInBothOrdersAndLayouts) {
 
 TEST_F(PCMConverterTest, CarriesTheTimeOfTheSampleWhateverItIs) {
   auto sample = floats(1, {0, 0});
-  using Time = std::optional<std::int64_t>;
-  for (const auto& [time, expected] :
-       {std::pair<Time, std::uint64_t>{7'201'000'000, 7'201'000'000}, {5, 5}, {-3, 0}, {std::nullopt, 0}}) {
+  for (const std::int64_t time : {7'201'000'000L, 5L, -3L}) {
     sample.presentationMicroseconds = time;
-    EXPECT_EQ(converter.convert(sample, AudioChannelMode::mono).captureTimeMicroseconds, expected);
+    EXPECT_EQ(converter.convert(sample, AudioChannelMode::mono).captureTimeMicroseconds,
+              static_cast<std::uint64_t>(std::max<std::int64_t>(time, 0)));
   }
+  sample.presentationMicroseconds.reset();
+  EXPECT_EQ(converter.convert(sample, AudioChannelMode::mono).captureTimeMicroseconds, 0U);
 }
 
 TEST_F(PCMConverterTest, RefusesWhatItCannotReadAndGoesOn) {

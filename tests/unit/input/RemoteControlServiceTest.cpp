@@ -256,10 +256,6 @@ TEST_F(RemoteControlServiceTest, PermissionIsAskedForOnTheMainQueueOnly) {
   EXPECT_EQ(permissions->prompts, 0);
   time->runReady();
   EXPECT_EQ(permissions->prompts, 1);
-  permissions->input = true;
-  service.requestAccessibilityPermission();
-  time->runReady();
-  EXPECT_EQ(permissions->prompts, 1);
 }
 
 TEST_F(RemoteControlServiceTest, EventThatCannotBeMadeLeavesNothingBehind) {

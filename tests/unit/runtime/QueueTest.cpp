@@ -135,19 +135,17 @@ TEST_P(QueueRules, ManyCancelledTimersDoNotDisturbTheOthers) {
 }
 
 TEST(RunLoopQueue, StopEndsTheRunAndALaterRunGoesOn) {
-  auto loop = std::make_shared<RunLoopQueue>("loop");
+  RunLoopQueue loop("loop");
   int runs = 0;
-  const auto runAndStop = [&] {
-    ++runs;
-    loop->stop();
-    loop->post([&] { ++runs; });
-  };
-  loop->post(runAndStop);
-  loop->run();
-  EXPECT_EQ(runs, 2);
-  loop->post(runAndStop);
-  loop->run();
-  EXPECT_EQ(runs, 4);
+  for (const int expected : {2, 4}) {
+    loop.post([&] {
+      ++runs;
+      loop.stop();
+      loop.post([&] { ++runs; });
+    });
+    loop.run();
+    EXPECT_EQ(runs, expected);
+  }
 }
 
 TEST(ThreadQueue, KeepsTheOrderOfEachPosterOnItsOwnThread) {
@@ -199,37 +197,27 @@ TEST(ThreadQueue, MayBeDestroyedByItsOwnWork) {
 }
 
 TEST(Published, TellsOnlyOfChangesAndEachObserverOnce) {
-  auto value = std::make_unique<Published<int>>(1);
+  Published<int> value(1);
   std::vector<std::string> told;
   auto teller = [&](std::string name) {
     return [&told, name](int now) { told.push_back(name + std::to_string(now)); };
   };
-  auto first = value->observe(teller("a"));
-  // Corrects what it sees while it is being told of it.
-  auto correcting = value->observe([&](int now) {
-    if (now == 5) *value = 6;
+  auto first = value.observe(teller("a"));
+  auto correcting = value.observe([&](int now) {
+    if (now == 5) value = 6;  // what it is being told of
   });
-  auto last = value->observe(teller("b"));
-  *value = 1;
-  value->update([](int&) {});
-  EXPECT_TRUE(told.empty());
-  *value = 2;
-  *value = 5;
-  EXPECT_EQ(told, (std::vector<std::string>{"a2", "b2", "a5", "a6", "b6"}));
-
-  // Observations may end within a notification, and outlive the value.
-  told.clear();
+  auto last = value.observe(teller("b"));
   Observation ending;
-  ending = value->observe([&](int) {
+  ending = value.observe([&](int now) {
+    if (now != 7) return;
     last.reset();
     ending.reset();
   });
-  auto late = value->observe(teller("c"));
-  *value = 7;
-  *value = 8;
-  EXPECT_EQ(told, (std::vector<std::string>{"a7", "b7", "c7", "a8", "c8"}));
-  value = nullptr;
-  first.reset();
+  auto late = value.observe(teller("c"));
+  value.update([](int& same) { same = 1; });
+  EXPECT_TRUE(told.empty());
+  for (const int next : {5, 7, 8}) value = next;
+  EXPECT_EQ(told, (std::vector<std::string>{"a5", "a6", "b6", "c6", "a7", "b7", "c7", "a8", "c8"}));
 }
 
 TEST(Log, StandardErrorLinesAreWholeFilteredAndNotForgeable) {
