@@ -277,7 +277,7 @@ void ScreenCaptureService::release(Stream stream) {
 }
 
 void ScreenCaptureService::clearPreview() {
-  if (dependencies_.preview) dependencies_.preview->clear();
+  if (dependencies_.previewHub) dependencies_.previewHub->clear();
 }
 
 bool ScreenCaptureService::isRunning() const {
@@ -318,7 +318,7 @@ void ScreenCaptureService::requestKeyframe() {
 void ScreenCaptureService::handleVideo(VideoSample sample) {
   if (!sample.isValid || !sample.isDataReady || !sample.image) return;
   reportMetrics(metrics_.countCaptured());
-  if (dependencies_.preview) dependencies_.preview->enqueue(sample);
+  if (dependencies_.previewHub) dependencies_.previewHub->publish(sample);
   std::shared_ptr<StreamVideoEncoder> encoder;
   {
     const std::lock_guard guard(stateLock_);

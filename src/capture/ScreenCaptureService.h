@@ -11,7 +11,7 @@
 
 #include "capture/AudioSampleConverter.h"
 #include "capture/CaptureMetrics.h"
-#include "capture/CapturePreviewSink.h"
+#include "capture/CapturePreviewHub.h"
 #include "capture/StreamVideoEncoder.h"
 #include "coordination/model/CaptureSource.h"
 #include "coordination/model/RemoteControl.h"
@@ -60,7 +60,7 @@ class ScreenCaptureService final : public std::enable_shared_from_this<ScreenCap
     std::function<std::shared_ptr<SerialQueue>(std::string label)> makeQueue;
     // Those below may be absent.
     std::shared_ptr<ContentSharingPicker> picker;
-    std::shared_ptr<CapturePreviewSink> preview;
+    std::shared_ptr<CapturePreviewHub> previewHub;
     std::shared_ptr<AudioSampleConverter> audioConverter;
     std::optional<std::string> bundleIdentifier;
   };

@@ -20,8 +20,10 @@ class StoredTokenSource final : public ViewerTokenSource {
   const std::shared_ptr<TokenStore> store_;
 };
 
-ScreenCaptureService::Dependencies captureDependencies(const StreamCoordinatorDependencies& from) {
+ScreenCaptureService::Dependencies captureDependencies(const StreamCoordinatorDependencies& from,
+                                                       std::shared_ptr<CapturePreviewHub> previewHub) {
   ScreenCaptureService::Dependencies to;
+  to.previewHub = std::move(previewHub);
   to.capture = from.screenCapture;
   to.audioConverter = from.audioConverter;
   to.displays = from.displays;
@@ -44,14 +46,15 @@ std::shared_ptr<StreamCoordinator> StreamCoordinator::make(StreamCoordinatorDepe
 }
 
 StreamCoordinator::StreamCoordinator(StreamCoordinatorDependencies dependencies)
-    : dependencies_(std::move(dependencies)),
+    : previewHub(std::make_shared<CapturePreviewHub>(dependencies.mainQueue)),
+      dependencies_(std::move(dependencies)),
       mainQueue_(dependencies_.mainQueue),
       defaults_(dependencies_.defaults),
       tokenStore_(dependencies_.tokenStore) {
   loadPreferences();
   screenCapturePermissionGranted = dependencies_.permissions->isScreenCaptureAllowed();
   remoteControlPermissionGranted = dependencies_.permissions->isTrustedForInput();
-  captureService_ = std::make_shared<ScreenCaptureService>(captureDependencies(dependencies_));
+  captureService_ = std::make_shared<ScreenCaptureService>(captureDependencies(dependencies_, previewHub));
   server_ = std::make_shared<StreamingServer>(
       dependencies_.network, dependencies_.bundle, std::make_shared<StoredTokenSource>(tokenStore_),
       std::make_shared<AudioChunkStore>(), std::make_shared<VideoPacketStore>(), dependencies_.clock,

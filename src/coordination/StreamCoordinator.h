@@ -92,6 +92,9 @@ class StreamCoordinator final : public std::enable_shared_from_this<StreamCoordi
   Published<bool> remoteControlPermissionGranted;
   Published<bool> isUpdatingStreamSettings;
 
+  /// What is captured, for a preview at the machine.
+  const std::shared_ptr<CapturePreviewHub> previewHub;
+
   // Settings; each is stored at the moment it changes.
 
   Published<StreamDisplayMode> streamDisplayMode;

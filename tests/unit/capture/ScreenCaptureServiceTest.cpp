@@ -40,13 +40,6 @@ VideoSample frame() {
   return sample;
 }
 
-struct FakePreview final : CapturePreviewSink {
-  void enqueue(const VideoSample&) override { ++frames; }
-  void clear() override { ++clears; }
-  int frames = 0;
-  int clears = 0;
-};
-
 /// Fails, or gives as many frames as it was told to, for one sample each.
 struct FakeConverter final : AudioSampleConverter {
   AudioPCMChunk convert(const AudioSample&, AudioChannelMode mode) override {
@@ -80,7 +73,8 @@ class ScreenCaptureServiceTest : public ::testing::Test {
     const auto makeQueue = [this](const std::string& label) { return time->makeQueue(label); };
     service = std::make_shared<ScreenCaptureService>(ScreenCaptureService::Dependencies{
         capture, displays, time, compression, std::make_shared<FakePixelTransferFactory>(), main, makeQueue,
-        nullptr, preview, converter, std::nullopt});
+        nullptr, previewHub, converter, std::nullopt});
+    previewHub->addObserver({}, [this](const auto& shown) { ++(shown ? previewFrames : previewClears); });
     ScreenCaptureCallbacks callbacks;
     callbacks.onSourceChanged = [this](const std::optional<CaptureSourceDescriptor>& source) {
       events.push_back("source " + (source ? source->title : "none"));
@@ -153,7 +147,9 @@ class ScreenCaptureServiceTest : public ::testing::Test {
   std::shared_ptr<FakeDisplays> displays = std::make_shared<FakeDisplays>();
   std::shared_ptr<FakeCompressionSessionFactory> compression =
       std::make_shared<FakeCompressionSessionFactory>();
-  std::shared_ptr<FakePreview> preview = std::make_shared<FakePreview>();
+  std::shared_ptr<CapturePreviewHub> previewHub = std::make_shared<CapturePreviewHub>(main);
+  int previewFrames = 0;
+  int previewClears = 0;
   std::shared_ptr<FakeConverter> converter = std::make_shared<FakeConverter>();
   std::shared_ptr<ScreenCaptureService> service;
   std::string outcome;
@@ -285,7 +281,7 @@ TEST_F(ScreenCaptureServiceTest, CountsShowsAndEncodesFrames) {
   }
   time->runReady();
   EXPECT_EQ(service->metrics().capturedFrames, 1u);
-  EXPECT_EQ(preview->frames, 1);
+  EXPECT_EQ(previewFrames, 1);
   EXPECT_EQ(encodedFrames(), 0u);
 
   service->setVideoEncodingEnabled(true);
@@ -445,11 +441,11 @@ TEST_F(ScreenCaptureServiceTest, StopLetsGoOfTheStreamWhateverTheSystemSays) {
   stream->outcomes = {failure("busy")};
   EXPECT_EQ(run(service->stop()), "Unable to stop screen capture cleanly: busy");
   EXPECT_FALSE(service->isRunning() || stream->isAlive);
-  EXPECT_EQ(preview->clears, 2);
+  EXPECT_EQ(previewClears, 2);
   EXPECT_EQ(compression->sessions[0]->invalidateCalls, 1);
   // A frame that was on its way counts for nothing and is not shown; nor is a late end told.
   stream->video(frame());
-  EXPECT_EQ(preview->frames, 1);
+  EXPECT_EQ(previewFrames, 1);
   EXPECT_EQ(service->metrics().capturedFrames, 1u);
   startOnMain();
   stream->onStopped(failure("late"));

@@ -1,0 +1,127 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "capture/CapturePreviewHub.h"
+#include "runtime/ManualTime.h"
+#include "runtime/ThreadQueue.h"
+
+namespace kestrune {
+namespace {
+
+constexpr CapturePreviewHub::ObserverID kFirst{1};
+constexpr CapturePreviewHub::ObserverID kSecond{2};
+
+VideoSample frame(int number) {
+  VideoSample sample;
+  sample.presentationMicroseconds = number;
+  return sample;
+}
+
+class CapturePreviewHubTest : public testing::Test {
+ protected:
+  CapturePreviewHub::Observer noting(std::string name) {
+    return [this, name = std::move(name)](const std::optional<VideoSample>& shown) {
+      seen.push_back(name + (shown ? std::to_string(*shown->presentationMicroseconds) : "none"));
+    };
+  }
+  /// Runs `body` as the capture queue would: away from the main queue.
+  void onCapture(std::function<void()> body) { capture->post(std::move(body)); }
+  std::vector<std::string> take() {
+    time->runReady();
+    return std::exchange(seen, {});
+  }
+  using Lines = std::vector<std::string>;
+
+  std::shared_ptr<ManualTime> time = ManualTime::make();
+  std::shared_ptr<SerialQueue> main = time->makeQueue("main");
+  std::shared_ptr<SerialQueue> capture = time->makeQueue("capture");
+  std::shared_ptr<CapturePreviewHub> hub = std::make_shared<CapturePreviewHub>(main);
+  Lines seen;
+};
+
+TEST_F(CapturePreviewHubTest, OnlyTheNewestFrameIsDelivered) {
+  onCapture([this] {
+    for (int number = 1; number <= 10; ++number) hub->publish(frame(number));
+  });
+  EXPECT_EQ(take(), Lines{});  // nobody looks, and the next delivery is scheduled all the same
+  hub->addObserver(kSecond, noting("b"));
+  EXPECT_EQ(seen, Lines{"b10"});  // at once, of the stored frame
+  hub->addObserver(kFirst, noting("a"));
+  EXPECT_EQ(take(), (Lines{"b10", "a10"}));
+  onCapture([this] {
+    for (int number = 11; number <= 20; ++number) hub->publish(frame(number));
+  });
+  EXPECT_EQ(take(), (Lines{"a20", "b20"}));
+  onCapture([this] {
+    hub->publish(frame(21));
+    hub->clear();
+  });
+  EXPECT_EQ(take(), (Lines{"anone", "bnone"}));
+  hub->removeObserver(kSecond);
+  hub->publish(frame(22));  // on the main queue
+  EXPECT_EQ(seen, Lines{"a22"});
+}
+
+TEST_F(CapturePreviewHubTest, AnObserverAddedElsewhereIsServedOnTheMainQueue) {
+  onCapture([this] {
+    hub->addObserver(kFirst, noting("a"));
+    hub->publish(frame(1));
+    hub->addObserver(kSecond, noting("b"));
+    hub->removeObserver(kSecond);  // before its turn
+    EXPECT_EQ(seen, Lines{});
+  });
+  EXPECT_EQ(take(), Lines{"a1"});
+  onCapture([this] {
+    hub->publish(frame(2));
+    hub.reset();  // what is on its way does not keep it
+  });
+  EXPECT_EQ(take(), Lines{});
+}
+
+TEST_F(CapturePreviewHubTest, ObserversMayChangeTheObserversAndPublish) {
+  hub->addObserver(kFirst, [this](const std::optional<VideoSample>& shown) {
+    seen.push_back("a" + std::to_string(*shown->presentationMicroseconds));
+    hub->removeObserver(kFirst);
+    hub->addObserver(kSecond, noting("b"));
+    if (*shown->presentationMicroseconds == 1) hub->publish(frame(2));
+  });
+  hub->publish(frame(1));
+  EXPECT_EQ(take(), (Lines{"a1", "b1", "b2"}));
+}
+
+// What the thread sanitizer is to see: producers, and observers that come and go, at the same time.
+TEST(CapturePreviewHubThreadTest, ThreadsMeetWithoutARace) {
+  const auto main = std::make_shared<ThreadQueue>("main");
+  const auto hub = std::make_shared<CapturePreviewHub>(main);
+  constexpr int kFrames = 5000;
+  std::atomic<std::int64_t> newest{0};
+  std::atomic<int> wrongQueue{0};
+  const auto observer = [&](const std::optional<VideoSample>& shown) {
+    if (!main->isCurrent()) ++wrongQueue;
+    if (shown) newest = *shown->presentationMicroseconds;
+  };
+  hub->addObserver(kFirst, observer);
+  std::thread producer([&] {
+    for (int number = 1; number <= kFrames; ++number) hub->publish(frame(number));
+  });
+  for (int turn = 0; turn < 500; ++turn) {
+    hub->addObserver(kSecond, observer);
+    hub->removeObserver(kSecond);
+  }
+  producer.join();
+  std::atomic<bool> reached{false};
+  main->post([&] {
+    reached = true;
+    reached.notify_all();
+  });
+  reached.wait(false);
+  EXPECT_EQ(newest, kFrames);
+  EXPECT_EQ(wrongQueue, 0);
+}
+
+}  // namespace
+}  // namespace kestrune
