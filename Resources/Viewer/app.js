@@ -13,6 +13,7 @@ import { KeyboardInput, StageInput, ViewerInterface } from './viewer-ui.js';
 
 const TOKEN_KEY = 'kestrune.token';
 const FRESH_EDGE_MS = 500;
+const FARTHEST_DISPLAY_MS = 40; // from a picture's hand-over to the screen; two turns of a slow one
 const TOKEN_FORM = /^[A-Za-z0-9_-]{43}$/;
 const byId = (id) => document.getElementById(id);
 
@@ -290,7 +291,9 @@ class Viewer {
   shown(info) {
     this.shownAt = info.shownAt;
     this.shownLatency = this.video.clock.latency(info.timestamp, info.shownAt);
-    const seenAt = info.metadata ? info.metadata.expectedDisplayTime : info.shownAt;
+    // Browsers without a real display expect times that mean nothing.
+    const expectedIn = info.metadata ? info.metadata.expectedDisplayTime - info.shownAt : 0;
+    const seenAt = info.shownAt + (expectedIn > 0 && expectedIn < FARTHEST_DISPLAY_MS ? expectedIn : 0);
     this.video.displayTime.add(Math.min(60, Math.max(0, seenAt - info.decodedAt)));
     if (this.sound.offset !== null) this.lipSync.add(seenAt - info.timestamp / 1000 - this.sound.offset);
     if (this.hooks.onFrameShown) this.hooks.onFrameShown(info);

@@ -7,6 +7,7 @@
 //   video    a moving picture of 1280x720 in the middle of the page, 30 pictures a second
 //   flash    the page with a square that changes between black and white every 300 to 500 ms
 //   click    the page with a square that changes at every press of a button
+//   beep     the page with a square that is white for 200 ms from the instant on at which a beep is heard
 //   flashscroll, clickscroll   the same over the scrolling page
 //
 // Every change of the square is told on standard output as "MICROSECONDS COLOUR": the time since 1970 just
@@ -18,6 +19,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
@@ -27,6 +29,8 @@
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "Beeper.h"
 
 namespace {
 
@@ -191,6 +195,7 @@ class Scene {
     flashes_ = name.starts_with("flash");
     clicks_ = name.starts_with("click");
     caret_ = name == "caret";
+    beeps_ = name == "beep";
     video_ = name == "video";
     page_ = screen_.drawPage(screen_.width(), screen_.height() * 2);
     if (video_) {
@@ -202,12 +207,14 @@ class Scene {
 
   void run() {
     screen_.copy(page_, 0, 0, 0, screen_.width(), screen_.height());
-    if (flashes_ || clicks_) drawSquare();
+    if (flashes_ || clicks_ || beeps_) drawSquare();
+    if (beeps_) playBeeps([this](SteadyClock::time_point heard) { beep_ = heard; });
     screen_.flush();
     std::puts("ready");
     std::fflush(stdout);
     const auto period = scrolls_ ? SteadyClock::duration(1'000'000'000ns / 60)
                         : video_ ? SteadyClock::duration(1'000'000'000ns / 30)
+                        : beeps_ ? SteadyClock::duration(1ms)
                                  : SteadyClock::duration(500ms);
     auto nextStep = SteadyClock::now() + period;
     auto nextFlash = SteadyClock::now() + 1s;
@@ -219,6 +226,10 @@ class Scene {
       if (flashes_ && now >= nextFlash) {
         toggle();
         nextFlash = now + 300ms + std::chrono::milliseconds(random_() % 200);
+      }
+      if (beeps_ && now >= (white_ ? beep_.load() + 200ms : beep_.load())) {
+        if (white_) beep_ = SteadyClock::time_point::max();
+        toggle();
       }
       if (now >= nextStep) {
         step();
@@ -269,6 +280,8 @@ class Scene {
   bool flashes_ = false;
   bool clicks_ = false;
   bool caret_ = false;
+  bool beeps_ = false;
+  std::atomic<SteadyClock::time_point> beep_{SteadyClock::time_point::max()};  // the next one
   bool video_ = false;
   bool white_ = false;
   int count_ = 0;
@@ -280,12 +293,12 @@ class Scene {
 }  // namespace
 
 int main(int argc, char** argv) {
-  constexpr std::string_view kScenes[] = {"idle",  "caret", "scroll",      "video",
+  constexpr std::string_view kScenes[] = {"idle",  "caret", "scroll",      "video",      "beep",
                                           "flash", "click", "flashscroll", "clickscroll"};
   const std::string_view scene = argc > 1 ? argv[1] : "";
   if (std::find(std::begin(kScenes), std::end(kScenes), scene) == std::end(kScenes)) {
     std::fputs(
-        "usage: screen_content idle|caret|scroll|video|flash|click|flashscroll|clickscroll [SECONDS]\n",
+        "usage: screen_content idle|caret|scroll|video|beep|flash|click|flashscroll|clickscroll [SECONDS]\n",
         stderr);
     return 2;
   }
