@@ -6,6 +6,7 @@
 #include "server/StreamingServer.h"
 #include "server/VideoPacketStore.h"
 #include "server/ViewerTokenSource.h"
+#include "services/SleepAssertion.h"
 
 namespace kestrune {
 namespace {
@@ -50,8 +51,11 @@ StreamCoordinator::StreamCoordinator(StreamCoordinatorDependencies dependencies)
       dependencies_(std::move(dependencies)),
       mainQueue_(dependencies_.mainQueue),
       defaults_(dependencies_.defaults),
-      tokenStore_(dependencies_.tokenStore) {
+      tokenStore_(dependencies_.tokenStore),
+      sleepAssertion_(std::make_unique<SleepAssertion>(dependencies_.activities)) {
+  refreshLaunchAtLoginStatus();
   loadPreferences();
+  loadPowerSettings();
   screenCapturePermissionGranted = dependencies_.permissions->isScreenCaptureAllowed();
   remoteControlPermissionGranted = dependencies_.permissions->isTrustedForInput();
   captureService_ = std::make_shared<ScreenCaptureService>(captureDependencies(dependencies_, previewHub));

@@ -14,10 +14,12 @@
 #include "coordination/model/StreamMetrics.h"
 #include "coordination/model/StreamPhase.h"
 #include "coordination/model/StreamSettings.h"
+#include "platform/Activities.h"
 #include "platform/Bundle.h"
 #include "platform/CompressionSession.h"
 #include "platform/Displays.h"
 #include "platform/InputEvents.h"
+#include "platform/LoginItem.h"
 #include "platform/Network.h"
 #include "platform/PixelTransfer.h"
 #include "platform/Preferences.h"
@@ -31,6 +33,7 @@
 namespace kestrune {
 
 class RemoteControlService;
+class SleepAssertion;
 class StreamingServer;
 class TokenStore;
 
@@ -50,6 +53,8 @@ struct StreamCoordinatorDependencies {
   std::shared_ptr<ContentSharingPicker> picker;          // may be null
   std::shared_ptr<CompressionSessionFactory> compression;
   std::shared_ptr<PixelTransferFactory> pixelTransfer;
+  std::shared_ptr<Activities> activities;
+  std::shared_ptr<LoginItem> loginItem;
   /// Makes the queues of capture and encoding.
   std::function<std::shared_ptr<SerialQueue>(std::string label)> makeQueue;
   /// Of the local viewer server, on 127.0.0.1.
@@ -91,6 +96,9 @@ class StreamCoordinator final : public std::enable_shared_from_this<StreamCoordi
   Published<bool> screenCapturePermissionGranted;
   Published<bool> remoteControlPermissionGranted;
   Published<bool> isUpdatingStreamSettings;
+  /// The program starts when the user logs in, or would if the user allowed it.
+  Published<bool> launchAtLoginEnabled;
+  Published<bool> launchAtLoginNeedsApproval;
 
   /// What is captured, for a preview at the machine.
   const std::shared_ptr<CapturePreviewHub> previewHub;
@@ -104,6 +112,8 @@ class StreamCoordinator final : public std::enable_shared_from_this<StreamCoordi
   Published<StreamBitRate> bitRate{StreamBitRate::medium};
   Published<StreamVideoEncoderKind> videoEncoderKind;
   Published<AudioChannelMode> audioChannelMode;
+  /// Whether the machine is kept awake while the server is up or a stream runs; takes effect at once.
+  Published<bool> preventMacSleep{true};
 
   // Conditions on which controls depend.
 
@@ -131,6 +141,11 @@ class StreamCoordinator final : public std::enable_shared_from_this<StreamCoordi
                                  std::optional<StreamVideoCodec> newCodec = {},
                                  std::optional<StreamBitRate> newBitRate = {},
                                  std::optional<StreamVideoEncoderKind> newEncoderKind = {});
+
+  /// Registers or removes the start at login; the two fields tell what became of it.
+  void setLaunchAtLogin(bool enabled);
+  /// Reads the two fields anew: they may have been changed from outside.
+  void refreshLaunchAtLoginStatus();
 
   /// A checked transition: one that is not allowed changes nothing and is logged.
   void setPhase(StreamPhase next);
@@ -203,6 +218,10 @@ class StreamCoordinator final : public std::enable_shared_from_this<StreamCoordi
   static Task<void> runCursorSync(std::weak_ptr<StreamCoordinator> weak);
   void publishCursor(bool visible, bool force);
 
+  // Sleep and login (StreamCoordinatorPower.cpp)
+  void loadPowerSettings();
+  void updateSleepAssertion();
+
   // Teardown (StreamCoordinatorTeardown.cpp)
   Task<void> runTeardown();
 
@@ -213,6 +232,7 @@ class StreamCoordinator final : public std::enable_shared_from_this<StreamCoordi
   std::shared_ptr<ScreenCaptureService> captureService_;
   std::shared_ptr<StreamingServer> server_;
   std::shared_ptr<RemoteControlService> remoteControlService_;
+  std::unique_ptr<SleepAssertion> sleepAssertion_;
   std::vector<Observation> settingObservations_;
 
   bool localViewerConnected_ = false;  // an authenticated viewer

@@ -23,6 +23,7 @@ Task<void> StreamCoordinator::startCapture() {
   isCapturing = true;
   refreshCursorSync();
   co_await checkCancellation();
+  updateSleepAssertion();
   startMetricsTask();
   if (isViewerConnected()) captureService_->setVideoEncodingEnabled(true);
 }

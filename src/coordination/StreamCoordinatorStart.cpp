@@ -61,6 +61,7 @@ Task<void> StreamCoordinator::armingBody() {
     co_await checkCancellation();
     co_await startServer();
     ownsActiveResources_ = true;
+    updateSleepAssertion();
     startMetricsTask();
     co_await checkCancellation();
     isRemoteStartArmed = true;

@@ -1,6 +1,7 @@
 #include "coordination/StreamCoordinator.h"
 #include "runtime/Log.h"
 #include "server/StreamingServer.h"
+#include "services/SleepAssertion.h"
 
 namespace kestrune {
 namespace {
@@ -62,6 +63,7 @@ Task<void> StreamCoordinator::runTeardown() {
   };
   co_await awaitCallback<Unit>(stopServer);
 
+  sleepAssertion_->release();
   ownsActiveResources_ = false;
   refreshViewerURLs();
   metrics = StreamMetrics{};

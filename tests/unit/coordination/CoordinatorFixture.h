@@ -11,6 +11,7 @@
 #include "coordination/model/KestruneError.h"
 #include "runtime/ManualTime.h"
 #include "support/CapturedLog.h"
+#include "support/FakeActivities.h"
 #include "support/FakeBundle.h"
 #include "support/FakeCompression.h"
 #include "support/FakeCredentials.h"
@@ -67,6 +68,8 @@ class CoordinatorTest : public testing::Test {
     dependencies.screenCapture = screen;
     dependencies.compression = compression;
     dependencies.pixelTransfer = std::make_shared<FakePixelTransferFactory>();
+    dependencies.activities = activities;
+    dependencies.loginItem = loginItem;
     dependencies.makeQueue = [this](std::string label) { return time->makeQueue(std::move(label)); };
     coordinator = StreamCoordinator::make(std::move(dependencies));
     observation =
@@ -164,6 +167,8 @@ class CoordinatorTest : public testing::Test {
   std::shared_ptr<FakeScreenCapture> screen = std::make_shared<FakeScreenCapture>();
   std::shared_ptr<FakeCompressionSessionFactory> compression =
       std::make_shared<FakeCompressionSessionFactory>();
+  std::shared_ptr<FakeActivities> activities = std::make_shared<FakeActivities>();
+  std::shared_ptr<FakeLoginItem> loginItem = std::make_shared<FakeLoginItem>();
   std::shared_ptr<StreamCoordinator> coordinator;
   Observation observation;
   std::vector<std::string> phases;  // every change

@@ -1,0 +1,57 @@
+#include "coordination/StreamCoordinator.h"
+#include "coordination/model/PreferenceKeys.h"
+#include "runtime/Log.h"
+#include "services/SleepAssertion.h"
+
+namespace kestrune {
+namespace {
+constexpr Logger kLog("App");
+}
+
+void StreamCoordinator::loadPowerSettings() {
+  const auto stored = defaults_->value(preference_keys::kPreventMacSleep);
+  const bool* flag = stored ? std::get_if<bool>(&*stored) : nullptr;
+  preventMacSleep = flag ? *flag : true;
+  defaults_->set(preference_keys::kPreventMacSleep, preventMacSleep.get());
+  settingObservations_.push_back(preventMacSleep.observe([this](bool value) {
+    defaults_->set(preference_keys::kPreventMacSleep, value);
+    updateSleepAssertion();
+  }));
+}
+
+void StreamCoordinator::updateSleepAssertion() {
+  if (preventMacSleep && (ownsActiveResources_ || isCapturing || isRemoteStartArmed)) {
+    sleepAssertion_->acquire();
+  } else {
+    sleepAssertion_->release();
+  }
+}
+
+void StreamCoordinator::setLaunchAtLogin(bool enabled) {
+  LoginItem& item = *dependencies_.loginItem;
+  std::exception_ptr failure;
+  try {
+    if (enabled) {
+      item.registerItem();
+    } else {
+      item.unregisterItem();
+    }
+  } catch (...) {
+    failure = std::current_exception();
+  }
+  refreshLaunchAtLoginStatus();
+  if (failure) {
+    reportError(failure, false);
+    return;
+  }
+  clearErrors();
+  kLog.notice(std::string("Launch at Login updated: ") + (launchAtLoginEnabled ? "true" : "false"));
+}
+
+void StreamCoordinator::refreshLaunchAtLoginStatus() {
+  const LoginItem& item = *dependencies_.loginItem;
+  launchAtLoginEnabled = item.status() == LoginItem::Status::enabled;
+  launchAtLoginNeedsApproval = item.status() == LoginItem::Status::requiresApproval;
+}
+
+}  // namespace kestrune

@@ -1,0 +1,91 @@
+#include "CoordinatorFixture.h"
+#include "coordination/model/PreferenceKeys.h"
+
+namespace kestrune {
+namespace {
+
+using CoordinatorPowerTest = CoordinatorTest;
+constexpr auto kKey = preference_keys::kPreventMacSleep;
+
+constexpr const char* kHeldLine =
+    "info [App] Preventing idle system and display sleep while streaming or armed";
+constexpr const char* kReleasedLine = "info [App] Released streaming sleep assertion";
+
+TEST_F(CoordinatorPowerTest, TheMachineIsKeptAwakeFromTheServersStartToTheTeardown) {
+  make();
+  run(coordinator->teardown());
+  EXPECT_THAT(activities->begun, IsEmpty());
+  EXPECT_FALSE(log.contains(kReleasedLine));  // there was nothing to release
+
+  const auto viewer = streamToViewer();
+  ASSERT_EQ(activities->begun.size(), 1u);  // capture found it held
+  EXPECT_EQ(activities->begun[0]->options, 0x100'00FF'FFFFu);
+  EXPECT_EQ(activities->begun[0]->reason, "Kestrune is ready for remote streaming");
+  EXPECT_TRUE(log.contains(kHeldLine));
+
+  run(coordinator->stop());  // back to standby
+  EXPECT_FALSE(coordinator->isCapturing);
+  EXPECT_TRUE(activities->isHeld());
+  run(coordinator->teardown());
+  EXPECT_FALSE(activities->isHeld());
+  EXPECT_TRUE(log.contains(kReleasedLine));
+
+  run(coordinator->startServing());
+  EXPECT_EQ(activities->begun.size(), 2u);
+  EXPECT_TRUE(activities->isHeld());
+  coordinator.reset();
+  time->runReady();
+  EXPECT_FALSE(activities->isHeld());
+}
+
+TEST_F(CoordinatorPowerTest, TheSettingTakesEffectAtOnceAndIsStored) {
+  const auto stored = [&] { return *preferences->value(kKey); };
+  preferences->set(kKey, "no");  // not a boolean
+  make();
+  EXPECT_TRUE(coordinator->preventMacSleep);
+  EXPECT_EQ(stored(), PreferenceValue(true));
+
+  preferences->set(kKey, false);
+  launch();
+  EXPECT_THAT(activities->begun, IsEmpty());
+  coordinator->preventMacSleep = true;
+  EXPECT_TRUE(activities->isHeld());
+  EXPECT_EQ(stored(), PreferenceValue(true));
+  coordinator->preventMacSleep = false;
+  EXPECT_FALSE(activities->isHeld());
+  EXPECT_EQ(stored(), PreferenceValue(false));
+
+  run(coordinator->teardown());
+  coordinator->preventMacSleep = true;  // nothing is up
+  EXPECT_FALSE(activities->isHeld());
+}
+
+TEST_F(CoordinatorPowerTest, TheLoginItemIsShownAsTheSystemHasIt) {
+  loginItem->current = LoginItem::Status::enabled;
+  make();
+  EXPECT_TRUE(coordinator->launchAtLoginEnabled);
+  coordinator->setLaunchAtLogin(false);
+  EXPECT_FALSE(coordinator->launchAtLoginEnabled);
+  EXPECT_TRUE(log.contains("notice [App] Launch at Login updated: false"));
+
+  loginItem->failure = "The disk is full.";
+  coordinator->setLaunchAtLogin(true);
+  EXPECT_EQ(coordinator->lastError.get(), "The disk is full.");
+  EXPECT_FALSE(coordinator->launchAtLoginEnabled);
+  EXPECT_EQ(coordinator->phase.get(), StreamPhase(Case::idle));
+
+  loginItem->failure.clear();
+  loginItem->registered = LoginItem::Status::requiresApproval;
+  coordinator->setLaunchAtLogin(true);
+  EXPECT_FALSE(coordinator->launchAtLoginEnabled);
+  EXPECT_TRUE(coordinator->launchAtLoginNeedsApproval);
+  EXPECT_EQ(coordinator->lastError.get(), std::nullopt);
+
+  loginItem->current = LoginItem::Status::enabled;  // the user allowed it
+  coordinator->refreshLaunchAtLoginStatus();
+  EXPECT_TRUE(coordinator->launchAtLoginEnabled);
+  EXPECT_FALSE(coordinator->launchAtLoginNeedsApproval);
+}
+
+}  // namespace
+}  // namespace kestrune
