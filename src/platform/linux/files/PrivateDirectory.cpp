@@ -9,6 +9,8 @@
 #include <cstdio>
 #include <system_error>
 
+#include "platform/linux/files/ReplacedFile.h"
+
 namespace kestrune::linux_platform {
 namespace {
 
@@ -44,15 +46,6 @@ void makeDirectories(const std::filesystem::path& path) {
   }
 }
 
-void writeAll(int descriptor, ByteView bytes, const std::string& what) {
-  while (!bytes.empty()) {
-    const ssize_t count = ::write(descriptor, bytes.data(), bytes.size());
-    if (count < 0 && errno == EINTR) continue;
-    check(count > 0, what);
-    bytes = bytes.subspan(static_cast<std::size_t>(count));
-  }
-}
-
 }  // namespace
 
 PrivateDirectory::PrivateDirectory(const std::filesystem::path& path) {
@@ -85,16 +78,7 @@ std::optional<Bytes> PrivateDirectory::read(const std::string& name, std::size_t
 }
 
 void PrivateDirectory::write(const std::string& name, ByteView bytes) const {
-  const std::string temporary = name + ".new";
-  // Left behind by a writer that was killed.
-  check(unlinkat(directory_.get(), temporary.c_str(), 0) == 0 || errno == ENOENT, temporary);
-  const UniqueDescriptor file(openat(directory_.get(), temporary.c_str(),
-                                     O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kFileMode));
-  check(static_cast<bool>(file), temporary);
-  writeAll(file.get(), bytes, temporary);
-  check(fsync(file.get()) == 0, temporary);
-  check(renameat(directory_.get(), temporary.c_str(), directory_.get(), name.c_str()) == 0, name);
-  check(fsync(directory_.get()) == 0, name);
+  replaceFile(directory_.get(), name, bytes);
 }
 
 std::string PrivateDirectory::setAside(const std::string& name, const std::string& suffix) const {
