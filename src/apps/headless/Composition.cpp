@@ -5,6 +5,7 @@
 #include "capture/PCMConverter.h"
 #include "platform/linux/audio/SoxrSampleRateConverter.h"
 #include "platform/linux/audio/SystemScreenCapture.h"
+#include "platform/linux/autostart/AutostartLoginItem.h"
 #include "platform/linux/bundle/DirectoryBundle.h"
 #include "platform/linux/capture/X11ScreenCapture.h"
 #include "platform/linux/credentials/HelperCredentialConnector.h"
@@ -13,6 +14,7 @@
 #include "platform/linux/input/XTestInputEvents.h"
 #include "platform/linux/network/AsioNetwork.h"
 #include "platform/linux/pixel/LibyuvPixelTransfer.h"
+#include "platform/linux/power/SystemActivities.h"
 #include "platform/linux/preferences/JsonPreferences.h"
 #include "platform/linux/random/SystemRandomSource.h"
 #include "platform/linux/video/SoftwareCompressionSessionFactory.h"
@@ -46,6 +48,8 @@ std::shared_ptr<StreamCoordinator> composeCoordinator(std::shared_ptr<SerialQueu
       std::make_shared<PCMConverter>(std::make_shared<SoxrSampleRateConverterFactory>());
   dependencies.compression = std::make_shared<SoftwareCompressionSessionFactory>();
   dependencies.pixelTransfer = std::make_shared<LibyuvPixelTransferFactory>();
+  dependencies.activities = std::make_shared<SystemActivities>();
+  dependencies.loginItem = std::make_shared<AutostartLoginItem>();
   dependencies.makeQueue = [](std::string label) { return std::make_shared<ThreadQueue>(std::move(label)); };
   dependencies.viewerPort = viewerPort;
   return StreamCoordinator::make(std::move(dependencies));

@@ -1,0 +1,46 @@
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "platform/Activities.h"
+
+namespace kestrune::linux_platform {
+
+/// Activities that keep the machine awake: idle system sleep is held off through logind, idle display sleep
+/// through the screen saver service of the session, and by suspending the X server's screen saver while there
+/// is no such service. Everything is tied to connections and descriptors of this process, so it is gone with
+/// the process, and to one thread that talks to the services and tells in the log what is held and what
+/// cannot be; whoever begins or ends an activity never waits for them.
+class SystemActivities final : public Activities {
+ public:
+  struct Settings {
+    // Empty for those of the environment.
+    std::string systemBus;
+    std::string sessionBus;
+    std::string displayName;
+    std::chrono::milliseconds answerTimeout{10'000};
+    /// After which what could not be held is tried again.
+    std::chrono::milliseconds retryDelay{60'000};
+  };
+
+  /// Throws a std::system_error where the system gives no descriptor or no thread.
+  explicit SystemActivities(Settings settings);
+  SystemActivities() : SystemActivities(Settings()) {}
+  /// Ends what is held.
+  ~SystemActivities() override;
+
+  std::unique_ptr<Activity> beginActivity(ActivityOptions options, std::string reason) override;
+
+ private:
+  class Wishes;
+  class RunningActivity;
+  class Worker;
+
+  const std::shared_ptr<Wishes> wishes_;
+  std::thread thread_;
+};
+
+}  // namespace kestrune::linux_platform
