@@ -7,6 +7,7 @@
 #include "access/CredentialHelperClient.h"
 #include "platform/linux/credentials/HelperCredentialConnector.h"
 #include "support/ChildProcess.h"
+#include "support/MessageBusFixture.h"
 #include "support/TemporaryDirectory.h"
 
 namespace kestrune::linux_platform {
@@ -28,15 +29,8 @@ class SecretServiceTest : public ::testing::Test {
     setenv("XDG_DATA_HOME", (top_.path() / "data").c_str(), 1);
     setenv("XDG_RUNTIME_DIR", top_.path().c_str(), 1);
     setenv("HOME", top_.path().c_str(), 1);
-    const std::string socket = (top_.path() / "bus").string();
-    writeText(top_.path() / "bus.conf",
-              "<busconfig><type>session</type><listen>unix:path=" + socket +
-                  "</listen><policy context=\"default\"><allow send_destination=\"*\"/>"
-                  "<allow eavesdrop=\"false\"/><allow own=\"*\"/></policy></busconfig>");
-    bus_ = std::make_unique<ChildProcess>("dbus-daemon --nofork --config-file=" +
-                                          (top_.path() / "bus.conf").string());
-    ASSERT_TRUE(testing::eventually([&] { return std::filesystem::exists(socket); }));
-    setenv("DBUS_SESSION_BUS_ADDRESS", ("unix:path=" + socket).c_str(), 1);
+    bus_ = std::make_unique<testing::MessageBus>(top_.path());
+    setenv("DBUS_SESSION_BUS_ADDRESS", bus_->address().c_str(), 1);
   }
   void TearDown() override {
     unsetenv("DBUS_SESSION_BUS_ADDRESS");
@@ -56,7 +50,7 @@ class SecretServiceTest : public ::testing::Test {
   const std::filesystem::path file_ = top_.path() / "data" / "kestrune" / "credentials.json";
   const CredentialHelperClient client_{
       std::make_shared<HelperCredentialConnector>(KESTRUNE_CREDENTIAL_HELPER)};
-  std::unique_ptr<ChildProcess> bus_;
+  std::unique_ptr<testing::MessageBus> bus_;
   std::unique_ptr<ChildProcess> keyring_;
 };
 

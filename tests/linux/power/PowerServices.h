@@ -1,0 +1,184 @@
+#pragma once
+
+#include <fcntl.h>
+#include <poll.h>
+#include <systemd/sd-bus.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/linux/files/UniqueDescriptor.h"
+
+namespace kestrune::testing {
+
+/// logind and a screen saver as far as inhibitions go, on a bus of the test's own, until its end. A grant
+/// ends as with the real ones: by the descriptor, or by the cookie or the end of the connection.
+class PowerServices {
+ public:
+  enum class Manner { answers, refuses, isSilent, answersLate };
+
+  struct Counts {
+    int idleRequests = 0, saverRequests = 0, idleHeld = 0, saverHeld = 0, uninhibited = 0;
+    std::vector<std::string> idleArguments, saverArguments;  // of the latest request
+  };
+
+  explicit PowerServices(const std::string& address, Manner manner = Manner::answers)
+      : manner_(manner), thread_([this, address] { serve(address); }) {
+    while (!isUp_) std::this_thread::yield();
+  }
+  ~PowerServices() {
+    isOver_ = true;
+    thread_.join();
+  }
+  PowerServices(const PowerServices&) = delete;
+
+  void setManner(Manner manner) { manner_ = manner; }
+  Counts counts() const {
+    const std::lock_guard guard(lock_);
+    return counts_;
+  }
+  bool isHeld(int idle, int saver) const {
+    const Counts now = counts();
+    return now.idleHeld == idle && now.saverHeld == saver;
+  }
+
+ private:
+  struct Cookie {
+    std::uint32_t number;
+    std::string owner;
+  };
+
+  void serve(const std::string& address) {
+    static const sd_bus_vtable kMethods[] = {
+        SD_BUS_VTABLE_START(0), SD_BUS_METHOD("Inhibit", "ssss", "h", &onIdle, SD_BUS_VTABLE_UNPRIVILEGED),
+        SD_BUS_VTABLE_END};
+    static const sd_bus_vtable kSaverMethods[] = {
+        SD_BUS_VTABLE_START(0), SD_BUS_METHOD("Inhibit", "ss", "u", &onSaver, SD_BUS_VTABLE_UNPRIVILEGED),
+        SD_BUS_METHOD("UnInhibit", "u", "", &onUninhibit, SD_BUS_VTABLE_UNPRIVILEGED), SD_BUS_VTABLE_END};
+    check(sd_bus_new(&bus_));
+    check(sd_bus_set_address(bus_, address.c_str()));
+    check(sd_bus_set_bus_client(bus_, 1));
+    check(sd_bus_negotiate_fds(bus_, 1));
+    check(sd_bus_start(bus_));
+    check(sd_bus_add_object_vtable(bus_, nullptr, "/org/freedesktop/login1", "org.freedesktop.login1.Manager",
+                                   kMethods, this));
+    check(sd_bus_add_object_vtable(bus_, nullptr, "/org/freedesktop/ScreenSaver",
+                                   "org.freedesktop.ScreenSaver", kSaverMethods, this));
+    check(sd_bus_match_signal(bus_, nullptr, "org.freedesktop.DBus", nullptr, "org.freedesktop.DBus",
+                              "NameOwnerChanged", &onOwnerChange, this));
+    check(sd_bus_request_name(bus_, "org.freedesktop.login1", 0));
+    check(sd_bus_request_name(bus_, "org.freedesktop.ScreenSaver", 0));
+    isUp_ = true;
+    while (!isOver_) {
+      while (sd_bus_process(bus_, nullptr) > 0) {
+      }
+      countGrants();
+      sd_bus_wait(bus_, 5'000);
+    }
+    sd_bus_flush_close_unref(bus_);
+  }
+
+  static void check(int result) {
+    if (result < 0) throw std::runtime_error("fake services: " + std::to_string(result));
+  }
+
+  void countGrants() {
+    std::erase_if(locks_, [](const auto& lock) {
+      pollfd end{lock.get(), 0, 0};
+      return poll(&end, 1, 0) > 0;  // the other end is closed
+    });
+    const std::lock_guard guard(lock_);
+    counts_.idleHeld = static_cast<int>(locks_.size());
+    counts_.saverHeld = static_cast<int>(cookies_.size());
+  }
+
+  /// Whether the call is to be granted; `result` is for the bus if not.
+  bool grants(sd_bus_message* call, int& result) const {
+    result = 1;
+    if (manner_ == Manner::answersLate) poll(nullptr, 0, 200);
+    if (manner_ == Manner::refuses) {
+      result = sd_bus_reply_method_errorf(call, SD_BUS_ERROR_ACCESS_DENIED, "Not for you");
+    }
+    return manner_ == Manner::answers || manner_ == Manner::answersLate;
+  }
+
+  static std::vector<std::string> arguments(sd_bus_message* call, int count) {
+    std::vector<std::string> texts;
+    for (const char* text = nullptr; count > 0; --count) {
+      sd_bus_message_read(call, "s", &text);
+      texts.emplace_back(text);
+    }
+    return texts;
+  }
+
+  static int onIdle(sd_bus_message* call, void* context, sd_bus_error* /*error*/) {
+    auto& self = *static_cast<PowerServices*>(context);
+    {
+      const std::lock_guard guard(self.lock_);
+      ++self.counts_.idleRequests;
+      self.counts_.idleArguments = arguments(call, 4);
+    }
+    int result = 0;
+    if (!self.grants(call, result)) return result;
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0) return -errno;
+    self.locks_.emplace_back(ends[0]);
+    const linux_platform::UniqueDescriptor given(ends[1]);
+    return sd_bus_reply_method_return(call, "h", given.get());
+  }
+
+  static int onSaver(sd_bus_message* call, void* context, sd_bus_error* /*error*/) {
+    auto& self = *static_cast<PowerServices*>(context);
+    {
+      const std::lock_guard guard(self.lock_);
+      ++self.counts_.saverRequests;
+      self.counts_.saverArguments = arguments(call, 2);
+    }
+    int result = 0;
+    if (!self.grants(call, result)) return result;
+    self.cookies_.push_back({++self.lastCookie_, sd_bus_message_get_sender(call)});
+    return sd_bus_reply_method_return(call, "u", self.lastCookie_);
+  }
+
+  static int onUninhibit(sd_bus_message* call, void* context, sd_bus_error* /*error*/) {
+    auto& self = *static_cast<PowerServices*>(context);
+    std::uint32_t cookie = 0;
+    sd_bus_message_read(call, "u", &cookie);
+    const auto count = std::erase_if(self.cookies_, [&](const Cookie& held) {
+      return held.number == cookie && held.owner == sd_bus_message_get_sender(call);
+    });
+    const std::lock_guard guard(self.lock_);
+    self.counts_.uninhibited += static_cast<int>(count);
+    return sd_bus_reply_method_return(call, "");
+  }
+
+  static int onOwnerChange(sd_bus_message* signal, void* context, sd_bus_error* /*error*/) {
+    auto& self = *static_cast<PowerServices*>(context);
+    const auto names = arguments(signal, 3);
+    if (names[2].empty()) {
+      std::erase_if(self.cookies_, [&](const Cookie& held) { return held.owner == names[0]; });
+    }
+    return 0;
+  }
+
+  std::atomic<Manner> manner_;
+  std::atomic<bool> isUp_{false};
+  std::atomic<bool> isOver_{false};
+  // The thread's own:
+  sd_bus* bus_ = nullptr;
+  std::vector<linux_platform::UniqueDescriptor> locks_;  // the ends of pipes whose others were given away
+  std::vector<Cookie> cookies_;
+  std::uint32_t lastCookie_ = 1000;
+
+  mutable std::mutex lock_;  // guards counts_
+  Counts counts_;
+  std::thread thread_;
+};
+
+}  // namespace kestrune::testing
