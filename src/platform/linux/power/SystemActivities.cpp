@@ -122,7 +122,7 @@ class SystemActivities::RunningActivity final : public Activity {
 /// The thread's side: everything here is its own.
 class SystemActivities::Worker {
  public:
-  explicit Worker(Settings settings)
+  explicit Worker(const Settings& settings)
       : idle_({settings.systemBus, settings.answerTimeout, settings.retryDelay}),
         screenSaver_({settings.sessionBus, settings.answerTimeout, settings.retryDelay}),
         suspension_(settings.displayName),
