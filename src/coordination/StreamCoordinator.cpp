@@ -75,6 +75,7 @@ void StreamCoordinator::connect() {
   wireCapture();
   wireServer();
   wireRemoteControl();
+  observePreferences();
   announceStreamSettings();
   refreshViewerURLs();
 }

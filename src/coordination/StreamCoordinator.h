@@ -163,9 +163,14 @@ class StreamCoordinator final : public std::enable_shared_from_this<StreamCoordi
   /// Waits for the task in `slot` and clears the slot, unless another task has taken it.
   static Task<void> awaitAndClear(TaskHandle& slot);
 
-  // Settings (StreamCoordinatorSettings.cpp)
+  // Stored settings (StreamCoordinatorPreferences.cpp)
   void loadPreferences();
-  void persistChanges();
+  void storeVideoSettings();
+  void takeChangedPreferences(const std::vector<std::string>& changedKeys);
+  Task<void> applyEditedSettings();
+  void observePreferences();
+
+  // Settings (StreamCoordinatorSettings.cpp)
   VideoSettings currentVideoSettings() const;
   Task<void> applyPendingSettings(VideoSettings wanted);
   void announceStreamSettings();
@@ -251,6 +256,10 @@ class StreamCoordinator final : public std::enable_shared_from_this<StreamCoordi
   std::uint64_t streamSettingsGeneration_ = 0;
   /// The newest change that is not taken up yet.
   std::optional<VideoSettings> pendingStreamSettings_;
+  /// The newest change while one is applied, pending or not: what a further one starts from.
+  std::optional<VideoSettings> newestStreamSettings_;
+  /// What edited preferences ask for, until applyStreamSettings() has it.
+  std::optional<VideoSettings> editedStreamSettings_;
   bool didSelectDefaultDisplay_ = false;
   std::optional<RemoteCursorState> lastPublishedCursorState_;
 };

@@ -128,6 +128,53 @@ TEST_F(CoordinatorSettingsTest, ARefusedChangeKeepsTheOldValuesAndSaysSo) {
   EXPECT_THAT(received(viewer), Contains(HasSubstr(R"("quality":"balanced","fps":60)")));
 }
 
+TEST_F(CoordinatorSettingsTest, EditedPreferencesAreAppliedAsIfChangedHere) {
+  const auto viewer = streamToViewer();
+  const auto stream = screen->latest();
+  preferences->edit({{"stream.profile", "safe"}, {"stream.bitRate", "enormous"}, {"other", true}});
+  time->runReady();
+  EXPECT_EQ(coordinator->profile, StreamProfile::safe);
+  EXPECT_EQ(coordinator->bitRate, StreamBitRate::medium);
+  EXPECT_TRUE(log.mentions("stream.bitRate"));
+  EXPECT_EQ(stored(keys::kBitRate), PreferenceValue("enormous"));  // whoever wrote it may mend it
+  EXPECT_THAT(received(viewer), Contains(HasSubstr(R"("quality":"safe","fps":60)")));
+  EXPECT_EQ(stream->configurations.size(), 1u);
+
+  // Edits that come while one is applied build on it.
+  stream->holds = true;
+  preferences->edit({{"stream.frameRate", 24.0}});
+  time->runReady();
+  preferences->edit({{"stream.bitRate", "high"}});
+  preferences->edit({{"stream.profile", std::nullopt},
+                     {"stream.audioChannelMode", "mono"},
+                     {"app.preventMacSleep", false}});
+  time->runReady();
+  stream->holds = false;
+  stream->complete();
+  time->runReady();
+  EXPECT_EQ(coordinator->frameRate, StreamFrameRate::fps24);
+  EXPECT_EQ(coordinator->bitRate, StreamBitRate::high);
+  EXPECT_EQ(coordinator->profile, StreamProfile::balanced);  // as at a launch without it
+  EXPECT_EQ(coordinator->audioChannelMode, AudioChannelMode::mono);
+  EXPECT_FALSE(coordinator->preventMacSleep);
+
+  // The display mode is for the next launch while something runs.
+  preferences->edit({{"stream.displayMode", "virtualDisplay"}});
+  time->runReady();
+  EXPECT_EQ(coordinator->streamDisplayMode, StreamDisplayMode::mainDisplay);
+  EXPECT_EQ(stored(keys::kDisplayMode), PreferenceValue("virtualDisplay"));
+}
+
+TEST_F(CoordinatorSettingsTest, ARefusedEditIsTakenBack) {
+  streamToViewer();
+  screen->latest()->outcomes = {std::make_exception_ptr(KestruneError::operationFailed("no"))};
+  preferences->edit({{"stream.profile", "high"}});
+  time->runReady();
+  EXPECT_EQ(coordinator->lastError.get(), "Unable to change video quality: no");
+  EXPECT_EQ(coordinator->profile, StreamProfile::balanced);
+  EXPECT_EQ(stored(keys::kProfile), PreferenceValue("balanced"));
+}
+
 TEST_F(CoordinatorSettingsTest, ATeardownMakesARunningChangeMeaningless) {
   streamToViewer();
   const auto stream = screen->latest();

@@ -1,12 +1,14 @@
 #include "platform/linux/preferences/JsonPreferences.h"
 
-#include <algorithm>
+#include <chrono>
+#include <mutex>
 #include <string>
 #include <utility>
 
 #include "platform/linux/files/PrivateDirectory.h"
 #include "platform/linux/files/UserDirectories.h"
-#include "platform/support/Json.h"
+#include "platform/linux/preferences/FileWatch.h"
+#include "platform/linux/preferences/PreferencesTable.h"
 #include "runtime/Log.h"
 
 namespace kestrune::linux_platform {
@@ -15,98 +17,175 @@ namespace {
 constexpr Logger kLog("App");
 const std::string kFileName = "preferences.json";
 constexpr std::size_t kLargestFile = 1 << 20;
+/// An editor touches the file several times when it saves.
+constexpr std::chrono::milliseconds kSettling{150};
 
-std::optional<PreferenceValue> preferenceValue(const JsonValue& value) {
-  if (const auto flag = value.boolean()) return *flag;
-  if (const auto* text = value.string()) return *text;
-  if (!value.isFloat()) {
-    if (const auto whole = value.integer()) return *whole;
-  }
-  if (const auto number = value.number()) return *number;
-  return {};
-}
-
-/// One key a line, for people who read the file.
-std::string serialize(const JsonValue::Object& members) {
-  std::string text = "{";
-  for (const auto& [key, value] : members) {
-    text.append(text.size() == 1 ? "\n  " : ",\n  ");
-    text.append(quoteJson(key)).append(": ").append(serializeJson(value));
-  }
-  return text.append("\n}\n");
+/// Nothing if there is no file; a null value if it is no JSON object.
+std::optional<JsonValue> readFile(const PrivateDirectory& directory) {
+  const auto bytes = directory.read(kFileName, kLargestFile);
+  if (!bytes) return {};
+  auto parsed = parseJson({reinterpret_cast<const char*>(bytes->data()), bytes->size()});
+  return parsed && parsed->object() ? std::move(*parsed) : JsonValue();
 }
 
 }  // namespace
 
-struct JsonPreferences::Table {
-  JsonValue::Object members;
+/// What the watch and the observer's queue refer to, weakly.
+class JsonPreferences::Store final : public std::enable_shared_from_this<Store> {
+ public:
+  explicit Store(std::filesystem::path directory) : directory_(std::move(directory)) {}
+
+  std::optional<PreferenceValue> value(std::string_view key) const {
+    const std::lock_guard guard(lock_);
+    return table_.value(key);
+  }
+  /// `change` returns whether it changed the table.
+  template <class Change>
+  void change(Change change);
+  void load();
+  void observe(std::shared_ptr<SerialQueue> queue, ChangeObserver observer);
+  void scheduleReload();
+  void reload();
+  void saveLate();
+  const std::filesystem::path& directory() const { return directory_; }
+
+ private:
+  bool setAsideIfBroken();
+  std::vector<std::string> synchronize();
+  void write(const PrivateDirectory& directory);
+
+  const std::filesystem::path directory_;
+  mutable std::mutex lock_;  // guards what follows, and orders the reads and writes of the file
+  PreferencesTable table_;
+  std::shared_ptr<SerialQueue> queue_;
+  std::shared_ptr<const ChangeObserver> observer_;
+  DelayedWork pendingReload_;
 };
+
+void JsonPreferences::Store::load() {
+  const std::lock_guard guard(lock_);
+  if (setAsideIfBroken()) synchronize();
+}
+
+/// Whether the file can be read, or there is none. Under the lock.
+bool JsonPreferences::Store::setAsideIfBroken() {
+  try {
+    const PrivateDirectory directory(directory_);
+    const auto locked = directory.lock();
+    const auto content = readFile(directory);
+    if (!content || content->object()) return true;
+    const std::string aside = directory.setAside(kFileName, ".invalid");
+    kLog.error("The preferences file is no JSON object; it was set aside as " + aside);
+    return true;
+  } catch (const std::exception& error) {
+    kLog.error(std::string("The preferences cannot be read: ") + error.what());
+    return false;
+  }
+}
+
+/// Brings the table and the file together; returns which values somebody else has changed. Under the lock.
+std::vector<std::string> JsonPreferences::Store::synchronize() {
+  const bool isWriting = table_.hasUnsavedChanges();
+  std::vector<std::string> changed;
+  try {
+    const PrivateDirectory directory(directory_);
+    const auto locked = directory.lock();
+    if (auto content = readFile(directory)) {
+      if (!content->object()) {
+        kLog.error(isWriting ? "The preferences file is no JSON object; a changed value waits until it is one"
+                             : "The preferences file is no JSON object and is ignored until it is one");
+        return {};
+      }
+      changed = table_.merge(*content->object());
+    }
+    if (isWriting) write(directory);
+  } catch (const std::exception& error) {
+    kLog.error(std::string("The preferences cannot be ") + (isWriting ? "written: " : "read: ") +
+               error.what());
+  }
+  return changed;
+}
+
+void JsonPreferences::Store::write(const PrivateDirectory& directory) {
+  const std::string text = table_.text();
+  directory.write(kFileName, {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()});
+  table_.markSaved();
+}
+
+template <class Change>
+void JsonPreferences::Store::change(Change change) {
+  const std::lock_guard guard(lock_);
+  if (!change(table_)) return;
+  auto changed = synchronize();
+  if (changed.empty() || !observer_) return;
+  queue_->post([observer = observer_, keys = std::move(changed)] { (*observer)(keys); });
+}
+
+void JsonPreferences::Store::observe(std::shared_ptr<SerialQueue> queue, ChangeObserver observer) {
+  const std::lock_guard guard(lock_);
+  queue_ = std::move(queue);
+  observer_ = std::make_shared<const ChangeObserver>(std::move(observer));
+}
+
+void JsonPreferences::Store::scheduleReload() {
+  const std::lock_guard guard(lock_);
+  if (!queue_ || pendingReload_.isPending()) return;
+  pendingReload_ = queue_->postAfter(kSettling, [weak = weak_from_this()] {
+    if (const auto self = weak.lock()) self->reload();
+  });
+}
+
+void JsonPreferences::Store::reload() {
+  std::vector<std::string> changed;
+  std::shared_ptr<const ChangeObserver> observer;
+  {
+    const std::lock_guard guard(lock_);
+    changed = synchronize();
+    observer = observer_;
+  }
+  if (!changed.empty() && observer) (*observer)(changed);
+}
+
+void JsonPreferences::Store::saveLate() {
+  const std::lock_guard guard(lock_);
+  if (table_.hasUnsavedChanges() && setAsideIfBroken()) synchronize();
+}
 
 JsonPreferences::JsonPreferences() : JsonPreferences(configHome() / "kestrune") {}
 
 JsonPreferences::JsonPreferences(std::filesystem::path directory)
-    : directory_(std::move(directory)), table_(std::make_unique<Table>()) {
-  try {
-    load();
-  } catch (const std::exception& error) {
-    kLog.error(std::string("The preferences cannot be read: ") + error.what());
-  }
+    : store_(std::make_shared<Store>(std::move(directory))) {
+  store_->load();
 }
 
-JsonPreferences::~JsonPreferences() = default;
-
-void JsonPreferences::load() {
-  const PrivateDirectory directory(directory_);
-  const auto bytes = directory.read(kFileName, kLargestFile);
-  if (!bytes) return;
-  const auto parsed = parseJson({reinterpret_cast<const char*>(bytes->data()), bytes->size()});
-  if (parsed && parsed->object()) {
-    table_->members = *parsed->object();
-    return;
-  }
-  const std::string aside = directory.setAside(kFileName, ".invalid");
-  kLog.error("The preferences file is no JSON object; it was set aside as " + aside);
-}
-
-void JsonPreferences::store() const {
-  try {
-    const std::string text = serialize(table_->members);
-    const PrivateDirectory directory(directory_);
-    const auto locked = directory.lock();
-    directory.write(kFileName, {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()});
-  } catch (const std::exception& error) {
-    kLog.error(std::string("The preferences cannot be written: ") + error.what());
-  }
+JsonPreferences::~JsonPreferences() {
+  watch_.reset();
+  store_->saveLate();
 }
 
 std::optional<PreferenceValue> JsonPreferences::value(std::string_view key) const {
-  std::lock_guard guard(lock_);
-  for (auto member = table_->members.rbegin(); member != table_->members.rend(); ++member) {
-    if (member->first == key) return preferenceValue(member->second);
-  }
-  return {};
+  return store_->value(key);
 }
 
 void JsonPreferences::set(std::string_view key, PreferenceValue value) {
-  const JsonValue changed = std::visit([](auto& held) { return JsonValue(std::move(held)); }, value);
-  std::lock_guard guard(lock_);
-  auto& members = table_->members;
-  const auto isKey = [&](const auto& member) { return member.first == key; };
-  const auto first = std::find_if(members.begin(), members.end(), isKey);
-  if (first == members.end()) {
-    members.emplace_back(key, changed);
-  } else {
-    const bool isRepeated = std::any_of(std::next(first), members.end(), isKey);
-    if (!isRepeated && serializeJson(first->second) == serializeJson(changed)) return;
-    first->second = changed;
-    members.erase(std::remove_if(std::next(first), members.end(), isKey), members.end());
-  }
-  store();
+  store_->change([&](PreferencesTable& table) { return table.set(key, std::move(value)); });
 }
 
 void JsonPreferences::remove(std::string_view key) {
-  std::lock_guard guard(lock_);
-  if (std::erase_if(table_->members, [&](const auto& member) { return member.first == key; }) > 0) store();
+  store_->change([&](PreferencesTable& table) { return table.remove(key); });
+}
+
+void JsonPreferences::observeExternalChanges(std::shared_ptr<SerialQueue> queue, ChangeObserver observer) {
+  store_->observe(std::move(queue), std::move(observer));
+  const std::weak_ptr<Store> weak = store_;
+  try {
+    watch_ = std::make_unique<FileWatch>(store_->directory(), kFileName, [weak] {
+      if (const auto store = weak.lock()) store->scheduleReload();
+    });
+  } catch (const std::exception& error) {
+    kLog.error(std::string("Changes of the preferences file cannot be noticed: ") + error.what());
+  }
+  store_->scheduleReload();  // what was changed before the watch stood
 }
 
 }  // namespace kestrune::linux_platform
