@@ -201,6 +201,7 @@ export function diagnosticsRows(host) {
     ['Dropped at capture', number(host.captureDroppedFrames, 0)],
     ['Dropped for the network', number(host.networkDroppedFrames, 0)],
     ['Waiting: encoder / server', `${number(host.encoderPendingFrames, 0)} / ${number(host.serverPendingFrames, 0)}`],
+    ['Sound channels', number(host.audioChannels, 0)],
     ['Display', host.captureMode === 'virtualDisplay' ? 'virtual' : 'physical'],
   ];
 }

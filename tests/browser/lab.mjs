@@ -1,7 +1,7 @@
 // What the end-to-end tests and measurements share: a private display, clients on it, the host, and viewers.
 
 import { spawn } from 'node:child_process';
-import { mkdtempSync, readFileSync, rmSync, writeFileSync, mkdirSync } from 'node:fs';
+import { existsSync, mkdtempSync, readFileSync, rmSync, writeFileSync, mkdirSync } from 'node:fs';
 import { createRequire } from 'node:module';
 import { tmpdir } from 'node:os';
 import path from 'node:path';
@@ -44,6 +44,53 @@ export class XServer {
     return Object.assign(new XServer(), { child, display: `:${number}` });
   }
   stop() { this.child.kill('SIGTERM'); }
+}
+
+/** A private sound server with one null sink, on which tones can be played. */
+export class SoundServer {
+  static async start() {
+    const folder = mkdtempSync(path.join(tmpdir(), 'kestrune-sound-'));
+    const environment = { HOME: folder, PULSE_RUNTIME_PATH: folder, PULSE_STATE_PATH: folder };
+    const child = spawnQuiet('pulseaudio', ['-n', '--daemonize=no', '--use-pid-file=no', '--exit-idle-time=-1',
+      '--load=module-null-sink rate=48000 format=float32le norewinds=1',
+      `--load=module-native-protocol-unix auth-cookie-enabled=0 socket=${folder}/native`],
+    { ...environment, DBUS_SESSION_BUS_ADDRESS: 'disabled:' }, 'ignore');
+    await waitFor(() => existsSync(`${folder}/native`));
+    return Object.assign(new SoundServer(), { child, folder, environment: { ...environment, PULSE_SERVER: `unix:${folder}/native` } });
+  }
+  /** Plays a sine in stereo until the returned function is called. */
+  playTone(frequency, level) {
+    const player = spawnQuiet('pacat', ['--raw', '--format=float32le', '--rate=48000', '--channels=2', '--latency-msec=50'],
+      this.environment, ['pipe', 'ignore', 'ignore']);
+    const second = new Float32Array(2 * 48000); // of a whole frequency: it can be repeated without a seam
+    second.forEach((_, index) => { second[index] = level * Math.sin((2 * Math.PI * frequency * (index >> 1)) / 48000); });
+    player.stdin.on('error', () => {});
+    const feed = () => { while (player.stdin.writable && player.stdin.write(Buffer.from(second.buffer))); };
+    player.stdin.on('drain', feed);
+    feed();
+    return () => player.kill('SIGKILL');
+  }
+  stop() {
+    this.child.kill('SIGTERM');
+    this.child.on('exit', () => rmSync(this.folder, { recursive: true, force: true }));
+  }
+}
+
+/** The loudest frequency, and the loudness, that the analyser of the viewer's page hears now. */
+export function listen(page) {
+  return page.evaluate(() => {
+    const analyser = window.kestruneViewer.audioAnalyser;
+    analyser.fftSize = 8192;
+    const spectrum = new Float32Array(analyser.frequencyBinCount);
+    analyser.getFloatFrequencyData(spectrum);
+    const wave = new Float32Array(2048);
+    analyser.getFloatTimeDomainData(wave);
+    const loudest = spectrum.reduce((best, value, index) => (value > spectrum[best] ? index : best), 0);
+    return {
+      frequency: (loudest * analyser.context.sampleRate) / analyser.fftSize,
+      loudness: Math.sqrt(wave.reduce((sum, value) => sum + value * value, 0) / wave.length),
+    };
+  });
 }
 
 export class Scene {
@@ -94,7 +141,7 @@ let nextPort = 18080 + (process.pid % 1000) * 4;
 
 export class Host {
   /** With a `home` of an earlier host, its settings and token go on. */
-  static async start(build, display, preferences, { home = null, port = null } = {}) {
+  static async start(build, display, preferences, { home = null, port = null, environment = {} } = {}) {
     const folder = home ?? mkdtempSync(path.join(tmpdir(), 'kestrune-host-'));
     if (preferences) {
       mkdirSync(path.join(folder, 'config/kestrune'), { recursive: true, mode: 0o700 });
@@ -105,6 +152,7 @@ export class Host {
     const child = spawnQuiet(path.join(build, 'bin/kestrune-headless'), [], {
       DISPLAY: display, HOME: folder, KESTRUNE_PORT: String(usedPort), XDG_CONFIG_HOME: path.join(folder, 'config'),
       XDG_DATA_HOME: path.join(folder, 'data'), XDG_RUNTIME_DIR: folder, DBUS_SESSION_BUS_ADDRESS: '',
+      ...environment,
     });
     let log = '';
     child.stderr.on('data', (data) => { log = (log + data).slice(-20000); });
@@ -112,6 +160,8 @@ export class Host {
       .catch((error) => { throw new Error(`${error.message}\n${log}`); });
     return Object.assign(new Host(), { child, home: folder, url, pid: child.pid, log: () => log });
   }
+  get preferencesFile() { return path.join(this.home, 'config/kestrune/preferences.json'); }
+  preferences() { return JSON.parse(readFileSync(this.preferencesFile, 'utf8')); }
   async stop({ keepHome = false } = {}) {
     if (this.child.exitCode === null && this.child.signalCode === null) {
       const ended = new Promise((resolve) => { this.child.on('exit', resolve); });

@@ -3,6 +3,7 @@ import assert from 'node:assert/strict';
 import { after, afterEach, before, beforeEach, test } from 'node:test';
 import { chromium } from 'playwright-core';
 import { FakeHost } from './fake-host.mjs';
+import { listen } from './lab.mjs';
 
 let browser;
 let host;
@@ -41,25 +42,10 @@ afterEach(async () => {
 
 const state = (wanted) => page.waitForFunction((name) => window.kestruneViewer.audio.state === name, wanted, { timeout: 10000 });
 
-/** The loudest frequency and the loudness that the page's analyser hears now. */
-const listen = () => page.evaluate(() => {
-  const analyser = window.kestruneViewer.audioAnalyser;
-  analyser.fftSize = 8192;
-  const spectrum = new Float32Array(analyser.frequencyBinCount);
-  analyser.getFloatFrequencyData(spectrum);
-  const wave = new Float32Array(2048);
-  analyser.getFloatTimeDomainData(wave);
-  const loudest = spectrum.reduce((best, value, index) => (value > spectrum[best] ? index : best), 0);
-  return {
-    frequency: (loudest * analyser.context.sampleRate) / analyser.fftSize,
-    loudness: Math.sqrt(wave.reduce((sum, value) => sum + value * value, 0) / wave.length),
-  };
-});
-
 async function hearTone() {
   await state('playing');
   await page.waitForTimeout(500);
-  const heard = await listen();
+  const heard = await listen(page);
   assert.ok(Math.abs(heard.frequency - 440) < 7, `${heard.frequency} Hz`);
   assert.ok(Math.abs(heard.loudness - 16000 / 32768 / Math.SQRT2) < 0.02, `loudness ${heard.loudness}`);
 }
@@ -104,7 +90,7 @@ test('is silent in control mode and when muted, and comes back at the live edge'
   await page.click('#mode-control');
   await state('off');
   await page.waitForTimeout(400);
-  assert.ok((await listen()).loudness < 1e-4);
+  assert.ok((await listen(page)).loudness < 1e-4);
   const { length } = host.polls;
   await page.waitForTimeout(1500);
   assert.equal(host.polls.length, length, 'no poll in control mode');
@@ -114,7 +100,7 @@ test('is silent in control mode and when muted, and comes back at the live edge'
   await page.click('#sound');
   await state('muted');
   await page.waitForTimeout(400);
-  assert.ok((await listen()).loudness < 1e-4);
+  assert.ok((await listen(page)).loudness < 1e-4);
   await page.click('#sound');
   await hearTone();
   const before = host.polls.length;

@@ -4,8 +4,8 @@
 // The display is divided into four columns and two rows of plain colour:
 //   red     green  blue   white
 //   yellow  cyan   grey   black
-// A line "invert" on standard input exchanges the rows. Printed, one line each: "ready", "press BUTTON X Y",
-// "release BUTTON X Y", "motion X Y" (root coordinates), "inverted".
+// Standard input takes lines: "invert" exchanges the rows, "point X Y" puts the pointer there. Printed, one
+// line each: "ready", "press BUTTON X Y", "release BUTTON X Y", "motion X Y" (root coordinates), "inverted".
 
 #include <poll.h>
 #include <unistd.h>
@@ -23,6 +23,11 @@ constexpr std::array<std::array<std::uint32_t, 4>, 2> kColours{{
     {0xC02020, 0x20A040, 0x2040C0, 0xFFFFFF},
     {0xD0C020, 0x20B0C0, 0x808080, 0x000000},
 }};
+
+void say(const std::string& line) {
+  std::puts(line.c_str());
+  std::fflush(stdout);
+}
 
 struct Pattern {
   xcb_connection_t* connection = nullptr;
@@ -46,12 +51,21 @@ struct Pattern {
     }
     xcb_flush(connection);
   }
-};
 
-void say(const std::string& line) {
-  std::puts(line.c_str());
-  std::fflush(stdout);
-}
+  void obey(const std::string& line) {
+    int x = 0;
+    int y = 0;
+    if (line == "invert") {
+      inverted = !inverted;
+      draw();
+      say("inverted");
+    } else if (std::sscanf(line.c_str(), "point %d %d", &x, &y) == 2) {
+      xcb_warp_pointer(connection, XCB_NONE, screen->root, 0, 0, 0, 0, static_cast<std::int16_t>(x),
+                       static_cast<std::int16_t>(y));
+      xcb_flush(connection);
+    }
+  }
+};
 
 void report(const xcb_generic_event_t& event) {
   // Press, release and motion share one layout.
@@ -94,6 +108,7 @@ int main() {
   xcb_map_window(pattern.connection, pattern.window);
   pattern.draw();
   bool isReady = false;
+  std::string input;
 
   for (;;) {
     std::array<pollfd, 2> descriptors{
@@ -110,13 +125,13 @@ int main() {
     }
     if (xcb_connection_has_error(pattern.connection) != 0) return 0;
     if ((descriptors[1].revents & (POLLIN | POLLHUP)) != 0) {
-      std::array<char, 256> line{};
-      const auto length = read(STDIN_FILENO, line.data(), line.size());
+      std::array<char, 256> part{};
+      const auto length = read(STDIN_FILENO, part.data(), part.size());
       if (length <= 0) return 0;
-      if (std::string(line.data(), static_cast<std::size_t>(length)).find("invert") != std::string::npos) {
-        pattern.inverted = !pattern.inverted;
-        pattern.draw();
-        say("inverted");
+      input.append(part.data(), static_cast<std::size_t>(length));
+      for (auto end = input.find('\n'); end != std::string::npos; end = input.find('\n')) {
+        pattern.obey(input.substr(0, end));
+        input.erase(0, end + 1);
       }
     }
   }
