@@ -55,7 +55,7 @@ StreamCoordinator::StreamCoordinator(StreamCoordinatorDependencies dependencies)
       sleepAssertion_(std::make_unique<SleepAssertion>(dependencies_.activities)) {
   refreshLaunchAtLoginStatus();
   loadPreferences();
-  loadPowerSettings();
+  settingObservations_.push_back(preventMacSleep.observe([this](bool) { updateSleepAssertion(); }));
   screenCapturePermissionGranted = dependencies_.permissions->isScreenCaptureAllowed();
   remoteControlPermissionGranted = dependencies_.permissions->isTrustedForInput();
   captureService_ = std::make_shared<ScreenCaptureService>(captureDependencies(dependencies_, previewHub));

@@ -224,7 +224,6 @@ class StreamCoordinator final : public std::enable_shared_from_this<StreamCoordi
   void publishCursor(bool visible, bool force);
 
   // Sleep and login (StreamCoordinatorPower.cpp)
-  void loadPowerSettings();
   void updateSleepAssertion();
 
   // Teardown (StreamCoordinatorTeardown.cpp)

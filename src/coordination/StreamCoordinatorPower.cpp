@@ -1,22 +1,10 @@
 #include "coordination/StreamCoordinator.h"
-#include "coordination/model/PreferenceKeys.h"
 #include "runtime/Log.h"
 #include "services/SleepAssertion.h"
 
 namespace kestrune {
 namespace {
 constexpr Logger kLog("App");
-}
-
-void StreamCoordinator::loadPowerSettings() {
-  const auto stored = defaults_->value(preference_keys::kPreventMacSleep);
-  const bool* flag = stored ? std::get_if<bool>(&*stored) : nullptr;
-  preventMacSleep = flag ? *flag : true;
-  defaults_->set(preference_keys::kPreventMacSleep, preventMacSleep.get());
-  settingObservations_.push_back(preventMacSleep.observe([this](bool value) {
-    defaults_->set(preference_keys::kPreventMacSleep, value);
-    updateSleepAssertion();
-  }));
 }
 
 void StreamCoordinator::updateSleepAssertion() {

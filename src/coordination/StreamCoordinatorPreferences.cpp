@@ -67,6 +67,9 @@ PreferenceValue storedForm(Enumeration value) {
 PreferenceValue storedForm(StreamFrameRate value) {
   return std::int64_t{framesPerSecond(value)};
 }
+PreferenceValue storedForm(bool value) {
+  return value;
+}
 
 }  // namespace
 
@@ -79,6 +82,7 @@ void StreamCoordinator::loadPreferences() {
   load(keys::kBitRate, bitRate, kDefaultBitRate);
   load(keys::kVideoEncoderKind, videoEncoderKind, kDefaultEncoderKind);
   load(keys::kDisplayMode, streamDisplayMode, kDefaultDisplayMode);
+  load(keys::kPreventMacSleep, preventMacSleep, kDefaultPreventMacSleep);
   // These two start anew at every launch: a fallback of the codec lasts for one run.
   videoCodec = kDefaultVideoCodec;
   audioChannelMode = kDefaultAudioMode;
@@ -94,6 +98,7 @@ void StreamCoordinator::loadPreferences() {
   keep(keys::kVideoEncoderKind, videoEncoderKind);
   keep(keys::kAudioChannelMode, audioChannelMode);
   keep(keys::kDisplayMode, streamDisplayMode);
+  keep(keys::kPreventMacSleep, preventMacSleep);
 
   const auto writeBack = [this](std::string_view key, const auto& setting) {
     defaults_->set(key, storedForm(setting.get()));
@@ -104,6 +109,7 @@ void StreamCoordinator::loadPreferences() {
   writeBack(keys::kBitRate, bitRate);
   writeBack(keys::kVideoEncoderKind, videoEncoderKind);
   writeBack(keys::kAudioChannelMode, audioChannelMode);
+  writeBack(keys::kPreventMacSleep, preventMacSleep);
 }
 
 void StreamCoordinator::observePreferences() {

@@ -1,12 +1,12 @@
 #pragma once
 
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "platform/Activities.h"
 #include "platform/LoginItem.h"
-#include "runtime/Error.h"
 
 namespace kestrune {
 
@@ -48,14 +48,8 @@ class FakeLoginItem final : public LoginItem {
   void unregisterItem() override { change(Status::notRegistered); }
 
  private:
-  struct Failure final : Error {
-    explicit Failure(std::string message) : text(std::move(message)) {}
-    std::string localizedDescription() const override { return text; }
-    const std::string text;
-  };
-
   void change(Status next) {
-    if (!failure.empty()) throw Failure(failure);
+    if (!failure.empty()) throw std::runtime_error(failure);
     current = next;
   }
 };

@@ -56,10 +56,10 @@ class PowerServices {
 
   void serve(const std::string& address) {
     static const sd_bus_vtable kMethods[] = {
-        SD_BUS_VTABLE_START(0), SD_BUS_METHOD("Inhibit", "ssss", "h", &onIdle, SD_BUS_VTABLE_UNPRIVILEGED),
+        SD_BUS_VTABLE_START(0), SD_BUS_METHOD("Inhibit", "ssss", "h", &onInhibit, SD_BUS_VTABLE_UNPRIVILEGED),
         SD_BUS_VTABLE_END};
     static const sd_bus_vtable kSaverMethods[] = {
-        SD_BUS_VTABLE_START(0), SD_BUS_METHOD("Inhibit", "ss", "u", &onSaver, SD_BUS_VTABLE_UNPRIVILEGED),
+        SD_BUS_VTABLE_START(0), SD_BUS_METHOD("Inhibit", "ss", "u", &onInhibit, SD_BUS_VTABLE_UNPRIVILEGED),
         SD_BUS_METHOD("UnInhibit", "u", "", &onUninhibit, SD_BUS_VTABLE_UNPRIVILEGED), SD_BUS_VTABLE_END};
     check(sd_bus_new(&bus_));
     check(sd_bus_set_address(bus_, address.c_str()));
@@ -98,16 +98,6 @@ class PowerServices {
     counts_.saverHeld = static_cast<int>(cookies_.size());
   }
 
-  /// Whether the call is to be granted; `result` is for the bus if not.
-  bool grants(sd_bus_message* call, int& result) const {
-    result = 1;
-    if (manner_ == Manner::answersLate) poll(nullptr, 0, 200);
-    if (manner_ == Manner::refuses) {
-      result = sd_bus_reply_method_errorf(call, SD_BUS_ERROR_ACCESS_DENIED, "Not for you");
-    }
-    return manner_ == Manner::answers || manner_ == Manner::answersLate;
-  }
-
   static std::vector<std::string> arguments(sd_bus_message* call, int count) {
     std::vector<std::string> texts;
     for (const char* text = nullptr; count > 0; --count) {
@@ -117,33 +107,28 @@ class PowerServices {
     return texts;
   }
 
-  static int onIdle(sd_bus_message* call, void* context, sd_bus_error* /*error*/) {
+  static int onInhibit(sd_bus_message* call, void* context, sd_bus_error* /*error*/) {
     auto& self = *static_cast<PowerServices*>(context);
+    const bool isIdle = sd_bus_message_has_signature(call, "ssss") > 0;
     {
       const std::lock_guard guard(self.lock_);
-      ++self.counts_.idleRequests;
-      self.counts_.idleArguments = arguments(call, 4);
+      ++(isIdle ? self.counts_.idleRequests : self.counts_.saverRequests);
+      (isIdle ? self.counts_.idleArguments : self.counts_.saverArguments) = arguments(call, isIdle ? 4 : 2);
     }
-    int result = 0;
-    if (!self.grants(call, result)) return result;
+    if (self.manner_ == Manner::isSilent) return 1;
+    if (self.manner_ == Manner::refuses) {
+      return sd_bus_reply_method_errorf(call, SD_BUS_ERROR_ACCESS_DENIED, "Not for you");
+    }
+    if (self.manner_ == Manner::answersLate) poll(nullptr, 0, 200);
+    if (!isIdle) {
+      self.cookies_.push_back({++self.lastCookie_, sd_bus_message_get_sender(call)});
+      return sd_bus_reply_method_return(call, "u", self.lastCookie_);
+    }
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0) return -errno;
     self.locks_.emplace_back(ends[0]);
     const linux_platform::UniqueDescriptor given(ends[1]);
     return sd_bus_reply_method_return(call, "h", given.get());
-  }
-
-  static int onSaver(sd_bus_message* call, void* context, sd_bus_error* /*error*/) {
-    auto& self = *static_cast<PowerServices*>(context);
-    {
-      const std::lock_guard guard(self.lock_);
-      ++self.counts_.saverRequests;
-      self.counts_.saverArguments = arguments(call, 2);
-    }
-    int result = 0;
-    if (!self.grants(call, result)) return result;
-    self.cookies_.push_back({++self.lastCookie_, sd_bus_message_get_sender(call)});
-    return sd_bus_reply_method_return(call, "u", self.lastCookie_);
   }
 
   static int onUninhibit(sd_bus_message* call, void* context, sd_bus_error* /*error*/) {
