@@ -19,8 +19,7 @@ OutboundQueue::AppendResult OutboundQueue::append(OutboundSend send, OutboundBud
     result.outcome = Outcome::tooLarge;
     return result;
   }
-  pendingSends_.push_back(std::move(send));
-  pendingBytes_ += size;
+  place(std::move(send));
   while (pendingSends_.size() > budget.maxSends || pendingBytes_ > budget.maxBytes) {
     const auto oldest = std::find_if(pendingSends_.begin(), pendingSends_.end(), isDroppable);
     if (oldest == pendingSends_.end()) {
@@ -32,6 +31,20 @@ OutboundQueue::AppendResult OutboundQueue::append(OutboundSend send, OutboundBud
     ++result.dropped;
   }
   return result;
+}
+
+void OutboundQueue::place(OutboundSend send) {
+  pendingBytes_ += send.data.size();
+  const auto older = send.isLatestState
+                         ? std::find_if(pendingSends_.begin(), pendingSends_.end(),
+                                        [](const OutboundSend& waiting) { return waiting.isLatestState; })
+                         : pendingSends_.end();
+  if (older == pendingSends_.end()) {
+    pendingSends_.push_back(std::move(send));
+  } else {
+    pendingBytes_ -= older->data.size();
+    *older = std::move(send);
+  }
 }
 
 std::optional<OutboundSend> OutboundQueue::takeFirst() {

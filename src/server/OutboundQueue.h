@@ -13,6 +13,8 @@ struct OutboundSend {
   GatheredBytes data;
   bool droppable = false;  // video frames only
   bool isKeyframe = false;
+  /// A message that only says how something is now: while it waits, a newer one takes its place.
+  bool isLatestState = false;
 };
 
 /// What may wait for a viewer; sizes count whole WebSocket frames.
@@ -38,6 +40,7 @@ class OutboundQueue {
     std::size_t dropped = 0;  // droppable sends that went, oldest first
   };
 
+  /// A latest state takes the place of the one that waits, and does not count twice.
   AppendResult append(OutboundSend send, OutboundBudget budget);
   std::optional<OutboundSend> takeFirst();
   /// Removes every droppable send; gives their number. The others keep their order.
@@ -49,6 +52,8 @@ class OutboundQueue {
   std::size_t pendingBytes() const { return pendingBytes_; }
 
  private:
+  void place(OutboundSend send);
+
   std::deque<OutboundSend> pendingSends_;
   std::size_t pendingBytes_ = 0;
 };

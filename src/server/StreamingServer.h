@@ -175,8 +175,9 @@ class StreamingServer : public std::enable_shared_from_this<StreamingServer> {
 
   // Outbound (StreamingServerOutbound.cpp)
   void broadcastNow(const EncodedVideoPacket& packet);
-  void enqueue(GatheredBytes data, const Client& client, bool droppable, bool isKeyframe);
-  void enqueueText(const std::string& text, const Client& client);
+  void enqueue(GatheredBytes data, const Client& client, bool droppable, bool isKeyframe,
+               bool isLatestState = false);
+  void enqueueText(const std::string& text, const Client& client, bool isLatestState = false);
   void pump(const Client& client);
   void handleSent(const Client& client, std::size_t size, bool succeeded);
   void purgeDroppable(ClientContext& client);

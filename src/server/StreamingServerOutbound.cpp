@@ -59,10 +59,12 @@ void StreamingServer::broadcastNow(const EncodedVideoPacket& packet) {
   enqueue(encodeFrame(std::move(body), WebSocketOpcode::binary), viewer, true, packet.isKeyframe);
 }
 
-void StreamingServer::enqueue(GatheredBytes data, const Client& client, bool droppable, bool isKeyframe) {
+void StreamingServer::enqueue(GatheredBytes data, const Client& client, bool droppable, bool isKeyframe,
+                              bool isLatestState) {
   if (client->closed) return;
   const auto budget = client->controlMode ? kControlModeBudget : kVideoModeBudget;
-  const auto result = client->pendingSends.append({std::move(data), droppable, isKeyframe}, budget);
+  const auto result =
+      client->pendingSends.append({std::move(data), droppable, isKeyframe, isLatestState}, budget);
   switch (result.outcome) {
     case OutboundQueue::Outcome::tooLarge:
       if (!droppable) {
@@ -85,9 +87,9 @@ void StreamingServer::enqueue(GatheredBytes data, const Client& client, bool dro
   }
 }
 
-void StreamingServer::enqueueText(const std::string& text, const Client& client) {
+void StreamingServer::enqueueText(const std::string& text, const Client& client, bool isLatestState) {
   const ByteView bytes(reinterpret_cast<const std::uint8_t*>(text.data()), text.size());
-  enqueue(encodeFrame(bytes, WebSocketOpcode::text), client, false, false);
+  enqueue(encodeFrame(bytes, WebSocketOpcode::text), client, false, false, isLatestState);
 }
 
 void StreamingServer::pump(const Client& client) {
@@ -133,8 +135,10 @@ void StreamingServer::sendStreamSettings(const Client& client, bool reconfigured
               client);
 }
 
+// The pointer moves some 15 times a second: on a link that stands still for a moment its old places must not
+// fill the few places that control messages have, and cost the viewer its connection.
 void StreamingServer::sendCursorState(const Client& client) {
-  enqueueText(cursorStateMessage(remoteCursorState_), client);
+  enqueueText(cursorStateMessage(remoteCursorState_), client, true);
 }
 
 void StreamingServer::sendStreamState(const Client& client) {

@@ -12,6 +12,9 @@
 namespace kestrune {
 namespace {
 
+// What common JSON readers take; fields that nobody asks for may be nested as they like.
+constexpr std::size_t kMaximumNesting = 512;
+
 using Outcome = std::optional<ViewerCommand>;
 using Reader = Outcome (*)(const JsonValue& object);
 
@@ -178,7 +181,7 @@ constexpr std::array<std::pair<std::string_view, Reader>, 19> kReaders{{
 
 std::optional<ViewerMessage> parseViewerMessage(ByteView payload) {
   if (payload.size() > kMaximumControlMessage) return std::nullopt;
-  auto object = parseJson({reinterpret_cast<const char*>(payload.data()), payload.size()});
+  auto object = parseJson({reinterpret_cast<const char*>(payload.data()), payload.size()}, kMaximumNesting);
   if (!object || !object->object()) return std::nullopt;
   const auto* type = stringField(*object, "type");
   if (!type) return std::nullopt;
