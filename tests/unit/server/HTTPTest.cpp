@@ -1,8 +1,6 @@
 #include <gmock/gmock.h>
 
 #include "server/HTTPRequest.h"
-#include "server/HTTPResponse.h"
-#include "server/ReceiveBuffer.h"
 
 namespace kestrune {
 namespace {
@@ -55,57 +53,6 @@ TEST(HTTPRequestTest, FindsTheBearerToken) {
   EXPECT_EQ(token("Bearer "), std::nullopt);
   EXPECT_EQ(token("Basic secret"), std::nullopt);
   EXPECT_EQ(HTTPRequest::parse("GET / HTTP/1.1\r\n\r\n")->bearerToken(), std::nullopt);
-}
-
-std::string serialized(HTTPResponse response) {
-  const auto message = serializeResponse(std::move(response));
-  std::string text(message.head.begin(), message.head.end());
-  if (message.body) text.append(message.body->begin(), message.body->end());
-  return text;
-}
-
-TEST(HTTPResponseTest, HasTheSameBytesEveryTime) {
-  EXPECT_EQ(serialized(failureResponse(HTTPFailure::rateLimited)),
-            "HTTP/1.1 429 Too Many Requests\r\n"
-            "Cache-Control: no-store\r\n"
-            "Connection: close\r\n"
-            "Content-Length: 15\r\n"
-            "Content-Type: text/plain; charset=utf-8\r\n"
-            "Cross-Origin-Resource-Policy: same-origin\r\n"
-            "Referrer-Policy: no-referrer\r\n"
-            "Retry-After: 60\r\n"
-            "X-Content-Type-Options: nosniff\r\n"
-            "\r\n"
-            "Try again later");
-  HTTPResponse empty;
-  empty.headers["Content-Length"] = "7";
-  EXPECT_THAT(serialized(empty), testing::HasSubstr("Content-Length: 0\r\n"));
-}
-
-TEST(HTTPResponseTest, OnlyPagesCarryTheContentSecurityPolicy) {
-  EXPECT_THAT(
-      serialized(uncachedResponse("text/html; charset=utf-8", "x")),
-      testing::HasSubstr(
-          "\r\nContent-Security-Policy: default-src 'self'; script-src 'self' 'unsafe-eval' "
-          "'wasm-unsafe-eval'; "
-          "style-src 'self'; connect-src 'self' ws: wss:; worker-src 'self'; img-src 'self' data:; media-src "
-          "blob:; object-src 'none'; base-uri 'none'; frame-ancestors 'none'\r\n"));
-  EXPECT_THAT(serialized(uncachedResponse("text/javascript", "x")),
-              testing::Not(testing::HasSubstr("Content-Security-Policy")));
-}
-
-TEST(ReceiveBufferTest, FindsATerminatorThatArrivesInPieces) {
-  ReceiveBuffer buffer;
-  const std::string text = "ab\r\n\rcd\r\n\r\nrest";
-  std::size_t found = 0;
-  for (std::size_t index = 0; index < text.size() && found == 0; ++index) {
-    const auto byte = static_cast<std::uint8_t>(text[index]);
-    buffer.append({&byte, 1});
-    found = buffer.sizeThrough("\r\n\r\n");
-  }
-  EXPECT_EQ(found, 11u);
-  buffer.consume(found);
-  EXPECT_TRUE(buffer.empty());
 }
 
 }  // namespace

@@ -4,7 +4,6 @@
 #include "server/AuthenticationRateLimiter.h"
 #include "server/BoundedFrameQueue.h"
 #include "server/MediaFrames.h"
-#include "server/OutboundQueue.h"
 #include "server/VideoPacketStore.h"
 
 namespace kestrune {
@@ -95,32 +94,6 @@ TEST(BoundedFrameQueueTest, EvictsTheOldestAndRefusesTheTooLarge) {
   EXPECT_EQ(queue.removeFirst()->data.size(), 100u);
   EXPECT_EQ(queue.byteCount(), 0u);
   EXPECT_FALSE(queue.removeFirst());
-}
-
-TEST(OutboundQueueTest, DropsTheOldestVideoAndNeverControl) {
-  OutboundQueue queue;
-  const OutboundBudget budget{4, 100};
-  const auto append = [&](std::size_t size, bool droppable) {
-    return queue.append({{Bytes(size), nullptr}, droppable, false}, budget);
-  };
-  append(10, true);
-  append(11, false);
-  append(12, true);
-  append(13, true);
-  EXPECT_EQ(append(14, true).dropped, 1u);
-  EXPECT_EQ(queue.pendingBytes(), 11u + 12 + 13 + 14);
-  EXPECT_EQ(append(90, true).dropped, 4u);  // it goes too, since the control message alone leaves no room
-  EXPECT_EQ(queue.pendingBytes(), 11u);
-  EXPECT_EQ(append(101, true).outcome, OutboundQueue::Outcome::tooLarge);
-  append(1, true);
-  append(5, false);
-  EXPECT_EQ(queue.droppableCount(), 1u);
-  EXPECT_EQ(queue.purgeDroppable(), 1u);
-  EXPECT_EQ(queue.takeFirst()->data.size(), 11u);
-  EXPECT_EQ(queue.takeFirst()->data.size(), 5u);
-  EXPECT_EQ(queue.pendingBytes(), 0u);
-  for (int index = 0; index < 4; ++index) append(1, false);
-  EXPECT_EQ(append(1, false).outcome, OutboundQueue::Outcome::overflow);
 }
 
 TEST(AuthenticationRateLimiterTest, BlocksForAMinuteAfterFiveFailuresInAMinute) {

@@ -22,7 +22,14 @@ TEST_F(ServerHTTPTest, AnswersEveryKindOfRequest) {
   for (const auto& [request, answer] : table) {
     EXPECT_THAT(exchange(request), StartsWith("HTTP/1.1 " + answer)) << request;
   }
-  EXPECT_THAT(exchange(get("/")), testing::EndsWith("\r\n\r\n<page>"));
+  const auto page = exchange(get("/"));
+  EXPECT_THAT(page, testing::EndsWith("\r\n\r\n<page>"));
+  EXPECT_THAT(
+      page, HasSubstr("\r\nContent-Security-Policy: default-src 'self'; script-src 'self' 'unsafe-eval' "
+                      "'wasm-unsafe-eval'; style-src 'self'; connect-src 'self' ws: wss:; worker-src 'self'; "
+                      "img-src 'self' data:; media-src blob:; object-src 'none'; base-uri 'none'; "
+                      "frame-ancestors 'none'\r\n"));
+  EXPECT_THAT(exchange(get("/health")), Not(HasSubstr("Content-Security-Policy")));
   EXPECT_THAT(exchange(get("/stream")), testing::EndsWith("WebSocket upgrade required"));
 }
 
@@ -43,7 +50,7 @@ TEST_F(ServerHTTPTest, LimitsAHeadWithoutAnEnd) {
 
 TEST_F(ServerHTTPTest, AnswersOncePerConnectionAndHoweverItIsDivided) {
   const auto connection = network->connect();
-  connection->deliver(get("/health") + get("/health"), 3);
+  connection->deliver("GET /health HTTP/1.1\r\nX: \r\rx\r\n\r\n" + get("/health"), 1);
   time->runReady();
   EXPECT_EQ(connection->sent.find("HTTP/1.1", 1), std::string::npos);
   EXPECT_TRUE(connection->cancelled);
@@ -98,7 +105,11 @@ TEST_F(ServerHTTPTest, DataRoutesWantTheTokenAndLimitGuessing) {
   const auto fifth = exchange(get("/audio"));  // no token counts like a wrong one
   EXPECT_THAT(fifth, StartsWith("HTTP/1.1 401"));
   EXPECT_THAT(fifth, HasSubstr("\r\nWWW-Authenticate: Bearer\r\n"));
-  EXPECT_THAT(exchange(get("/status", "guess")), StartsWith("HTTP/1.1 429"));
+  const auto sixth = exchange(get("/status", "guess"));
+  EXPECT_THAT(
+      sixth,
+      StartsWith("HTTP/1.1 429 Too Many Requests\r\nCache-Control: no-store\r\nConnection: close\r\n"));
+  EXPECT_THAT(sixth, HasSubstr("\r\nRetry-After: 60\r\n"));
   EXPECT_THAT(exchange(get("/status", kToken)), StartsWith("HTTP/1.1 200"));
   // The WebSocket shares the limit.
   const auto guessing = openWebSocket();

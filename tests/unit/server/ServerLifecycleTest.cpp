@@ -82,13 +82,6 @@ TEST_F(ServerLifecycleTest, StopLeavesNothingBehind) {
   EXPECT_EQ(snapshot().audioSequence, 1u);
 }
 
-TEST_F(ServerLifecycleTest, StopTellsOfAPlayingViewer) {
-  startServer();
-  connectViewer();
-  stopServer();
-  EXPECT_THAT(seen(), ElementsAre("disconnected playing", "stopped"));
-}
-
 TEST_F(ServerLifecycleTest, AListenerThatFailsLaterStopsTheServer) {
   startServer();
   const auto viewer = connectViewer();
