@@ -194,6 +194,7 @@ class Viewer {
   async settingsChanged(settings) {
     this.settings = settings;
     this.video.setCodec(settings.codec);
+    if (settings.reconfigured === true) this.video.reconfigure();
     // Said before any frame comes, so that no time is lost on frames that nobody here can decode.
     if (settings.codec === 'hevc' && !(await canDecodeHevc())) this.send(control.simple('codecFallback'));
   }

@@ -92,6 +92,11 @@ export class VideoPipeline {
     this.restart();
   }
 
+  /** The host has changed its encoder: the next key frame gets a new decoder, the old one goes on until then. */
+  reconfigure() {
+    this.codecString = '';
+  }
+
   setVideoMode(videoMode) {
     if (videoMode === this.videoMode) return;
     this.videoMode = videoMode;

@@ -10,7 +10,7 @@ const PING_INTERVAL_MS = 2000;
 const MISSED_ANSWERS = 2;
 const CONNECT_TIMEOUT_MS = 10000;
 /** A ghost of our own lost link may still be held by the host for a while; within this time we may push it aside. */
-const GHOST_MS = 15000;
+const GHOST_MS = 60000;
 
 const FIRST_DELAY_MS = 400;
 const LONGEST_DELAY_MS = 15000;
@@ -172,11 +172,12 @@ export class Connection {
       this.send(control.simple('ping'));
       return;
     }
-    this.lostSilentlyAt = performance.now();
     this.closed(1006, '');
   }
 
   closed(code, reason) {
+    // Without a close frame the host may not know yet that this link is gone.
+    if (code === 1006 && this.authenticated) this.lostSilentlyAt = performance.now();
     this.discardSocket();
     const next = this.policy.closed(code, reason);
     if (next.action !== 'retry') {
