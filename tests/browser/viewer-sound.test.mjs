@@ -64,25 +64,13 @@ test('waits for a gesture and says so; then plays, in step with the picture, and
   assert.equal(await page.locator('#sound-prompt').isVisible(), false);
   assert.ok(host.polls.every(({ authorized }) => authorized));
   assert.ok(host.polls[0].after > 0, 'begins at the live edge');
-  await page.click('#show-statistics');
-  await page.waitForTimeout(9000);
+  await page.waitForTimeout(4000);
   const { audio, lipSyncMilliseconds } = await page.evaluate(() => window.kestruneViewer.stats);
   assert.equal(audio.underruns + audio.gaps, 0);
   assert.ok(audio.bufferMilliseconds > 40 && audio.bufferMilliseconds < 600, `${audio.bufferMilliseconds} ms held`);
   assert.ok(Math.abs(lipSyncMilliseconds) < 40, `picture ${lipSyncMilliseconds} ms behind the sound`);
   const telemetry = host.received.filter(({ type }) => type === 'telemetry').pop();
   assert.ok(telemetry.audioBufferMilliseconds > 40 && Number.isInteger(telemetry.audioDriftMilliseconds));
-  host.send({
-    type: 'hostDiagnostics', hostKind: 'mac', captureMode: 'physicalDisplay', captureTargetFPS: 60, captureFPS: 59.5, encodeFPS: 58.25,
-    bitRateMbps: 7.5, capturedFrames: 10, encodedFrames: 9, captureDroppedFrames: 1, encoderPendingFrames: 0, serverPendingFrames: 0,
-    networkDroppedFrames: 0, audioChannels: 2,
-  });
-  await page.waitForFunction(() => /Host.*7\.50 Mbit\/s/s.test(document.getElementById('figures').textContent));
-  const curves = await page.evaluate(() => [...document.querySelectorAll('#statistics canvas')].map((canvas) => {
-    const pixels = canvas.getContext('2d').getImageData(0, 0, canvas.width, canvas.height).data;
-    return new Set(Array.from({ length: pixels.length / 4 }, (_, i) => pixels[i * 4 + 3] > 200 && `${pixels.slice(i * 4, i * 4 + 3)}`)).size;
-  }));
-  assert.ok(curves.length === 3 && curves.every((colours) => colours > 3), `curves drawn: ${curves}`);
 });
 
 test('is silent in control mode and when muted, and comes back at the live edge', async () => {
@@ -111,10 +99,16 @@ test('is silent in control mode and when muted, and comes back at the live edge'
   await hearTone();
 });
 
-test('goes on after lost chunks, a host without sound for a while, a refusal, and a reconnect', async () => {
+test('goes on after an interruption by the system, lost chunks, a host without sound for a while, a refusal, and a reconnect', async () => {
   await unlock();
+  await page.evaluate(() => window.kestruneViewer.audioAnalyser.context.suspend());
+  await state('interrupted');
+  assert.match(await page.locator('#sound-prompt').textContent(), /interrupted/);
+  await unlock();
+  await page.waitForTimeout(500);
+  const { gaps } = await page.evaluate(() => window.kestruneViewer.audio);
   host.tone.lose(5);
-  await page.waitForFunction(() => window.kestruneViewer.audio.gaps === 1);
+  await page.waitForFunction((before) => window.kestruneViewer.audio.gaps === before + 1, gaps);
   await hearTone();
   host.audioStatus = 500;
   await state('buffering');
@@ -124,17 +118,8 @@ test('goes on after lost chunks, a host without sound for a while, a refusal, an
   await state('off');
   await hearTone();
   host.audioStatus = 401;
-  await page.waitForTimeout(1000);
+  await page.waitForTimeout(500);
   const { length } = host.polls;
-  await page.waitForTimeout(2500);
+  await page.waitForTimeout(1500);
   assert.equal(host.polls.length, length, 'a refused token is not tried again');
-});
-
-test('an interruption by the system is told and ends with a tap', async () => {
-  await unlock();
-  await page.evaluate(() => window.kestruneViewer.audioAnalyser.context.suspend());
-  await state('interrupted');
-  assert.match(await page.locator('#sound-prompt').textContent(), /interrupted/);
-  await page.waitForTimeout(1000);
-  await unlock();
 });
