@@ -1,5 +1,5 @@
 /**
- * Time measures of the stream: how the host's clock stands against ours, how much the network jitters, and rates.
+ * Time measures of the stream: how the host's clock stands against ours, how much the network jitters, and averages.
  * All times are milliseconds of `performance.now()` unless a name says otherwise, and are handed in, never read here.
  */
 
@@ -56,30 +56,6 @@ export class ClockOffsetFilter {
   latency(presentationMicroseconds, nowMs) {
     if (this.offset === null) return 0;
     return Math.max(0, nowMs - this.expectedArrival(presentationMicroseconds)) + (this.roundTripMs || 0) / 2;
-  }
-}
-
-/** Counts events in a sliding second. */
-export class RateMeter {
-  constructor(windowMs = 1000) {
-    this.windowMs = windowMs;
-    this.times = [];
-  }
-
-  mark(nowMs) {
-    this.times.push(nowMs);
-    this.trim(nowMs);
-  }
-
-  perSecond(nowMs) {
-    this.trim(nowMs);
-    return (this.times.length * 1000) / this.windowMs;
-  }
-
-  trim(nowMs) {
-    let stale = 0;
-    while (stale < this.times.length && nowMs - this.times[stale] >= this.windowMs) stale++;
-    if (stale > 0) this.times.splice(0, stale);
   }
 }
 

@@ -9,7 +9,7 @@
  * a worker and back adds delay to every frame without taking any load that matters from this thread.
  */
 
-import { ClockOffsetFilter, RateMeter, SmoothedValue } from './decoder-clock.js';
+import { ClockOffsetFilter, SmoothedValue } from './decoder-clock.js';
 import { KeyframeRequests, PictureHold, QueueDepth, decoderIsBehind } from './adaptive-quality.js';
 import { describeH264, parseVideoFrame } from './wire-protocol.js';
 import { describeHevc } from './webcodecs-hevc.js';
@@ -60,7 +60,6 @@ export class VideoPipeline {
     this.clock = new ClockOffsetFilter();
     this.depth = new QueueDepth();
     this.keyframes = new KeyframeRequests(events.requestKeyframe);
-    this.decodedRate = new RateMeter();
     this.decodeTime = new SmoothedValue();
     this.displayTime = new SmoothedValue(); // from the decoder to the screen
     this.hold = new PictureHold();
@@ -263,7 +262,6 @@ export class VideoPipeline {
     let entry = null;
     while (this.inFlight.length > 0 && this.inFlight[0].timestamp <= picture.timestamp) entry = this.inFlight.shift();
     this.counters.decoded++;
-    this.decodedRate.mark(now);
     this.failedAt = -Infinity;
     if (entry) this.decodeTime.add(now - entry.fedAt);
     const receivedAt = entry ? entry.receivedAt : now;

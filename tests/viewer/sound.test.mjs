@@ -3,7 +3,6 @@ import assert from 'node:assert/strict';
 import { test } from 'node:test';
 import { DriftController, PictureHold, SoundReserve } from '../../Resources/Viewer/adaptive-quality.js';
 import { HeardClock, PlaybackEngine } from '../../Resources/Viewer/audio-runtime.js';
-import { soundFor } from '../../Resources/Viewer/viewer-ui.js';
 import { parseAudioBatch } from '../../Resources/Viewer/wire-protocol.js';
 import { AudioPoll, pollRetryDelay } from '../../Resources/Viewer/wire-runtime.js';
 
@@ -121,14 +120,6 @@ test('a late road makes the reserve grow, a calm one lets it shrink', () => {
   assert.equal(reserve.targetMs, 120, 'it covers what scatters before it runs dry');
   reserve.floorMs = 300;
   assert.equal(reserve.targetMs, 300);
-});
-
-test('a rush after a standstill is cut down to what is live', () => {
-  const listening = new Listening({ late: (i) => (i >= 10 && i < 20 ? (20 - i) * 200 + 20 : 20) }).run(8);
-  assert.equal(listening.engine.underruns, 1);
-  assert.ok(listening.engine.levelMs < 550, `${listening.engine.levelMs} ms held`);
-  assert.ok(roughness(listening.heard(0)) < FADED);
-  assert.ok(Math.abs(loudness(listening.heard(7)) - AMPLITUDE / Math.SQRT2) < 0.002, 'and it goes on');
 });
 
 test('lost chunks leave silence of their length and no click', () => {
@@ -311,11 +302,4 @@ test('polls back off when they fail, and end at a refused token', async () => {
   assert.equal(pollRetryDelay(429, '60', 3), 60000);
   assert.equal(pollRetryDelay(429, null, 3), 60000);
   assert.equal(pollRetryDelay(500, null, 40, () => 1), 8000);
-});
-
-test('the page says what the sound waits for', () => {
-  assert.match(soundFor('locked').prompt, /Tap/);
-  assert.match(soundFor('interrupted').prompt, /interrupted/);
-  assert.equal(soundFor('muted').label, 'Unmute');
-  for (const state of ['off', 'playing', 'buffering', 'muted', 'unsupported']) assert.equal(soundFor(state).prompt, null);
 });

@@ -77,17 +77,6 @@ LoopbackPeer connectViewer(std::uint16_t port) {
   return peer;
 }
 
-TEST(StreamingServerOnSocketsTest, TellsThatItsPortIsTaken) {
-  const auto port = LoopbackPeer::freePort();
-  CapturedLog log;
-  RealServer first(port);
-  RealServer second(port);
-  EXPECT_EQ(first.start(), "");
-  EXPECT_THAT(second.start(), testing::HasSubstr("in use"));
-  first.stop();
-  EXPECT_EQ(second.start(), "");
-}
-
 TEST(StreamingServerOnSocketsTest, AViewerIsServedWhileOthersFloodAndTrickle) {
   const auto port = LoopbackPeer::freePort();
   CapturedLog log;
@@ -127,26 +116,6 @@ TEST(StreamingServerOnSocketsTest, AViewerIsServedWhileOthersFloodAndTrickle) {
 
   host.stop();
   EXPECT_EQ(viewer.receive(1), "");
-}
-
-TEST(StreamingServerOnSocketsTest, AViewerThatReadsNothingIsGivenOldVideoNoMore) {
-  const auto port = LoopbackPeer::freePort();
-  CapturedLog log;
-  RealServer host(port);
-  ASSERT_EQ(host.start(), "");
-  const auto viewer = connectViewer(port);
-  const auto payload = std::make_shared<const Bytes>(1'000'000);
-  for (int index = 0; index < 40; ++index) host.server->broadcastVideo({payload, index == 0, 0});
-  const auto full = host.snapshot();
-  EXPECT_LE(full.outboundVideoFrames, 4);
-  EXPECT_GT(full.droppedOutboundFrames, 10u);
-  // A keyframe is what it goes on with.
-  host.server->broadcastVideo({std::make_shared<const Bytes>(10), true, 7});
-  ServerFrame last;
-  do {
-    last = readFrame(viewer);
-  } while (last.payload.size() != 19);
-  EXPECT_EQ(last.payload.at(0), 1);
 }
 
 }  // namespace

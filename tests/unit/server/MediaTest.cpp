@@ -96,21 +96,6 @@ TEST(BoundedFrameQueueTest, EvictsTheOldestAndRefusesTheTooLarge) {
   EXPECT_FALSE(queue.removeFirst());
 }
 
-TEST(AuthenticationRateLimiterTest, BlocksForAMinuteAfterFiveFailuresInAMinute) {
-  AuthenticationRateLimiter limiter;
-  Duration now = 0s;
-  const auto fail = [&] {
-    if (!limiter.isAllowed(now)) return false;
-    limiter.recordFailure(now);
-    return true;
-  };
-  for (int index = 0; index < 5; ++index) EXPECT_TRUE(fail());
-  now += 59'999ms;
-  EXPECT_FALSE(fail());
-  now += 1ms;  // a refused attempt has not extended the block
-  EXPECT_TRUE(fail());
-}
-
 TEST(AuthenticationRateLimiterTest, ForgetsFailuresOlderThanAMinute) {
   for (const auto& [pause, blocks] : {std::pair<Duration, bool>{60s, true}, {60s + 1ns, false}}) {
     AuthenticationRateLimiter limiter;
