@@ -12,6 +12,7 @@ const CONNECT_TIMEOUT_MS = 10000;
 /** A ghost of our own lost link may still be held by the host for a while; within this time we may push it aside. */
 const GHOST_MS = 60000;
 
+const STEADY_MS = 5000; // a connection that breaks sooner is one more failure
 const FIRST_DELAY_MS = 400;
 const LONGEST_DELAY_MS = 15000;
 const BUSY_DELAY_MS = 20000;
@@ -27,7 +28,7 @@ export class ReconnectPolicy {
     this.failures = 0;
   }
 
-  /** A connection was authenticated. */
+  /** A connection has held for a while. */
   succeeded() {
     this.failures = 0;
   }
@@ -93,6 +94,7 @@ export class Connection {
     this.policy = new ReconnectPolicy();
     this.socket = null;
     this.authenticated = false;
+    this.authenticatedAt = 0;
     this.reconnects = 0;
     this.everConnected = false;
     this.retryTimer = null;
@@ -160,7 +162,7 @@ export class Connection {
     if (this.everConnected) this.reconnects++;
     this.everConnected = true;
     this.lostSilentlyAt = -Infinity;
-    this.policy.succeeded();
+    this.authenticatedAt = performance.now();
     this.liveness = new Liveness();
     this.pingTimer = setInterval(() => this.ping(), PING_INTERVAL_MS);
     this.handlers.onPhase('connected', {});
@@ -176,8 +178,10 @@ export class Connection {
   }
 
   closed(code, reason) {
+    const now = performance.now();
+    if (this.authenticated && now - this.authenticatedAt >= STEADY_MS) this.policy.succeeded();
     // Without a close frame the host may not know yet that this link is gone.
-    if (code === 1006 && this.authenticated) this.lostSilentlyAt = performance.now();
+    if (code === 1006 && this.authenticated) this.lostSilentlyAt = now;
     this.discardSocket();
     const next = this.policy.closed(code, reason);
     if (next.action !== 'retry') {
