@@ -49,12 +49,11 @@ std::optional<Setting> settingOf(const PreferenceValue& value) {
   }
 }
 
-/// The stored setting, or `absent` without one. Nothing, and a line in the log, if what is stored is no value
-/// of this setting.
+/// Nothing if nothing is stored, or, with a line in the log, if it is no value of this setting.
 template <class Setting>
-std::optional<Setting> storedSetting(const Preferences& defaults, std::string_view key, Setting absent) {
+std::optional<Setting> storedSetting(const Preferences& defaults, std::string_view key) {
   const auto value = defaults.value(key);
-  if (!value) return absent;
+  if (!value) return {};
   const auto setting = settingOf<Setting>(*value);
   if (!setting) kLog.notice("The stored value of " + std::string(key) + " is unknown and is ignored");
   return setting;
@@ -75,7 +74,7 @@ PreferenceValue storedForm(bool value) {
 
 void StreamCoordinator::loadPreferences() {
   const auto load = [this](std::string_view key, auto& setting, auto fallback) {
-    setting = storedSetting(*defaults_, key, fallback).value_or(fallback);
+    setting = storedSetting<decltype(fallback)>(*defaults_, key).value_or(fallback);
   };
   load(keys::kProfile, profile, kDefaultProfile);
   load(keys::kFrameRate, frameRate, kDefaultFrameRate);
@@ -118,24 +117,22 @@ void StreamCoordinator::observePreferences() {
   });
 }
 
-/// Somebody has edited the stored settings: as if the change had been made here.
+/// Somebody has edited the stored settings: as if the change had been made here. A setting that is stored no
+/// more stays as it is until the next launch.
 void StreamCoordinator::takeChangedPreferences(const std::vector<std::string>& changedKeys) {
-  const auto take = [&](std::string_view key, auto& setting, auto fallback) {
-    if (std::find(changedKeys.begin(), changedKeys.end(), key) == changedKeys.end()) return;
-    if (const auto stored = storedSetting(*defaults_, key, fallback)) setting = *stored;
+  const auto take = [&]<class Setting>(std::string_view key, Setting current) {
+    if (std::find(changedKeys.begin(), changedKeys.end(), key) == changedKeys.end()) return current;
+    return storedSetting<Setting>(*defaults_, key).value_or(current);
   };
-  take(keys::kPreventMacSleep, preventMacSleep, kDefaultPreventMacSleep);
-  take(keys::kAudioChannelMode, audioChannelMode, kDefaultAudioMode);
-  if (canChangeDisplayMode()) take(keys::kDisplayMode, streamDisplayMode, kDefaultDisplayMode);
+  preventMacSleep = take(keys::kPreventMacSleep, preventMacSleep.get());
+  audioChannelMode = take(keys::kAudioChannelMode, audioChannelMode.get());
+  if (canChangeDisplayMode()) streamDisplayMode = take(keys::kDisplayMode, streamDisplayMode.get());
 
   const VideoSettings newest =
       editedStreamSettings_.value_or(newestStreamSettings_.value_or(currentVideoSettings()));
-  VideoSettings wanted = newest;
-  take(keys::kProfile, wanted.profile, kDefaultProfile);
-  take(keys::kFrameRate, wanted.frameRate, kDefaultFrameRate);
-  take(keys::kVideoCodec, wanted.codec, kDefaultVideoCodec);
-  take(keys::kBitRate, wanted.bitRate, kDefaultBitRate);
-  take(keys::kVideoEncoderKind, wanted.encoderKind, kDefaultEncoderKind);
+  const VideoSettings wanted{take(keys::kProfile, newest.profile), take(keys::kFrameRate, newest.frameRate),
+                             take(keys::kVideoCodec, newest.codec), take(keys::kBitRate, newest.bitRate),
+                             take(keys::kVideoEncoderKind, newest.encoderKind)};
   if (wanted == newest) return;
   editedStreamSettings_ = wanted;
   startFlow(applyEditedSettings());

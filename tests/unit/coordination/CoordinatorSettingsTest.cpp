@@ -154,7 +154,7 @@ TEST_F(CoordinatorSettingsTest, EditedPreferencesAreAppliedAsIfChangedHere) {
   time->runReady();
   EXPECT_EQ(coordinator->frameRate, StreamFrameRate::fps24);
   EXPECT_EQ(coordinator->bitRate, StreamBitRate::high);
-  EXPECT_EQ(coordinator->profile, StreamProfile::balanced);  // as at a launch without it
+  EXPECT_EQ(coordinator->profile, StreamProfile::safe);  // what is removed goes on until the next launch
   EXPECT_EQ(coordinator->audioChannelMode, AudioChannelMode::mono);
   EXPECT_FALSE(coordinator->preventMacSleep);
 
