@@ -221,14 +221,9 @@ TEST_F(ServerControlTest, IssueReportsAreAnsweredWhenTheyAreDone) {
     finish = std::move(completion);
   };
   const std::string longWord(65, 'a');
-  using Report = std::pair<std::string, std::string>;
-  for (const auto& [id, category] : {Report{"0999", "audio"},
-                                     {"10000", "audio"},
-                                     {"12a4", "audio"},
-                                     {"1234", "Audio"},
-                                     {"1234", ""},
-                                     {"1234", longWord}}) {
-    EXPECT_THAT(send(report(id, category)), IsEmpty()) << id << " " << category;
+  for (const auto* id : {"0999", "10000", "12a4"}) EXPECT_THAT(send(report(id, "audio")), IsEmpty()) << id;
+  for (const auto& category : {std::string(), std::string("Audio"), longWord}) {
+    EXPECT_THAT(send(report("1234", category)), IsEmpty()) << category;
   }
   EXPECT_THAT(send(report("9999", std::string(64, 'a'))),
               ElementsAre("9999 " + std::string(64, 'a') + " no_sound"));
