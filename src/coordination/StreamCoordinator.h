@@ -173,6 +173,8 @@ class StreamCoordinator final : public std::enable_shared_from_this<StreamCoordi
   // Settings (StreamCoordinatorSettings.cpp)
   VideoSettings currentVideoSettings() const;
   Task<void> applyPendingSettings(VideoSettings wanted);
+  Task<void> catchUpWithSettings(VideoSettings used);
+  void writeVideoSettings(const VideoSettings& settings);
   void announceStreamSettings();
 
   // Wiring (StreamCoordinatorWiring.cpp)

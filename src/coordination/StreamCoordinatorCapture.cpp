@@ -20,6 +20,7 @@ Task<void> StreamCoordinator::startCapture() {
       // The viewer draws the pointer over a display by itself.
       .showsCursor = !source || source->kind != CaptureSourceDescriptor::Kind::display};
   co_await captureService_->start(settings);
+  co_await catchUpWithSettings(settings.video);
   isCapturing = true;
   refreshCursorSync();
   co_await checkCancellation();

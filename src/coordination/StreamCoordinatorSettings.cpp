@@ -7,6 +7,14 @@ StreamCoordinator::VideoSettings StreamCoordinator::currentVideoSettings() const
   return {profile, frameRate, videoCodec, bitRate, videoEncoderKind};
 }
 
+void StreamCoordinator::writeVideoSettings(const VideoSettings& settings) {
+  profile = settings.profile;
+  frameRate = settings.frameRate;
+  videoCodec = settings.codec;
+  bitRate = settings.bitRate;
+  videoEncoderKind = settings.encoderKind;
+}
+
 void StreamCoordinator::announceStreamSettings() {
   server_->updateStreamSettings(profile, frameRate, videoCodec);
 }
@@ -51,14 +59,33 @@ Task<void> StreamCoordinator::applyPendingSettings(VideoSettings wanted) {
   if (failure) {
     reportError(failure, false);
   } else {
-    profile = wanted.profile;
-    frameRate = wanted.frameRate;
-    videoCodec = wanted.codec;
-    bitRate = wanted.bitRate;
-    videoEncoderKind = wanted.encoderKind;
+    writeVideoSettings(wanted);
   }
   announceStreamSettings();  // after a failure too: a viewer may already believe the new values
   if (!failure) clearErrors();
+}
+
+/// A change during the start of capture took effect at once for all but the stream, which began with `used`.
+Task<void> StreamCoordinator::catchUpWithSettings(VideoSettings used) {
+  while (used != currentVideoSettings()) {
+    const VideoSettings wanted = currentVideoSettings();
+    std::exception_ptr failure;
+    try {
+      co_await captureService_->updateVideoSettings(wanted);
+    } catch (const CancellationError&) {
+      throw;
+    } catch (...) {
+      failure = std::current_exception();
+    }
+    co_await checkCancellation();
+    if (failure) {
+      writeVideoSettings(used);
+      reportError(failure, false);
+      announceStreamSettings();
+      co_return;
+    }
+    used = wanted;
+  }
 }
 
 }  // namespace kestrune

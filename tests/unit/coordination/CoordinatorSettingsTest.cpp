@@ -118,6 +118,29 @@ TEST_F(CoordinatorSettingsTest, OfSeveralQuickChangesTheLastIsApplied) {
   EXPECT_EQ(stream->configurations.size(), 2u);
 }
 
+TEST_F(CoordinatorSettingsTest, AChangeDuringTheStartReachesTheStream) {
+  launch();
+  const auto viewer = connectViewer();
+  screen->holdsStart = true;
+  requestStart(viewer);
+  const auto stream = screen->latest();
+  run(coordinator->applyStreamSettings(StreamProfile::safe, StreamFrameRate::fps24));
+  EXPECT_EQ(coordinator->profile, StreamProfile::safe);
+  stream->complete();  // the start
+  time->runReady();
+  ASSERT_EQ(stream->configurations.size(), 1u);
+  EXPECT_EQ(stream->configurations.back().minimumFrameIntervalFPS, 24);
+  // One more, and then the stream refuses: what it has is what is told.
+  run(coordinator->applyStreamSettings(StreamProfile::high, StreamFrameRate::fps24));
+  stream->complete();
+  time->runReady();
+  stream->complete(std::make_exception_ptr(KestruneError::operationFailed("no")));
+  time->runReady();
+  EXPECT_TRUE(coordinator->isCapturing);
+  EXPECT_EQ(coordinator->profile, StreamProfile::safe);
+  EXPECT_EQ(coordinator->lastError.get(), "Unable to change video quality: no");
+}
+
 TEST_F(CoordinatorSettingsTest, ARefusedChangeKeepsTheOldValuesAndSaysSo) {
   const auto viewer = streamToViewer();
   screen->latest()->outcomes = {std::make_exception_ptr(KestruneError::operationFailed("no"))};
