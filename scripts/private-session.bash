@@ -12,12 +12,13 @@ end_private_session() {
 }
 trap end_private_session EXIT
 
-# run_command COMMAND [ARGUMENT...]: SIGINT and SIGTERM go to the command, and its exit status is the script's.
+# run_command COMMAND [ARGUMENT...]: SIGINT, SIGTERM and SIGHUP go to the command, and its exit status is the script's.
 run_command() {
   "$@" &
   command=$!
   trap 'kill -TERM "$command" 2>/dev/null' TERM
   trap 'kill -INT "$command" 2>/dev/null' INT
+  trap 'kill -HUP "$command" 2>/dev/null' HUP
   # A trapped signal ends a wait early; the command may still be shutting down.
   while :; do
     wait "$command"

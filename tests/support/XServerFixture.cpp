@@ -135,10 +135,15 @@ XServer::~XServer() {
   std::filesystem::remove_all(folder_, ignored);
 }
 
+void XServer::hang() const {
+  ::kill(process_, SIGSTOP);
+}
+
 void XServer::kill() {
   if (process_ <= 0) return;
   // A terminated server removes its socket and its lock file; one that hangs is not waited for.
   ::kill(process_, SIGTERM);
+  ::kill(process_, SIGCONT);
   int status = 0;
   for (int tries = 0; waitpid(process_, &status, WNOHANG) == 0; ++tries) {
     if (tries == 200) ::kill(process_, SIGKILL);

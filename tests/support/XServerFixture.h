@@ -27,6 +27,8 @@ class XServer {
   const std::string& displayName() const { return displayName_; }
   /// Ends the server: its clients lose their connection. Idempotent.
   void kill();
+  /// Leaves the server without a word until it is killed: its clients keep their connection.
+  void hang() const;
   /// Runs a command with DISPLAY set and waits for it; its exit status. Arguments are split at spaces.
   int run(const std::string& command) const;
 

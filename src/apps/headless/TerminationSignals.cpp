@@ -8,16 +8,23 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <optional>
 #include <system_error>
+
+#include "runtime/Log.h"
 
 namespace kestrune {
 namespace {
+
+constexpr Logger kLog("App");
+constexpr int kForcedExit = 1;
 
 sigset_t terminationSignals() {
   sigset_t set;
   sigemptyset(&set);
   sigaddset(&set, SIGINT);
   sigaddset(&set, SIGTERM);
+  sigaddset(&set, SIGHUP);  // the terminal was closed
   return set;
 }
 
@@ -55,12 +62,22 @@ TerminationSignals::~TerminationSignals() {
 void TerminationSignals::wait(const std::shared_ptr<SerialQueue>& queue,
                               const std::function<void()>& handler) const {
   pthread_setname_np(pthread_self(), "signals");
+  using namespace std::chrono;
+  std::optional<steady_clock::time_point> deadline;
   for (;;) {
+    const auto left = deadline ? ceil<milliseconds>(*deadline - steady_clock::now()).count() : -1;
+    if (deadline && left <= 0) {
+      kLog.error("The shutdown does not come to its end; the program ends without it");
+      _exit(kForcedExit);
+    }
     pollfd waited[] = {{signals_, POLLIN, 0}, {end_, POLLIN, 0}};
-    if (poll(waited, 2, -1) < 0 && errno != EINTR) return;
+    if (poll(waited, 2, static_cast<int>(left)) < 0 && errno != EINTR) return;
     if (waited[1].revents != 0) return;
     signalfd_siginfo information{};
-    while (read(signals_, &information, sizeof information) == sizeof information) queue->post(handler);
+    while (read(signals_, &information, sizeof information) == sizeof information) {
+      if (!deadline) deadline = steady_clock::now() + kLongestShutdown;
+      queue->post(handler);
+    }
   }
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <thread>
@@ -8,11 +9,16 @@
 
 namespace kestrune {
 
-/// SIGINT and SIGTERM as work on a queue. block() must have been called before any other thread started, so
-/// that none of them takes the signals away.
+/// SIGINT, SIGTERM and SIGHUP as work on a queue. block() must have been called before any other thread
+/// started, so that none of them takes the signals away.
+///
+/// A shutdown must not hang on a service that has stopped answering, such as the X server: from the first
+/// signal on this object has kLongestShutdown to live, then the process ends where it stands with status 1.
 class TerminationSignals {
  public:
-  /// Blocks the two signals in the calling thread and in those that it starts from now on.
+  static constexpr std::chrono::seconds kLongestShutdown{5};
+
+  /// Blocks the signals in the calling thread and in those that it starts from now on.
   static void block();
 
   /// Calls `handler` on `queue` for each signal that comes. Throws a std::system_error where the system gives

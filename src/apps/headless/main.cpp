@@ -8,6 +8,7 @@
 #include <exception>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "Composition.h"
 #include "HeadlessApplication.h"
@@ -59,18 +60,22 @@ void restrictProcess() {
 
 int runProgram(const Options& options) {
   const auto mainQueue = std::make_shared<RunLoopQueue>("main");
-  const auto coordinator = composeCoordinator(mainQueue, options.port);
+  auto coordinator = composeCoordinator(mainQueue, options.port);
   if (!coordinator) {
     printLine(
         "Error",
         "No display could be opened. Set DISPLAY to an X display that this user may use, then try again.");
     return kStartFailed;
   }
-  const auto application = std::make_shared<HeadlessApplication>(mainQueue, coordinator, options.port);
-  const TerminationSignals signals(mainQueue, [application] { application->requestTermination(); });
+  auto application = std::make_shared<HeadlessApplication>(mainQueue, std::move(coordinator), options.port);
+  const TerminationSignals signals(mainQueue, [weak = std::weak_ptr(application)] {
+    if (const auto present = weak.lock()) present->requestTermination();
+  });
   application->launch(!options.isSmokeTest);
   mainQueue->run();
-  return application->exitCode();
+  const int exitCode = application->exitCode();
+  application.reset();  // here, where the time for the shutdown still counts
+  return exitCode;
 }
 
 /// Pictures and encoders come and go with every change of settings. By default the C library moves blocks of

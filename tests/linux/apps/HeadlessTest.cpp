@@ -177,6 +177,17 @@ class HeadlessTest : public ::testing::Test {
   testing::XServer screen{640, 480};
   const int port = Socket::freePort();
   const std::string display = screen.displayName();
+
+  void startStream(const Socket& viewer, const std::string& token) const {
+    ASSERT_TRUE(viewer.connect(port));
+    viewer.send(
+        "GET /stream HTTP/1.1\r\nHost: x\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
+        "Sec-WebSocket-Version: 13\r\nSec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n\r\n");
+    EXPECT_THAT(viewer.receiveUntil("\r\n\r\n"), StartsWith("HTTP/1.1 101"));
+    viewer.send(textFrame(R"({"type":"auth","token":")" + token + "\"}"));
+    viewer.send(textFrame(R"({"type":"codecFallback"})"));
+    viewer.send(textFrame(R"({"type":"startStream"})"));
+  }
 };
 
 TEST_F(HeadlessTest, StreamsToAViewerAndEndsInTwoStepsAtASignal) {
@@ -194,14 +205,7 @@ TEST_F(HeadlessTest, StreamsToAViewerAndEndsInTwoStepsAtASignal) {
   EXPECT_THAT(health.receiveUntil(""), HasSubstr("200 OK"));
 
   const Socket viewer;
-  ASSERT_TRUE(viewer.connect(port));
-  viewer.send(
-      "GET /stream HTTP/1.1\r\nHost: x\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
-      "Sec-WebSocket-Version: 13\r\nSec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n\r\n");
-  EXPECT_THAT(viewer.receiveUntil("\r\n\r\n"), StartsWith("HTTP/1.1 101"));
-  viewer.send(textFrame(R"({"type":"auth","token":")" + token + "\"}"));
-  viewer.send(textFrame(R"({"type":"codecFallback"})"));
-  viewer.send(textFrame(R"({"type":"startStream"})"));
+  startStream(viewer, token);
   EXPECT_THAT(program.linesUpTo("Phase: Streaming"), ElementsAre("Phase: Starting", "Phase: Streaming"));
   // An H.264 keyframe begins with its sequence parameter set.
   const std::string start("\x00\x00\x00\x01\x67", 5);
@@ -216,8 +220,14 @@ TEST_F(HeadlessTest, StreamsToAViewerAndEndsInTwoStepsAtASignal) {
   // The same token at the next start.
   Program again(display, home.path(), port);
   EXPECT_THAT(again.linesUpTo("Local viewer: ").back(), HasSubstr(token));
-  again.signal(SIGINT);
-  EXPECT_EQ(again.exitCode(), 0);
+  const Socket laterViewer;
+  startStream(laterViewer, token);
+  EXPECT_THAT(again.linesUpTo("Phase: Streaming").back(), "Phase: Streaming");
+  // A display that answers nothing any more cannot keep the program.
+  screen.hang();
+  usleep(500'000);  // several times a second it is asked for the pointer
+  again.signal(SIGHUP);
+  EXPECT_EQ(again.exitCode(), 1);
 }
 
 TEST_F(HeadlessTest, SaysWhyItCannotStart) {
