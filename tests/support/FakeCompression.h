@@ -70,7 +70,6 @@ struct FakeSessionRecord {
   VideoCodecType codec = VideoCodecType::avc1;
   std::vector<CompressionProperty> properties;
   std::vector<Frame> frames;
-  int prepareCalls = 0;
   int completeCalls = 0;
   int invalidateCalls = 0;
   MediaStatus propertyStatus = 0;
@@ -97,10 +96,7 @@ class FakeCompressionSession final : public CompressionSession {
     record_->properties.push_back(property);
     return record_->propertyStatus;
   }
-  MediaStatus prepareToEncode() override {
-    ++record_->prepareCalls;
-    return record_->prepareStatus;
-  }
+  MediaStatus prepareToEncode() override { return record_->prepareStatus; }
   MediaStatus encode(const SharedPixelBuffer& image, std::optional<std::int64_t> presentationMicroseconds,
                      std::int64_t durationMicroseconds, bool forceKeyframe, OutputHandler handler) override {
     record_->frames.push_back(

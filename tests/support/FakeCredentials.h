@@ -47,7 +47,7 @@ class FakeCredentials final : public CredentialConnector,
   /// In place of what an operation would give; a read then gives no data.
   std::atomic<CredentialStatus> readStatus{0}, writeStatus{0};
   std::atomic<bool> omitsData{false};
-  std::atomic<int> reads{0}, writes{0}, removals{0};
+  std::atomic<int> reads{0}, writes{0};
   std::atomic<int> openConnections{0};
   std::vector<std::string> serviceNames;  // by one caller at a time
 
@@ -96,7 +96,6 @@ class FakeCredentialConnection final : public CredentialConnection, public Crede
     run([reply, status] { reply(status); });
   }
   void removeCredential(const std::string& service, const std::string& account, StatusReply reply) override {
-    ++owner_->removals;
     CredentialStatus status = kCredentialSuccess;
     {
       std::lock_guard guard(owner_->lock_);

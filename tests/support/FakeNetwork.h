@@ -50,9 +50,6 @@ class FakeTcpConnection final : public TcpConnection, public std::enable_shared_
   std::string inFlight;  // the send that is not taken yet
   bool started = false;
   bool cancelled = false;
-  bool isSending() const { return static_cast<bool>(sendHandler_); }
-  bool isReceiving() const { return static_cast<bool>(receiveHandler_); }
-  bool hasStateHandler() const { return static_cast<bool>(stateHandler_); }
 
   // The server's side.
   void setStateHandler(StateHandler handler) override { stateHandler_ = std::move(handler); }

@@ -33,7 +33,6 @@ class FakePixelTransferFactory final : public PixelTransferFactory {
   };
 
   bool makesSessions = true;
-  bool makesPools = true;
   std::int32_t poolStatus = 0;
   std::int32_t transferStatus = 0;
   int sessionsMade = 0;
@@ -47,7 +46,7 @@ class FakePixelTransferFactory final : public PixelTransferFactory {
   }
   std::unique_ptr<PixelBufferPool> createPool(int width, int height) override {
     pools.emplace_back(width, height);
-    return makesPools ? std::make_unique<Pool>(*this, width, height) : nullptr;
+    return std::make_unique<Pool>(*this, width, height);
   }
   std::shared_ptr<PixelBuffer> createBuffer(int width, int height) override {
     return makePixelBuffer(width, height);

@@ -1,10 +1,11 @@
 #pragma once
 
-#include <sys/types.h>
-
 #include <filesystem>
+#include <memory>
 #include <string>
-#include <vector>
+
+#include "support/ChildProcess.h"
+#include "support/TemporaryDirectory.h"
 
 namespace kestrune::testing {
 
@@ -14,35 +15,32 @@ namespace kestrune::testing {
 class SoundServer {
  public:
   /// Throws std::runtime_error, with the server's own words, if it does not come up.
-  SoundServer();
-  ~SoundServer();
-  SoundServer(const SoundServer&) = delete;
-  SoundServer& operator=(const SoundServer&) = delete;
+  SoundServer() { start(); }
+  ~SoundServer() { end(); }
 
   /// As PULSE_SERVER takes it; the same after a restart.
-  const std::string& address() const { return address_; }
+  std::string address() const { return "unix:" + (folder() / "native").string(); }
   /// Starts the server anew after an end().
   void start();
   /// Ends the server: its clients lose their connection. Idempotent.
-  void end();
+  void end() { server_->terminate(); }
   /// The server accepts connections, as its system does that for it, and then says nothing; and the end of
   /// that.
-  void freeze() const;
-  void thaw() const;
+  void freeze() const { server_->signal(SIGSTOP); }
+  void thaw() const { server_->signal(SIGCONT); }
   /// Runs pactl with these arguments; its exit status.
-  int control(const std::vector<std::string>& arguments) const;
-  /// Plays raw stereo 32-bit floats at 48 kHz into a sink, from a file, until it is over or stopPlaying().
+  int control(const std::string& arguments) const;
+  /// Plays raw stereo 32-bit floats at 48 kHz into a sink, from a file, until it is over or another begins.
   void play(const std::string& sink, const std::filesystem::path& file);
-  void stopPlaying();
-  const std::filesystem::path& folder() const { return folder_; }
+  const std::filesystem::path& folder() const { return folder_.path(); }
 
  private:
-  pid_t launch(const std::vector<std::string>& words) const;
+  /// Starts a program that writes into the folder only.
+  std::unique_ptr<ChildProcess> launch(const std::string& command) const;
 
-  std::filesystem::path folder_;
-  std::string address_;
-  pid_t server_ = -1;
-  pid_t player_ = -1;
+  const TemporaryDirectory folder_;
+  std::unique_ptr<ChildProcess> server_;
+  std::unique_ptr<ChildProcess> player_;
 };
 
 }  // namespace kestrune::testing

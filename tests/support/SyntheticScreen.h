@@ -20,7 +20,7 @@ class SyntheticScreen {
 
   /// The page from row `offset` on.
   std::shared_ptr<PixelBuffer> text(int offset) {
-    auto image = blank();
+    auto image = makePixelBuffer(width_, height_);
     for (int y = 0; y < height_; ++y) {
       const auto row = page_.begin() + static_cast<std::ptrdiff_t>((offset + y) % kPageRows) * width_;
       std::copy_n(row, width_, image->plane(0).data + y * image->plane(0).stride);
@@ -75,11 +75,6 @@ class SyntheticScreen {
   static constexpr int kLineHeight = 18;
   static constexpr int kGlyphWidth = 8;
   static constexpr int kGlyphHeight = 11;
-
-  std::shared_ptr<PixelBuffer> blank() const {
-    auto image = makePixelBuffer(width_, height_);
-    return image;
-  }
 
   std::shared_ptr<PixelBuffer> stamped(std::shared_ptr<PixelBuffer> image, std::vector<PixelRect> changed) {
     image->changes = PictureChanges{sequence_++, std::move(changed)};

@@ -1,9 +1,10 @@
 #pragma once
 
-#include <sys/types.h>
-
-#include <filesystem>
+#include <memory>
 #include <string>
+
+#include "support/ChildProcess.h"
+#include "support/TemporaryDirectory.h"
 
 namespace kestrune::testing {
 
@@ -19,23 +20,21 @@ class XServer {
 
   /// Throws std::runtime_error, with the server's own words, if it does not come up.
   explicit XServer(int width = 1280, int height = 720, Kind kind = Kind::xvfb);
-  ~XServer();
-  XServer(const XServer&) = delete;
-  XServer& operator=(const XServer&) = delete;
+  ~XServer() { kill(); }
 
   /// Such as ":1".
   const std::string& displayName() const { return displayName_; }
   /// Ends the server: its clients lose their connection. Idempotent.
-  void kill();
+  void kill() { server_->terminate(); }
   /// Leaves the server without a word until it is killed: its clients keep their connection.
-  void hang() const;
-  /// Runs a command with DISPLAY set and waits for it; its exit status. Arguments are split at spaces.
+  void hang() const { server_->signal(SIGSTOP); }
+  /// Runs a command of the shell with DISPLAY set and waits for it; its exit status.
   int run(const std::string& command) const;
 
  private:
-  std::filesystem::path folder_;
+  const TemporaryDirectory folder_;
+  std::unique_ptr<ChildProcess> server_;
   std::string displayName_;
-  pid_t process_ = -1;
 };
 
 }  // namespace kestrune::testing

@@ -194,13 +194,13 @@ TEST_F(SystemSoundTest, FollowsTheDefaultSinkAndOutlivesIt) {
   Listener listener(server.address());
   ASSERT_EQ(listener.start(), "");
   ASSERT_TRUE(listener.waitForCount(5));
-  ASSERT_EQ(server.control({"load-module", "module-null-sink", "sink_name=second", "rate=44100"}), 0);
+  ASSERT_EQ(server.control("load-module module-null-sink sink_name=second rate=44100"), 0);
   server.play("second", file());
-  ASSERT_EQ(server.control({"set-default-sink", "second"}), 0);
+  ASSERT_EQ(server.control("set-default-sink second"), 0);
   EXPECT_TRUE(listener.waitForSound());
   // With its sink gone the sound goes on, of the sink that is left.
-  ASSERT_EQ(server.control({"unload-module", "module-null-sink"}), 0);
-  ASSERT_EQ(server.control({"load-module", "module-null-sink", "sink_name=third"}), 0);
+  ASSERT_EQ(server.control("unload-module module-null-sink"), 0);
+  ASSERT_EQ(server.control("load-module module-null-sink sink_name=third"), 0);
   listener.forget();
   server.play("third", file());
   EXPECT_TRUE(listener.waitForSound());

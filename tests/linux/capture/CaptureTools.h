@@ -14,6 +14,7 @@
 #include "platform/linux/capture/X11ScreenCapture.h"
 #include "platform/linux/x11/DisplayLayout.h"
 #include "runtime/ThreadQueue.h"
+#include "unit/pixel/PictureTools.h"
 
 namespace kestrune::linux_platform {
 
@@ -178,36 +179,12 @@ inline ScreenStreamConfiguration sized(int width, int height, int rate = 60) {
   return configuration;
 }
 
-inline int lumaAt(const PixelBuffer& picture, int x, int y) {
-  return picture.plane(0).data[y * picture.plane(0).stride + x];
-}
-inline int chromaAt(const PixelBuffer& picture, int x, int y, int component) {
-  return picture.plane(1).data[y / 2 * picture.plane(1).stride + x / 2 * 2 + component];
-}
-
-/// Whether the pixel has this colour (0xRRGGBB) by ITU-R BT.709-6, video range.
+/// Whether the pixel has this colour (0xRRGGBB).
 inline bool isColour(const PixelBuffer& picture, int x, int y, std::uint32_t colour) {
-  const double r = (colour >> 16 & 0xff) / 255.0;
-  const double g = (colour >> 8 & 0xff) / 255.0;
-  const double b = (colour & 0xff) / 255.0;
-  const double luma = 0.2126 * r + 0.7152 * g + 0.0722 * b;
-  return std::abs(lumaAt(picture, x, y) - (16 + 219 * luma)) < 2 &&
-         std::abs(chromaAt(picture, x, y, 0) - (128 + 224 * (b - luma) / 1.8556)) < 2 &&
-         std::abs(chromaAt(picture, x, y, 1) - (128 + 224 * (r - luma) / 1.5748)) < 2;
-}
-
-inline bool samePictures(const PixelBuffer& a, const PixelBuffer& b) {
-  for (int y = 0; y < a.height(); ++y) {
-    const std::uint8_t* left = a.plane(0).data + y * a.plane(0).stride;
-    const std::uint8_t* right = b.plane(0).data + y * b.plane(0).stride;
-    if (!std::equal(left, left + a.width(), right)) return false;
-  }
-  for (int y = 0; y < (a.height() + 1) / 2; ++y) {
-    const std::uint8_t* left = a.plane(1).data + y * a.plane(1).stride;
-    const std::uint8_t* right = b.plane(1).data + y * b.plane(1).stride;
-    if (!std::equal(left, left + a.width(), right)) return false;
-  }
-  return true;
+  const Ycc expected = bt709Of(colour & 0xff, colour >> 8 & 0xff, colour >> 16 & 0xff);
+  return std::abs(lumaAt(picture, x, y) - expected.y) < 2 &&
+         std::abs(chromaAt(picture, x / 2, y / 2, 0) - expected.cb) < 2 &&
+         std::abs(chromaAt(picture, x / 2, y / 2, 1) - expected.cr) < 2;
 }
 
 }  // namespace kestrune::linux_platform

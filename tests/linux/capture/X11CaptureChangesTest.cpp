@@ -57,7 +57,7 @@ TEST(X11CaptureChangesTest, PicturesMadeOfPartsEqualWholeOnes) {
     const auto whole = fresh.waitForPicture([](const PixelBuffer&) { return true; });
     ASSERT_TRUE(whole);
     ASSERT_TRUE(receiver.waitForPicture([&whole](const PixelBuffer& picture) {
-      return samePictures(picture, *whole);
+      return sameBytes(picture, *whole);
     })) << "round "
         << round;
   }

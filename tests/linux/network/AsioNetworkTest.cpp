@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
-#include <deque>
 #include <vector>
 
 #include "linux/network/LoopbackPeer.h"
@@ -243,28 +242,6 @@ TEST_F(AsioNetworkTest, AResponseSurvivesUnreadBytesOfTheRequest) {
     ASSERT_TRUE(peer.send(std::string(50'000, 'p')));
     ASSERT_EQ(peer.receive(100), "HTTP/1.1 405") << round;
   }
-}
-
-TEST_F(AsioNetworkTest, AFloodOfConnectionsLeavesAReceiverItsTurns) {
-  std::size_t accepted = 0;
-  FirstOutcome<bool> all;
-  listen([&](Connection connection) {
-    connections_.push_back(connection);
-    auto* raw = connection.get();
-    raw->receive(1, 64, [this, raw](ByteView view, bool, const auto&) {
-      raw->send({bytes(text(view) + "!"), nullptr}, [](bool) {});
-    });
-    if (++accepted == 501) all.set(true);
-  });
-  LoopbackPeer viewer(port_);
-  std::deque<LoopbackPeer> flood;
-  for (int i = 0; i < 500; ++i) {
-    flood.emplace_back(port_);
-    ASSERT_TRUE(flood.back().isConnected());
-  }
-  ASSERT_TRUE(viewer.send("ping"));
-  EXPECT_EQ(viewer.receive(5), "ping!");
-  EXPECT_TRUE(all.get());
 }
 
 /// A lower limit of open descriptors for as long as it lives.

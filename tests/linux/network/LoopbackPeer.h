@@ -11,6 +11,7 @@
 #include <future>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "platform/Network.h"
@@ -65,6 +66,16 @@ class LoopbackPeer {
       taken += static_cast<std::size_t>(got);
     }
     text.resize(taken);
+    return text;
+  }
+  /// What comes up to and with `end`; all of it if the other side ends first.
+  std::string receiveTo(std::string_view end) const {
+    std::string text;
+    while (!text.ends_with(end)) {
+      const auto next = receive(1);
+      if (next.empty()) break;
+      text += next;
+    }
     return text;
   }
 

@@ -71,8 +71,7 @@ LoopbackPeer connectViewer(std::uint16_t port) {
       "GET /stream HTTP/1.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\nSec-WebSocket-Version: 13\r\n"
       "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n\r\n" +
       textFrame(R"({"type":"auth","token":"token"})"));
-  std::string head;
-  while (!head.ends_with("\r\n\r\n")) head += peer.receive(1);
+  peer.receiveTo("\r\n\r\n");
   for (int greeting = 0; greeting < 4; ++greeting) readFrame(peer);
   return peer;
 }
