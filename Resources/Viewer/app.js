@@ -2,59 +2,19 @@
  * The viewer: puts connection, picture, input and panels together and holds the page's state.
  */
 
-import { InputOutbox, control } from './control-protocol.js';
-import { AudioPoll, Connection, streamAddress } from './wire-runtime.js';
+import { InputOutbox, control, resultWords } from './control-protocol.js';
+import { AudioPoll, Connection, rememberToken, streamAddress, takeToken, tokenFrom } from './wire-runtime.js';
 import { Sound } from './audio-runtime.js';
 import { SmoothedValue } from './decoder-clock.js';
 import { VideoPipeline, makePresenter } from './video-runtime.js';
 import { canDecodeHevc } from './webcodecs-hevc.js';
-import { StatisticsPanel, capabilityReport, diagnosticsRows, missingCapabilities, soundRows, telemetryMessage } from './reporting.js';
-import { KeyboardInput, StageInput, ViewerInterface } from './viewer-ui.js';
+import { SecondMeter, StatisticsPanel, capabilityReport, missingCapabilities, statisticsRows, telemetryMessage } from './reporting.js';
+import { KeyboardInput, ScreenWakeLock, StageInput, ViewerInterface } from './viewer-ui.js';
 
-const TOKEN_KEY = 'kestrune.token';
 const FRESH_EDGE_MS = 500;
+const SHOWING_MS = 1500; // a still picture is repeated once a second
 const FARTHEST_DISPLAY_MS = 40; // from a picture's hand-over to the screen; two turns of a slow one
-const TOKEN_FORM = /^[A-Za-z0-9_-]{43}$/;
 const byId = (id) => document.getElementById(id);
-
-const RESULT_WORDS = {
-  controlDisabled: 'Remote control is turned off on the computer.',
-  permissionRequired: 'The computer does not allow Kestrune to send input. Grant the permission there.',
-  displayRequired: 'No display is being shown that could be controlled.',
-  invalidCoordinates: 'That place is outside the display.',
-  applicationUnavailable: 'The browser is not available on the computer.',
-  eventFailed: 'The computer could not do that now.',
-};
-
-/** The token from an address, a fragment or by itself; null if there is none. */
-function tokenFrom(text) {
-  const candidate = text.trim().replace(/^.*#/, '').replace(/^token=/, '');
-  return TOKEN_FORM.test(candidate) ? candidate : null;
-}
-
-/** Reads the token from the fragment and takes it out of sight; a reload finds it in the tab's session. */
-function takeToken() {
-  const token = tokenFrom(window.location.hash);
-  if (token) {
-    rememberToken(token);
-    window.history.replaceState(null, '', window.location.pathname);
-    return token;
-  }
-  try {
-    return tokenFrom(window.sessionStorage.getItem(TOKEN_KEY) || '');
-  } catch (error) {
-    return null;
-  }
-}
-
-function rememberToken(token) {
-  try {
-    if (token) window.sessionStorage.setItem(TOKEN_KEY, token);
-    else window.sessionStorage.removeItem(TOKEN_KEY);
-  } catch (error) {
-    // Storage may be forbidden; the token then lives as long as the page.
-  }
-}
 
 class Viewer {
   constructor() {
@@ -73,7 +33,6 @@ class Viewer {
     this.diagnostics = null;
     this.settings = null;
     this.capabilities = null;
-    this.second = { fps: 0, latency: 0, dropped: 0, megabits: 0 }; // the last one
     this.sound = new Sound({
       onChange: () => this.ui.renderSound(this.sound.state),
       onReady: (ready) => this.soundReady(ready),
@@ -86,9 +45,8 @@ class Viewer {
     this.shownLatency = 0;
     this.awaitedFrameSince = null; // when a frame was asked for that has to come
     this.startAsked = false;
-    this.wakeLock = null;
-    this.wakeLockAsked = false;
-    this.counted = { shown: 0, dropped: 0, bytes: 0, underruns: 0, lost: 0 };
+    this.wakeLock = new ScreenWakeLock();
+    this.meter = new SecondMeter();
     this.hooks = { onFrameDecoded: null, onFrameShown: null };
     this.ui = new ViewerInterface((action, value) => this.act(action, value));
     this.panel = new StatisticsPanel(byId);
@@ -238,7 +196,7 @@ class Viewer {
     if (result === 'clicked') {
       if (success) this.ui.toast(success);
     } else {
-      this.ui.toast(RESULT_WORDS[result] || RESULT_WORDS.eventFailed, 'bad');
+      this.ui.toast(resultWords(result), 'bad');
     }
   }
 
@@ -324,8 +282,8 @@ class Viewer {
       retry: () => this.connection.connect(),
       takeover: () => this.connection.connect(true),
       stop: () => this.connection.stop(),
-      modeVideo: () => this.requestMode('video'),
-      modeControl: () => this.requestMode('control'),
+      modeVideo: () => this.send(control.mode('video')),
+      modeControl: () => this.send(control.mode('control')),
       keyboard: () => this.keyboard.toggle(),
       sound: () => this.soundPressed(),
       unlockSound: () => this.sound.resume(),
@@ -342,10 +300,6 @@ class Viewer {
   soundPressed() {
     if (this.sound.state === 'locked' || this.sound.state === 'interrupted') this.sound.resume();
     else this.sound.toggleMute();
-  }
-
-  requestMode(mode) {
-    this.send(control.mode(mode));
   }
 
   tokenEntered(text) {
@@ -433,25 +387,8 @@ class Viewer {
     }
   }
 
-  async updateWakeLock() {
-    const wanted = !document.hidden && this.model.phase === 'connected' && this.model.stream.state === 'streaming';
-    if (!('wakeLock' in navigator)) return;
-    if (!wanted && this.wakeLock) {
-      const lock = this.wakeLock;
-      this.wakeLock = null;
-      await lock.release();
-    } else if (wanted && !this.wakeLock && !this.wakeLockAsked) {
-      this.wakeLockAsked = true;
-      try {
-        this.wakeLock = await navigator.wakeLock.request('screen');
-        this.wakeLock.addEventListener('release', () => {
-          this.wakeLock = null;
-        });
-      } catch (error) {
-        // A low battery is a good reason to refuse.
-      }
-      this.wakeLockAsked = false;
-    }
+  updateWakeLock() {
+    this.wakeLock.hold(!document.hidden && this.model.phase === 'connected' && this.model.stream.state === 'streaming');
   }
 
   // Every second
@@ -465,8 +402,9 @@ class Viewer {
       video.keyframes.request(now);
     }
     this.tendSound();
-    const second = this.measureSecond(now);
-    this.second = second;
+    const second = this.meter.measure({
+      stats: this.stats(), host: this.diagnostics, bytes: video.counters.bytes, isShowing: now - this.shownAt < SHOWING_MS,
+    });
     this.panel.add(second);
     if (this.model.phase === 'connected') {
       const { bufferMilliseconds, driftMilliseconds } = this.sound.facts;
@@ -493,50 +431,13 @@ class Viewer {
     this.edgeAsked = false;
   }
 
-  measureSecond(now) {
-    const { video, presenter, counted, diagnostics: host } = this;
-    const sound = this.sound.facts;
-    const total = {
-      shown: presenter.shown,
-      dropped: video.counters.dropped + presenter.replaced,
-      bytes: video.counters.bytes,
-      underruns: sound.underruns,
-      lost: host ? host.networkDroppedFrames : 0,
-    };
-    this.counted = total;
-    return {
-      fps: total.shown - counted.shown,
-      latency: now - this.shownAt < 1500 ? this.shownLatency : 0,
-      dropped: total.dropped - counted.dropped,
-      megabits: ((total.bytes - counted.bytes) * 8) / 1e6,
-      underruns: total.underruns - counted.underruns,
-      soundBuffer: sound.state === 'playing' ? sound.bufferMilliseconds : NaN,
-      captureFPS: host ? host.captureFPS : NaN,
-      encodeFPS: host ? host.encodeFPS : NaN,
-      hostMegabits: host ? host.bitRateMbps : NaN,
-      lost: total.lost - counted.lost,
-    };
-  }
-
   showStatistics() {
-    const { video, presenter, second, diagnostics } = this;
-    const rows = [
-      ['Frames shown', `${second.fps} /s`],
-      ['Decode time', `${video.decodeTime.get().toFixed(1)} ms`],
-      ['Latency estimate', `${second.latency.toFixed(0)} ms`],
-      ['Round trip', video.clock.roundTripMs === null ? '–' : `${video.clock.roundTripMs.toFixed(1)} ms`],
-      ['Dropped here', String(video.counters.dropped + presenter.replaced)],
-      ['Received', `${second.megabits.toFixed(2)} Mbit/s`],
-      ['Picture', video.width ? `${video.width} × ${video.height}` : '–'],
-      ['Codec', video.codecString || '–'],
-      ['Decoder', video.label || '–'],
-      ['Queue', this.model.mode === 'video' ? `${video.waitMilliseconds.toFixed(0)} ms` : 'none'],
-      ['Presented by', presenter.name],
-      ['Reconnects', String(this.connection ? this.connection.reconnects : 0)],
-    ];
-    rows.push(...soundRows(this.sound.facts, this.lipSync.get()));
-    if (diagnostics) rows.push(...diagnosticsRows(diagnostics));
-    this.panel.show(rows);
+    this.panel.show(statisticsRows({
+      stats: this.stats(),
+      second: this.meter.last,
+      roundTripMs: this.video.clock.roundTripMs,
+      host: this.diagnostics,
+    }));
   }
 
   report() {

@@ -4,6 +4,7 @@
  * follows in video mode.
  */
 
+import { HeardClock } from './decoder-clock.js';
 import { DriftController, SoundReserve } from './adaptive-quality.js';
 
 const RING_FRAMES = 262144; // a power of two; 5.4 s at 48 kHz
@@ -365,34 +366,6 @@ if (typeof AudioWorkletProcessor !== 'undefined') {
       return true;
     }
   });
-}
-
-const OFFSET_WEIGHT = 0.2;
-const OFFSET_JUMP_MS = 60;
-
-/**
- * When a presentation time is heard, as an offset: milliseconds of `performance.now()` minus milliseconds of the host's
- * clock. Pure.
- */
-export class HeardClock {
-  constructor() {
-    this.offset = null;
-  }
-
-  /**
-   * @param {{time: number, pts: number}} report of the engine
-   * @param {{contextTime: number, performanceTime: number}} output which second of the audio clock is heard when
-   */
-  add(report, output) {
-    if (Number.isNaN(report.pts)) {
-      this.offset = null;
-      return;
-    }
-    const heardAt = output.performanceTime + (report.time - output.contextTime) * 1000;
-    const sample = heardAt - report.pts / 1000;
-    const jumped = this.offset === null || Math.abs(sample - this.offset) > OFFSET_JUMP_MS;
-    this.offset = jumped ? sample : this.offset + (sample - this.offset) * OFFSET_WEIGHT;
-  }
 }
 
 /**

@@ -318,3 +318,17 @@ export class GestureRecogniser {
     return { x: (a.x + b.x) / 2, y: (a.y + b.y) / 2 };
   }
 }
+
+const RESULT_WORDS = {
+  controlDisabled: 'Remote control is turned off on the computer.',
+  permissionRequired: 'The computer does not allow Kestrune to send input. Grant the permission there.',
+  displayRequired: 'No display is being shown that could be controlled.',
+  invalidCoordinates: 'That place is outside the display.',
+  applicationUnavailable: 'The browser is not available on the computer.',
+  eventFailed: 'The computer could not do that now.',
+};
+
+/** Why the host did not do what it was asked, for the user. */
+export function resultWords(result) {
+  return Object.prototype.hasOwnProperty.call(RESULT_WORDS, result) ? RESULT_WORDS[result] : RESULT_WORDS.eventFailed;
+}

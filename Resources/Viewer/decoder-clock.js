@@ -74,3 +74,31 @@ export class SmoothedValue {
     return this.value === null ? 0 : this.value;
   }
 }
+
+const HEARD_WEIGHT = 0.2;
+const HEARD_JUMP_MS = 60;
+
+/**
+ * When a presentation time is heard, as an offset: milliseconds of `performance.now()` minus milliseconds of the host's
+ * clock. Pure.
+ */
+export class HeardClock {
+  constructor() {
+    this.offset = null;
+  }
+
+  /**
+   * @param {{time: number, pts: number}} report of the engine
+   * @param {{contextTime: number, performanceTime: number}} output which second of the audio clock is heard when
+   */
+  add(report, output) {
+    if (Number.isNaN(report.pts)) {
+      this.offset = null;
+      return;
+    }
+    const heardAt = output.performanceTime + (report.time - output.contextTime) * 1000;
+    const sample = heardAt - report.pts / 1000;
+    const jumped = this.offset === null || Math.abs(sample - this.offset) > HEARD_JUMP_MS;
+    this.offset = jumped ? sample : this.offset + (sample - this.offset) * HEARD_WEIGHT;
+  }
+}

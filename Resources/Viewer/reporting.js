@@ -59,6 +59,46 @@ export async function capabilityReport(scope, canDecodeHevc) {
   };
 }
 
+/** Makes the values of a second out of counters that only grow. Pure. */
+export class SecondMeter {
+  constructor() {
+    this.before = { shown: 0, dropped: 0, bytes: 0, underruns: 0, lost: 0 };
+    this.last = { fps: 0, latency: 0, dropped: 0, megabits: 0 };
+  }
+
+  /**
+   * To be called once a second.
+   * @param {object} now `stats` of the viewer, `bytes` received, `host` diagnostics or null, and `isShowing`, whether
+   *   the latency of the last picture still says something
+   * @returns the second that has just ended, with the fields that PLOTS names
+   */
+  measure({ stats, bytes, host, isShowing }) {
+    const { before } = this;
+    const { audio } = stats;
+    const now = {
+      shown: stats.framesShown,
+      dropped: stats.dropped,
+      bytes,
+      underruns: audio.underruns,
+      lost: host ? host.networkDroppedFrames : 0,
+    };
+    this.before = now;
+    this.last = {
+      fps: now.shown - before.shown,
+      latency: isShowing ? stats.latencyMilliseconds : 0,
+      dropped: now.dropped - before.dropped,
+      megabits: ((now.bytes - before.bytes) * 8) / 1e6,
+      underruns: now.underruns - before.underruns,
+      soundBuffer: audio.state === 'playing' ? audio.bufferMilliseconds : NaN,
+      captureFPS: host ? host.captureFPS : NaN,
+      encodeFPS: host ? host.encodeFPS : NaN,
+      hostMegabits: host ? host.bitRateMbps : NaN,
+      lost: now.lost - before.lost,
+    };
+    return this.last;
+  }
+}
+
 /**
  * The curves of the last minute: what the host says of itself and what is measured here, side by side. `field` names a
  * value of a sample; `marks` are ticks at the bottom for seconds in which that value is not 0.
@@ -176,7 +216,7 @@ const SOUND_WORDS = {
 };
 
 /** Rows of the panel about the sound. */
-export function soundRows(sound, lipSync) {
+function soundRows(sound, lipSync) {
   const playing = sound.state === 'playing';
   const when = (text) => (playing ? text : '–');
   return [
@@ -190,7 +230,7 @@ export function soundRows(sound, lipSync) {
 }
 
 /** Rows of the panel about what the host says of itself. */
-export function diagnosticsRows(host) {
+function diagnosticsRows(host) {
   const number = (value, digits) => (Number.isFinite(value) ? value.toFixed(digits) : '–');
   return [
     ['Host', null],
@@ -203,6 +243,29 @@ export function diagnosticsRows(host) {
     ['Waiting: encoder / server', `${number(host.encoderPendingFrames, 0)} / ${number(host.serverPendingFrames, 0)}`],
     ['Sound channels', number(host.audioChannels, 0)],
     ['Display', host.captureMode === 'virtualDisplay' ? 'virtual' : 'physical'],
+  ];
+}
+
+/**
+ * All rows of the panel.
+ * @param {object} facts `stats` of the viewer, `second` of SecondMeter, `roundTripMs` and `host` or null
+ */
+export function statisticsRows({ stats, second, roundTripMs, host }) {
+  return [
+    ['Frames shown', `${second.fps} /s`],
+    ['Decode time', `${stats.decodeMilliseconds.toFixed(1)} ms`],
+    ['Latency estimate', `${second.latency.toFixed(0)} ms`],
+    ['Round trip', roundTripMs === null ? '–' : `${roundTripMs.toFixed(1)} ms`],
+    ['Dropped here', String(stats.dropped)],
+    ['Received', `${second.megabits.toFixed(2)} Mbit/s`],
+    ['Picture', stats.width ? `${stats.width} × ${stats.height}` : '–'],
+    ['Codec', stats.codec || '–'],
+    ['Decoder', stats.decoder || '–'],
+    ['Queue', stats.mode === 'video' ? `${stats.queueMilliseconds.toFixed(0)} ms` : 'none'],
+    ['Presented by', stats.presenter],
+    ['Reconnects', String(stats.reconnects)],
+    ...soundRows(stats.audio, stats.lipSyncMilliseconds),
+    ...(host ? diagnosticsRows(host) : []),
   ];
 }
 

@@ -452,3 +452,34 @@ export class KeyboardInput {
     byId('composition').textContent = text;
   }
 }
+
+/** Keeps the device's screen on while the picture is watched, where the browser can. */
+export class ScreenWakeLock {
+  constructor() {
+    this.lock = null;
+    this.wanted = false;
+    this.asking = false;
+  }
+
+  /** To be called again whenever the page is seen again: the browser takes the lock from a hidden page. */
+  async hold(wanted) {
+    this.wanted = wanted;
+    if (!('wakeLock' in navigator) || this.asking) return;
+    this.asking = true;
+    try {
+      if (wanted && !this.lock) await this.request();
+      // The wish may have changed while the browser thought about it.
+      if (!this.wanted && this.lock) await this.lock.release();
+    } catch (error) {
+      // A low battery is a good reason to refuse.
+    }
+    this.asking = false;
+  }
+
+  async request() {
+    this.lock = await navigator.wakeLock.request('screen');
+    this.lock.addEventListener('release', () => {
+      this.lock = null;
+    });
+  }
+}

@@ -1,5 +1,5 @@
 /**
- * The connection: one WebSocket after another, authentication, liveness and the policy of reconnecting; and beside it the
+ * The connection: the access token, one WebSocket after another, authentication, liveness and the policy of reconnecting; and beside it the
  * long polls that fetch the sound.
  */
 
@@ -16,6 +16,40 @@ const STEADY_MS = 5000; // a connection that breaks sooner is one more failure
 const FIRST_DELAY_MS = 400;
 const LONGEST_DELAY_MS = 15000;
 const BUSY_DELAY_MS = 20000;
+
+const TOKEN_KEY = 'kestrune.token';
+const TOKEN_FORM = /^[A-Za-z0-9_-]{43}$/;
+
+/** The token from an address, a fragment or by itself; null if there is none. */
+export function tokenFrom(text) {
+  const candidate = text.trim().replace(/^.*#/, '').replace(/^token=/, '');
+  return TOKEN_FORM.test(candidate) ? candidate : null;
+}
+
+/** Reads the token from the fragment and takes it out of sight; a reload finds it in the tab's session. */
+export function takeToken() {
+  const token = tokenFrom(window.location.hash);
+  if (token) {
+    rememberToken(token);
+    window.history.replaceState(null, '', window.location.pathname);
+    return token;
+  }
+  try {
+    return tokenFrom(window.sessionStorage.getItem(TOKEN_KEY) || '');
+  } catch (error) {
+    return null;
+  }
+}
+
+/** For a reload of this tab; null forgets it. */
+export function rememberToken(token) {
+  try {
+    if (token) window.sessionStorage.setItem(TOKEN_KEY, token);
+    else window.sessionStorage.removeItem(TOKEN_KEY);
+  } catch (error) {
+    // Storage may be forbidden; the token then lives as long as the page.
+  }
+}
 
 /**
  * What a closed connection means for the next one. Pure: randomness is handed in.

@@ -2,7 +2,8 @@
 import assert from 'node:assert/strict';
 import { test } from 'node:test';
 import { DriftController, PictureHold, SoundReserve } from '../../Resources/Viewer/adaptive-quality.js';
-import { HeardClock, PlaybackEngine } from '../../Resources/Viewer/audio-runtime.js';
+import { PlaybackEngine } from '../../Resources/Viewer/audio-runtime.js';
+import { HeardClock } from '../../Resources/Viewer/decoder-clock.js';
 import { parseAudioBatch } from '../../Resources/Viewer/wire-protocol.js';
 import { AudioPoll, pollRetryDelay } from '../../Resources/Viewer/wire-runtime.js';
 
