@@ -3,13 +3,13 @@
  */
 
 import { InputOutbox, control, resultWords } from './control-protocol.js';
-import { AudioPoll, Connection, rememberToken, streamAddress, takeToken, tokenFrom } from './wire-runtime.js';
+import { AudioPoll, Connection, rememberToken, rememberedToken, streamAddress, takeTokenFromAddress, tokenFrom } from './wire-runtime.js';
 import { Sound } from './audio-runtime.js';
 import { SmoothedValue } from './decoder-clock.js';
 import { VideoPipeline, makePresenter } from './video-runtime.js';
 import { canDecodeHevc } from './webcodecs-hevc.js';
 import { SecondMeter, StatisticsPanel, capabilityReport, missingCapabilities, statisticsRows, telemetryMessage } from './reporting.js';
-import { KeyboardInput, ScreenWakeLock, StageInput, ViewerInterface } from './viewer-ui.js';
+import { KeyboardInput, ScreenWakeLock, StageInput, ViewerInterface, fitAboveKeyboard } from './viewer-ui.js';
 
 const FRESH_EDGE_MS = 500;
 const SHOWING_MS = 1500; // a still picture is repeated once a second
@@ -77,7 +77,7 @@ class Viewer {
     capabilityReport(window, canDecodeHevc).then((report) => {
       this.capabilities = report;
     });
-    this.useToken(takeToken());
+    this.useToken(takeTokenFromAddress() || rememberedToken());
   }
 
   useToken(token) {
@@ -319,7 +319,7 @@ class Viewer {
 
   togglePageFullscreen() {
     const root = document.documentElement;
-    if (document.fullscreenElement) document.exitFullscreen();
+    if (document.fullscreenElement) document.exitFullscreen().catch(() => {}); // it has just ended by itself
     else if (root.requestFullscreen) root.requestFullscreen().catch(() => this.ui.toast('The browser refuses full screen.', 'bad'));
     else this.ui.toast('This browser has no full screen.', 'bad');
   }
@@ -344,6 +344,7 @@ class Viewer {
   // The page's surroundings
 
   watchPage() {
+    fitAboveKeyboard();
     const release = () => {
       this.stageInput.cancel();
       if (this.controlling()) this.outbox.release();
@@ -356,8 +357,9 @@ class Viewer {
     }
     window.addEventListener('online', () => this.connection && this.connection.retryNow());
     window.addEventListener('hashchange', () => {
-      const token = takeToken();
+      const token = takeTokenFromAddress();
       if (token) this.useToken(token);
+      else if (window.location.hash) this.ui.toast('There is no access token in that address.', 'bad');
     });
     document.addEventListener('visibilitychange', () => {
       if (document.hidden) release();

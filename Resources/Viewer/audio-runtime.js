@@ -417,7 +417,14 @@ export class Sound {
 
   async open() {
     if (!this.supported || this.context) return;
-    const context = new AudioContext({ sampleRate: 48000, latencyHint: 'interactive' });
+    let context;
+    try {
+      context = new AudioContext({ sampleRate: 48000, latencyHint: 'interactive' });
+    } catch (error) {
+      this.supported = false; // no sound device, or too many of its users
+      this.update();
+      return;
+    }
     this.context = context;
     this.volume = context.createGain();
     this.volume.gain.value = this.muted ? 0 : 1;

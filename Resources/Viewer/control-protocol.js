@@ -52,7 +52,8 @@ export function graphemes(text) {
 
 /**
  * Messages that type a text: chunks that end between characters, line breaks and tabs as keys. A single character
- * longer than a message may be is cut between code points.
+ * longer than a message may be is cut between code points. Halves of surrogate pairs, which no message can carry, are
+ * left out.
  */
 export function textMessages(text) {
   const messages = [];
@@ -65,7 +66,7 @@ export function textMessages(text) {
     if (chunk.length + piece.length > MAXIMUM_TEXT_UNITS) flush();
     chunk += piece;
   };
-  for (const character of graphemes(text)) {
+  for (const character of graphemes(text.replace(/\p{Surrogate}/gu, ''))) {
     if (character === '\n' || character === '\r\n' || character === '\r') {
       flush();
       messages.push(control.key('return'));
@@ -99,7 +100,8 @@ export function normalizedPoint(rect, clientX, clientY) {
   return { x: hold(x), y: hold(y), inside: x >= 0 && x <= 1 && y >= 0 && y <= 1 };
 }
 
-const MAXIMUM_WAITING = 512;
+const MAXIMUM_WAITING = 512; // of what has to keep a spacing
+const MAXIMUM_MESSAGES = 32768; // more than the lines of the longest paste
 const POINTS_PER_SCROLL_UNIT = 600; // the host multiplies by this...
 const MAXIMUM_SCROLL_POINTS = 120; // ...and clamps to this, in each message
 
@@ -171,7 +173,7 @@ export class InputOutbox {
   }
 
   push(item) {
-    if (this.waiting.length >= MAXIMUM_WAITING) this.release();
+    if (this.waiting.length >= (item.clock ? MAXIMUM_WAITING : MAXIMUM_MESSAGES)) this.release();
     this.settle = null;
     this.waiting.push(item);
     this.pump();

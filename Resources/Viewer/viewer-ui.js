@@ -253,6 +253,22 @@ function setText(element, text) {
   if (element.textContent !== text) element.textContent = text;
 }
 
+/**
+ * Keeps the page above an on-screen keyboard that lies over it and does not shrink it, as in Safari on a phone. A page
+ * that is magnified by two fingers is left alone.
+ */
+export function fitAboveKeyboard(view = window.visualViewport) {
+  if (!view) return;
+  const fit = () => {
+    const isCovered = view.scale === 1 && window.innerHeight - view.height > 1;
+    document.body.style.height = isCovered ? `${view.height}px` : '';
+    document.body.style.transform = isCovered ? `translateY(${view.offsetTop}px)` : '';
+  };
+  view.addEventListener('resize', fit);
+  view.addEventListener('scroll', fit);
+  fit();
+}
+
 /** Fingers, mouse and wheel on the stage. */
 export class StageInput {
   /** @param {{stage: Element, outbox: InputOutbox, ui: ViewerInterface, enabled: () => boolean}} parts */
@@ -315,8 +331,7 @@ export class StageInput {
       this.gestures.down(event.pointerId, event.clientX, event.clientY, performance.now());
       this.armLongPress();
     } else if (event.button === 0) {
-      this.mouseHeld = true;
-      this.outbox.pointer('down', this.place(event.clientX, event.clientY));
+      this.holdMouse(event, true);
     } else if (event.button === 2 && !this.mouseHeld) {
       this.outbox.rightClick(this.place(event.clientX, event.clientY));
     }
@@ -326,7 +341,14 @@ export class StageInput {
     if (!this.ready(event)) return;
     if (event.pointerType !== 'mouse') {
       this.gestures.move(event.pointerId, event.clientX, event.clientY, performance.now());
-    } else if (this.mouseHeld || normalizedPoint(this.rect, event.clientX, event.clientY).inside) {
+      return;
+    }
+    const { inside } = normalizedPoint(this.rect, event.clientX, event.clientY);
+    // A button that changes while another is down comes as a move (Pointer Events, "chorded button interactions").
+    const isDown = (event.buttons & 1) !== 0;
+    if (this.mouseHeld ? !isDown : isDown && event.button === 0 && inside) {
+      this.holdMouse(event, isDown);
+    } else if (this.mouseHeld || inside) {
       this.outbox.move(this.place(event.clientX, event.clientY));
     }
   }
@@ -334,10 +356,14 @@ export class StageInput {
   up(event) {
     if (event.pointerType !== 'mouse') {
       this.gestures.up(event.pointerId, event.clientX, event.clientY, performance.now());
-    } else if (event.button === 0 && this.mouseHeld) {
-      this.mouseHeld = false;
-      this.outbox.pointer('up', this.place(event.clientX, event.clientY));
+    } else if (this.mouseHeld) {
+      this.holdMouse(event, false); // the last button that goes need not be the first
     }
+  }
+
+  holdMouse(event, held) {
+    this.mouseHeld = held;
+    this.outbox.pointer(held ? 'down' : 'up', this.place(event.clientX, event.clientY));
   }
 
   wheel(event) {
@@ -433,7 +459,7 @@ export class KeyboardInput {
       this.outbox.message(control.key(key));
     } else if (event.key !== 'Dead' && event.key !== 'Unidentified' && graphemes(event.key).length === 1) {
       event.preventDefault();
-      this.outbox.message(control.text(event.key));
+      for (const message of textMessages(event.key)) this.outbox.message(message);
     }
   }
 
@@ -458,28 +484,37 @@ export class ScreenWakeLock {
   constructor() {
     this.lock = null;
     this.wanted = false;
-    this.asking = false;
+    this.busy = false;
   }
 
   /** To be called again whenever the page is seen again: the browser takes the lock from a hidden page. */
   async hold(wanted) {
     this.wanted = wanted;
-    if (!('wakeLock' in navigator) || this.asking) return;
-    this.asking = true;
+    if (!('wakeLock' in navigator) || this.busy) return;
+    this.busy = true;
     try {
-      if (wanted && !this.lock) await this.request();
-      // The wish may have changed while the browser thought about it.
-      if (!this.wanted && this.lock) await this.lock.release();
+      // The wish may change while the browser thinks about it.
+      while (this.wanted !== (this.lock !== null)) {
+        if (this.wanted) await this.request();
+        else await this.release();
+      }
     } catch (error) {
       // A low battery is a good reason to refuse.
     }
-    this.asking = false;
+    this.busy = false;
   }
 
   async request() {
-    this.lock = await navigator.wakeLock.request('screen');
-    this.lock.addEventListener('release', () => {
-      this.lock = null;
+    const lock = await navigator.wakeLock.request('screen');
+    this.lock = lock;
+    lock.addEventListener('release', () => {
+      if (this.lock === lock) this.lock = null;
     });
+  }
+
+  async release() {
+    const { lock } = this;
+    this.lock = null;
+    await lock.release();
   }
 }

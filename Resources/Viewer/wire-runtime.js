@@ -8,6 +8,7 @@ import { LARGEST_AUDIO_BATCH, audioSequenceOf, parseAudioBatch } from './wire-pr
 
 const PING_INTERVAL_MS = 2000;
 const MISSED_ANSWERS = 2;
+const MOST_OPEN_PINGS = 16;
 const CONNECT_TIMEOUT_MS = 10000;
 /** A ghost of our own lost link may still be held by the host for a while; within this time we may push it aside. */
 const GHOST_MS = 60000;
@@ -26,14 +27,17 @@ export function tokenFrom(text) {
   return TOKEN_FORM.test(candidate) ? candidate : null;
 }
 
-/** Reads the token from the fragment and takes it out of sight; a reload finds it in the tab's session. */
-export function takeToken() {
+/** The token in the address's fragment, or null. It is remembered and taken out of sight. */
+export function takeTokenFromAddress() {
   const token = tokenFrom(window.location.hash);
-  if (token) {
-    rememberToken(token);
-    window.history.replaceState(null, '', window.location.pathname);
-    return token;
-  }
+  if (!token) return null;
+  rememberToken(token);
+  window.history.replaceState(null, '', window.location.pathname);
+  return token;
+}
+
+/** The token that this tab had before a reload, or null. */
+export function rememberedToken() {
   try {
     return tokenFrom(window.sessionStorage.getItem(TOKEN_KEY) || '');
   } catch (error) {
@@ -84,26 +88,33 @@ export class ReconnectPolicy {
   }
 }
 
-/** Counts unanswered pings. Pure: the owner calls `due` at every interval. */
+/**
+ * Tells a dead link from a slow one: pings go out at every interval, and whatever comes from the host is a sign of life.
+ * On a slow road the answers wait behind the picture, for seconds. Pure: the owner calls `due` at every interval.
+ */
 export class Liveness {
   constructor() {
-    this.unanswered = 0;
-    this.sentAt = null;
+    this.silentPings = 0; // sent since anything was heard
+    this.sentAt = []; // of the pings without an answer, oldest first; answers keep their order
   }
 
   /** @returns {boolean} false when the link is dead; otherwise a ping goes out now */
   due(nowMs) {
-    if (this.unanswered >= MISSED_ANSWERS) return false;
-    this.unanswered++;
-    this.sentAt = nowMs;
+    if (this.silentPings >= MISSED_ANSWERS) return false;
+    this.silentPings++;
+    this.sentAt.push(nowMs);
+    if (this.sentAt.length > MOST_OPEN_PINGS) this.sentAt.shift();
     return true;
   }
 
-  /** @returns {number | null} the round trip in milliseconds, where the answer fits the newest ping */
+  heard() {
+    this.silentPings = 0;
+  }
+
+  /** @returns {number | null} the round trip in milliseconds; null for an answer without a ping */
   answered(nowMs) {
-    const roundTrip = this.unanswered === 1 && this.sentAt !== null ? nowMs - this.sentAt : null;
-    this.unanswered = 0;
-    return roundTrip;
+    const sentAt = this.sentAt.shift();
+    return sentAt === undefined ? null : nowMs - sentAt;
   }
 }
 
@@ -132,6 +143,8 @@ export class Connection {
     this.reconnects = 0;
     this.everConnected = false;
     this.retryTimer = null;
+    // By the calendar: other clocks stand still while the computer sleeps, and the host's patience does not.
+    this.lastHeardAt = -Infinity;
     this.lostSilentlyAt = -Infinity;
   }
 
@@ -142,7 +155,7 @@ export class Connection {
     const socket = new WebSocket(this.address);
     socket.binaryType = 'arraybuffer';
     this.socket = socket;
-    const ghost = performance.now() - this.lostSilentlyAt < GHOST_MS;
+    const ghost = Date.now() - this.lostSilentlyAt < GHOST_MS;
     socket.onopen = () => socket.send(JSON.stringify(control.auth(this.token, takeover || ghost)));
     socket.onmessage = (event) => this.received(event.data);
     socket.onclose = (event) => this.closed(event.code, event.reason);
@@ -170,6 +183,8 @@ export class Connection {
 
   received(data) {
     const now = performance.now();
+    this.lastHeardAt = Date.now();
+    if (this.liveness) this.liveness.heard();
     if (typeof data !== 'string') {
       this.handlers.onFrame(data, now);
       return;
@@ -215,7 +230,7 @@ export class Connection {
     const now = performance.now();
     if (this.authenticated && now - this.authenticatedAt >= STEADY_MS) this.policy.succeeded();
     // Without a close frame the host may not know yet that this link is gone.
-    if (code === 1006 && this.authenticated) this.lostSilentlyAt = now;
+    if (code === 1006 && this.authenticated) this.lostSilentlyAt = this.lastHeardAt;
     this.discardSocket();
     const next = this.policy.closed(code, reason);
     if (next.action !== 'retry') {

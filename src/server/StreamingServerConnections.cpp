@@ -36,6 +36,7 @@ void StreamingServer::receiveNext(const Client& client) {
         if (!self->closed && !bytes.empty()) server.handleReceived(self, bytes);
         // A peer that has only ended its own side still gets the answer that is on its way.
         const bool isAnswering = self->closed && !failure;
+        if (failure) kServerLog.debug("Viewer connection ended: " + *failure);
         if (failure || (isComplete && !isAnswering)) {
           server.endClient(self);
         } else {

@@ -91,6 +91,12 @@ test('mouse, wheel and keyboard arrive in order and at the right places', async 
   for (const message of [drag[up - 1], drag[up]]) {
     assert.ok(Math.abs(message.x - 0.5) < 0.01 && Math.abs(message.y - 0.75) < 0.01);
   }
+  await page.mouse.down();
+  await page.mouse.down({ button: 'right' });
+  await page.mouse.up();
+  await until(() => sent('pointer').filter((message) => message.phase === 'up').length === 2, 'release below another button');
+  await page.mouse.up({ button: 'right' });
+  assert.equal(sent('click').length, 0);
   await page.mouse.click(...at(0.1, 0.1), { button: 'right' });
   await until(() => sent('click').length === 1, 'right click');
   await page.mouse.wheel(0, 120);
@@ -127,6 +133,12 @@ test('fingers tap and press long on a phone', async () => {
     .map((button) => [button.id, button.getBoundingClientRect()])
     .filter(([, box]) => box.width > 0 && (box.width < 44 || box.height < 44)).map(([id]) => id));
   assert.deepEqual(small, []);
+  const bottom = await phone.evaluate(async () => {
+    const { fitAboveKeyboard } = await import('/viewer-ui.js');
+    fitAboveKeyboard(Object.assign(new EventTarget(), { scale: 1, height: 420, offsetTop: 30 }));
+    return document.getElementById('dock').getBoundingClientRect().bottom;
+  });
+  assert.equal(Math.round(bottom), 450, 'the dock stands on a keyboard that lies over the page');
   await phone.context().close();
 });
 

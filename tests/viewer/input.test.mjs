@@ -52,6 +52,7 @@ test('text is cut between characters, and line breaks and tabs are keys', () => 
   const stacked = 'a' + '\u0301'.repeat(450); // one character that no message can carry
   assert.ok(textMessages(stacked).every((message) => message.text.length <= 200));
   assert.deepEqual(textMessages(''), []);
+  assert.deepEqual(textMessages('a👋'.slice(0, 2)), [{ type: 'text', text: 'a' }], 'half a pair cannot be sent');
   assert.equal(namedKey('Enter'), 'return');
   assert.equal(namedKey('constructor'), null);
 });
@@ -130,6 +131,12 @@ test('letting go forgets what waits and tells the host', () => {
   flooded.outbox.tap({ x: 0, y: 0 });
   for (let i = 0; i < 2000; i++) flooded.outbox.tap({ x: 0, y: 0 });
   assert.ok(flooded.outbox.waiting.length <= 512);
+  const pasted = makeOutbox();
+  pasted.outbox.tap({ x: 0, y: 0 });
+  pasted.outbox.tap({ x: 0, y: 0 }); // has to wait, and all that is behind it
+  for (const message of textMessages('line\n'.repeat(1000))) pasted.outbox.message(message);
+  pasted.time.advance(100);
+  assert.equal(pasted.sent.filter(({ type }) => type === 'key').length, 1000);
 });
 
 function recognise(script) {

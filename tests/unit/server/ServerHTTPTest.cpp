@@ -88,6 +88,7 @@ TEST_F(ServerHTTPTest, PeersThatNeverFinishHoldNothingForEver) {
   failed->changeState(TcpConnection::State::failed, "broken");
   time->runReady();
   for (const auto& connection : {trickling, reset, failed}) EXPECT_TRUE(connection->cancelled);
+  EXPECT_TRUE(log.contains("debug [Server] Viewer connection ended: reset by peer"));
   EXPECT_TRUE(log.contains("debug [Server] Viewer connection ended: broken"));
 }
 
