@@ -272,7 +272,8 @@ class Viewer {
   act(action, value) {
     const simple = { playPause: 'playPause', fullscreen: 'fullscreen', openChrome: 'openChrome', resetBrowser: 'resetBrowser' };
     if (simple[action]) {
-      if (!this.send(control.simple(simple[action]))) this.ui.toast('Not connected.', 'bad');
+      if (this.model.phase === 'connected') this.outbox.press(control.simple(simple[action]));
+      else this.ui.toast('Not connected.', 'bad');
       if (this.model.mode === 'control') this.keyboard.attend();
       return undefined;
     }

@@ -138,6 +138,11 @@ export class InputOutbox {
     this.push({ clock: 'tap', message: control.tap(point) });
   }
 
+  /** A button of the page that the host acts on; it wants them well apart, and from taps too. */
+  press(message) {
+    this.push({ clock: 'tap', spacing: PRESS_SPACING_MS, message });
+  }
+
   rightClick(point) {
     this.push({ clock: 'move', message: control.pointer('move', point) });
     this.push({ clock: 'tap', message: control.click('right') });
@@ -182,7 +187,7 @@ export class InputOutbox {
   pump() {
     while (this.waiting.length > 0) {
       const item = this.waiting[0];
-      const delay = item.clock ? this.lastSentAt[item.clock] + SPACING_MS[item.clock] - this.io.now() : 0;
+      const delay = item.clock ? this.lastSentAt[item.clock] + (item.spacing || SPACING_MS[item.clock]) - this.io.now() : 0;
       if (delay > 0) {
         this.sleep(delay);
         return;
@@ -240,6 +245,7 @@ export class InputOutbox {
 
 /** The host's spacings, with a millisecond or two for the jitter of a local road. */
 const SPACING_MS = { tap: 52, move: 24, scroll: 16 };
+const PRESS_SPACING_MS = 255;
 
 const SLOP_PIXELS = 10;
 const LONG_PRESS_MS = 500;

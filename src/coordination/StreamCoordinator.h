@@ -172,6 +172,8 @@ class StreamCoordinator final : public std::enable_shared_from_this<StreamCoordi
 
   // Settings (StreamCoordinatorSettings.cpp)
   VideoSettings currentVideoSettings() const;
+  /// With what a running change asks for.
+  VideoSettings newestVideoSettings() const;
   Task<void> applyPendingSettings(VideoSettings wanted);
   Task<void> catchUpWithSettings(VideoSettings used);
   void writeVideoSettings(const VideoSettings& settings);

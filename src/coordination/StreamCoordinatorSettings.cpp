@@ -7,6 +7,10 @@ StreamCoordinator::VideoSettings StreamCoordinator::currentVideoSettings() const
   return {profile, frameRate, videoCodec, bitRate, videoEncoderKind};
 }
 
+StreamCoordinator::VideoSettings StreamCoordinator::newestVideoSettings() const {
+  return newestStreamSettings_.value_or(currentVideoSettings());
+}
+
 void StreamCoordinator::writeVideoSettings(const VideoSettings& settings) {
   profile = settings.profile;
   frameRate = settings.frameRate;

@@ -66,12 +66,16 @@ void StreamCoordinator::wireServer() {
   server_->onViewerConnectionChanged =
       onMainQueue([](auto& self, bool connected, bool) { self.handleLocalViewerChange(connected); });
   server_->onKeyframeRequested = directly(captureService_, [](auto& capture) { capture.requestKeyframe(); });
-  // The rate that the viewer asked for is not ours to follow.
+  // What the viewer asked for is not ours to follow; `active` is what the server told it last. A change that
+  // runs, or that the server has not heard of yet, must not be undone by that.
   server_->onStreamSettingsChanged = onMainQueue([](auto& self, StreamProfile active, StreamFrameRate) {
+    if (self.isUpdatingStreamSettings || active != self.profile) return;
     self.startFlow(self.applyStreamSettings(active, self.frameRate));
   });
   server_->onVideoCodecFallbackRequested = onMainQueue([](auto& self) {
-    self.startFlow(self.applyStreamSettings(self.profile, self.frameRate, StreamVideoCodec::h264));
+    const auto newest = self.newestVideoSettings();
+    self.startFlow(self.applyStreamSettings(newest.profile, newest.frameRate, StreamVideoCodec::h264,
+                                            newest.bitRate, newest.encoderKind));
   });
   server_->onViewerTelemetry =
       onMainQueue([](auto& self, const auto& telemetry) { self.handleViewerTelemetry(telemetry); });

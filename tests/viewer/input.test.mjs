@@ -97,11 +97,13 @@ test('taps and clicks keep the distance that the host asks for', () => {
   const { time, sent, outbox } = makeOutbox();
   outbox.tap({ x: 0, y: 0 });
   outbox.tap({ x: 0, y: 0 });
+  outbox.press({ type: 'openChrome' });
   outbox.rightClick({ x: 1, y: 1 });
-  time.advance(300);
-  assert.deepEqual(sent.map((message) => message.type), ['tap', 'tap', 'pointer', 'click']);
+  time.advance(500);
+  assert.deepEqual(sent.map((message) => message.type), ['tap', 'tap', 'openChrome', 'pointer', 'click']);
   assert.ok(sent[1].at - sent[0].at >= 50);
-  assert.ok(sent[3].at - sent[1].at >= 50);
+  assert.ok(sent[2].at - sent[1].at >= 250);
+  assert.ok(sent[4].at - sent[2].at >= 50);
 });
 
 test('scrolling arrives whole, in steps that the host does not clamp', () => {

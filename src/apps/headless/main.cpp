@@ -1,6 +1,8 @@
+#include <fcntl.h>
 #include <malloc.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <charconv>
 #include <csignal>
@@ -49,6 +51,15 @@ std::optional<Options> readOptions(int argumentCount, char** arguments) {
   return options;
 }
 
+/// Descriptors 0 to 2 that nobody opened would become those of the next files and sockets, and get our lines.
+void openStandardDescriptors() {
+  int descriptor = 0;
+  do {
+    descriptor = open("/dev/null", O_RDWR);
+  } while (descriptor >= 0 && descriptor <= STDERR_FILENO);
+  if (descriptor >= 0) close(descriptor);
+}
+
 /// What this process makes is for its user's eyes only, and its memory holds the viewer token.
 void restrictProcess() {
   umask(077);
@@ -90,6 +101,7 @@ void keepMemoryCompact() {
 }  // namespace
 
 int main(int argumentCount, char** arguments) {
+  openStandardDescriptors();
   TerminationSignals::block();
   restrictProcess();
   keepMemoryCompact();

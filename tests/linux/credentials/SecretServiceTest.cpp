@@ -81,6 +81,20 @@ TEST_F(SecretServiceTest, KeepsItemsInTheKeyring) {
   EXPECT_EQ(client_.readCredential("s", "b").data, Bytes{8});
 }
 
+TEST_F(SecretServiceTest, WhatALockedKeyringHasIsNotMissing) {
+  startKeyring(true);
+  ASSERT_EQ(client_.writeCredential("s", "a", {1}), 0);
+  keyring_.reset();
+  startKeyring(false);
+  EXPECT_EQ(client_.readCredential("s", "a").status, kCredentialNotAvailable);
+  EXPECT_EQ(client_.removeCredential("s", "a"), kCredentialNotAvailable);
+  EXPECT_EQ(client_.readCredential("s", "never written").status, kCredentialNotFound);
+  keyring_.reset();
+  startKeyring(true);
+  EXPECT_EQ(client_.readCredential("s", "a").data, Bytes{1});
+  EXPECT_EQ(client_.removeCredential("s", "a"), 0);
+}
+
 TEST_F(SecretServiceTest, AKeyringThatCannotStoreLeavesTheItemToTheFile) {
   startKeyring(false);
   EXPECT_EQ(client_.readCredential("s", "a").status, kCredentialNotFound);

@@ -118,6 +118,23 @@ TEST_F(CoordinatorSettingsTest, OfSeveralQuickChangesTheLastIsApplied) {
   EXPECT_EQ(stream->configurations.size(), 2u);
 }
 
+TEST_F(CoordinatorSettingsTest, AViewersMessageDoesNotUndoARunningChange) {
+  const auto viewer = streamToViewer();
+  const auto stream = screen->latest();
+  stream->holds = true;
+  preferences->edit({{"stream.profile", "high"}, {"stream.frameRate", 24.0}});
+  time->runReady();
+  send(viewer, R"({"type":"streamSettings","quality":"safe","fps":30})");
+  send(viewer, R"({"type":"codecFallback"})");
+  stream->holds = false;
+  stream->complete();
+  time->runReady();
+  EXPECT_FALSE(coordinator->isUpdatingStreamSettings);
+  EXPECT_EQ(coordinator->profile, StreamProfile::high);
+  EXPECT_EQ(coordinator->frameRate, StreamFrameRate::fps24);
+  EXPECT_EQ(coordinator->videoCodec, StreamVideoCodec::h264);
+}
+
 TEST_F(CoordinatorSettingsTest, AChangeDuringTheStartReachesTheStream) {
   launch();
   const auto viewer = connectViewer();

@@ -97,6 +97,45 @@ bool lists(GDBusConnection* bus, const char* method, GCancellable* cancellable) 
   return found;
 }
 
+bool isDefaultCollectionLocked(::SecretService* service, GCancellable* cancellable, GError** error) {
+  SecretCollection* collection = secret_collection_for_alias_sync(service, SECRET_COLLECTION_DEFAULT,
+                                                                  SECRET_COLLECTION_NONE, cancellable, error);
+  if (!collection) return false;
+  const bool isLocked = secret_collection_get_locked(collection);
+  g_object_unref(collection);
+  return isLocked;
+}
+
+/// Whether the item has been found after all, if not opened: the user would not unlock the keyring.
+bool isListed(::SecretService* service, const std::string& serviceName, const std::string& account,
+              GCancellable* cancellable, GError** error) {
+  GHashTable* attributes =
+      secret_attributes_build(schema(), "service", serviceName.c_str(), "account", account.c_str(), nullptr);
+  GList* items =
+      secret_service_search_sync(service, schema(), attributes, SECRET_SEARCH_NONE, cancellable, error);
+  g_hash_table_unref(attributes);
+  const bool hasItems = items != nullptr;
+  g_list_free_full(items, g_object_unref);
+  return hasItems;
+}
+
+/// What a lookup means that neither found nor failed. libsecret says nothing of a keyring that stayed locked,
+/// and one that was not open since login does not even list what it has.
+SecretService::Outcome meaningOfNothing(const std::string& serviceName, const std::string& account,
+                                        GCancellable* cancellable) {
+  GError* error = nullptr;
+  // A new one: the shared one may remember an older state of the lock.
+  ::SecretService* service =
+      secret_service_open_sync(SECRET_TYPE_SERVICE, nullptr, SECRET_SERVICE_NONE, cancellable, &error);
+  const bool isLocked = service && (isDefaultCollectionLocked(service, cancellable, &error) ||
+                                    (!error && isListed(service, serviceName, account, cancellable, &error)));
+  if (service) g_object_unref(service);
+  if (report(error)) return SecretService::Outcome::failed;
+  if (!isLocked) return SecretService::Outcome::notFound;
+  kLog.error("Secret Service: the keyring is locked");
+  return SecretService::Outcome::failed;
+}
+
 }  // namespace
 
 std::unique_ptr<SecretService> SecretService::connect() {
@@ -116,7 +155,7 @@ SecretService::Found SecretService::read(const std::string& service, const std::
   SecretValue* value = secret_password_lookup_binary_sync(
       schema(), limit.get(), &error, "service", service.c_str(), "account", account.c_str(), nullptr);
   if (report(error)) return {Outcome::failed, std::nullopt};
-  if (!value) return {Outcome::notFound, std::nullopt};
+  if (!value) return {meaningOfNothing(service, account, limit.get()), std::nullopt};
   gsize length = 0;
   const auto* bytes = reinterpret_cast<const std::uint8_t*>(secret_value_get(value, &length));
   Found found{Outcome::done, Bytes(bytes, bytes + length)};
@@ -144,7 +183,7 @@ SecretService::Outcome SecretService::remove(const std::string& service, const s
   const bool isRemoved = secret_password_clear_sync(schema(), limit.get(), &error, "service", service.c_str(),
                                                     "account", account.c_str(), nullptr);
   if (report(error)) return Outcome::failed;
-  return isRemoved ? Outcome::done : Outcome::notFound;
+  return isRemoved ? Outcome::done : meaningOfNothing(service, account, limit.get());
 }
 
 }  // namespace kestrune::linux_platform

@@ -12,6 +12,7 @@ namespace kestrune::linux_platform {
 /// "account". Every call ends within a limit, a question to the user to unlock the keyring included.
 class SecretService {
  public:
+  /// A keyring that stays locked is `failed`: what it has is out of reach, not missing.
   enum class Outcome { done, notFound, failed };
   struct Found {
     Outcome outcome = Outcome::failed;
