@@ -93,6 +93,17 @@ std::optional<RemoteControlTarget> controlTargetOfContent(const ContentFilter& f
   return RemoteControlTarget{frame, displayOfContent(filter, displays)};
 }
 
+std::optional<ContentFilter> followingDisplay(const ContentFilter& filter, const Displays& displays) {
+  if (filter.style != ContentFilter::Style::display || filter.includedDisplays.empty()) return std::nullopt;
+  const Rect present = displays.bounds(filter.includedDisplays.front().id);
+  if (!(present.width > 0 && present.height > 0) || present == filter.includedDisplays.front().frame)
+    return std::nullopt;
+  ContentFilter following = filter;
+  following.contentRect = present;
+  following.includedDisplays.front().frame = present;
+  return following;
+}
+
 ScreenStreamConfiguration streamConfiguration(const ContentFilter& filter, StreamProfile profile,
                                               StreamFrameRate frameRate, AudioChannelMode audioMode,
                                               bool showsCursor, bool capturesProcessAudio) {

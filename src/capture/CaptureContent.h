@@ -25,6 +25,10 @@ std::optional<DisplayID> displayOfContent(const ContentFilter& filter, const Dis
 std::optional<RemoteControlTarget> controlTargetOfContent(const ContentFilter& filter,
                                                           const Displays& displays);
 
+/// The filter with the place and size that its display has now. Nothing if it says just that, is of another
+/// style, or the display is not there.
+std::optional<ContentFilter> followingDisplay(const ContentFilter& filter, const Displays& displays);
+
 /// How a stream of this content is asked for: at the encoder's own size, rate and format, so that the encoder
 /// has nothing to scale.
 ScreenStreamConfiguration streamConfiguration(const ContentFilter& filter, StreamProfile profile,

@@ -53,7 +53,11 @@ void ScreenCaptureService::select(SharedSelection selection) {
     update.generation = ++selectionGeneration_;
     update.stream = stream_;
     update.before = selection_;
-    if (!stream_.platform) selection_ = update.next;
+    if (stream_.platform) {
+      nextSelection_ = update.next;
+    } else {
+      selection_ = update.next;
+    }
   }
   if (!update.stream.platform) {
     announce(update.next);
@@ -84,6 +88,7 @@ Task<void> ScreenCaptureService::runSelectionUpdate(std::shared_ptr<ScreenCaptur
     hasOtherStream = self->stream_.platform && self->stream_.platform != update.stream.platform;
     settings = self->settings_;
     if (isLatest && !failure) self->selection_ = update.next;
+    if (isLatest) self->nextSelection_ = nullptr;
   }
   if (isLatest) self->announce(failure ? update.before : update.next);
   if (failure) {
@@ -97,19 +102,70 @@ Task<void> ScreenCaptureService::runSelectionUpdate(std::shared_ptr<ScreenCaptur
     co_return;
   }
 
-  const auto configuration =
-      streamConfiguration(update.next->filter, settings.video.profile, settings.video.frameRate,
-                          settings.audioMode, settings.showsCursor, update.next->capturesProcessAudio);
-  auto resize = outcomeOf([&update, &configuration](StreamCompletion completion) {
-    update.stream.platform->updateConfiguration(configuration, std::move(completion));
-  });
-  const std::exception_ptr refusal = co_await resize;
-  if (refusal) {
-    self->reportError(
-        std::make_exception_ptr(operationFailed("Unable to resize the changed capture source: %@", refusal)));
-    co_return;
+  for (bool isSettled = false; !isSettled;) {
+    const auto configuration =
+        streamConfiguration(update.next->filter, settings.video.profile, settings.video.frameRate,
+                            settings.audioMode, settings.showsCursor, update.next->capturesProcessAudio);
+    auto resize = outcomeOf([&update, &configuration](StreamCompletion completion) {
+      update.stream.platform->updateConfiguration(configuration, std::move(completion));
+    });
+    const std::exception_ptr refusal = co_await resize;
+    if (refusal) {
+      self->reportError(std::make_exception_ptr(
+          operationFailed("Unable to resize the changed capture source: %@", refusal)));
+      co_return;
+    }
+    // A change of the settings that was under way may have been overwritten.
+    const std::lock_guard guard(self->stateLock_);
+    const StreamSettings used = std::exchange(settings, self->settings_);
+    isSettled = self->stream_.platform != update.stream.platform || used == settings;
   }
   self->requestKeyframe();
+}
+
+// The display's mode
+
+ScreenCaptureService::SharedSelection ScreenCaptureService::following(
+    const SharedSelection& selection) const {
+  auto filter = followingDisplay(selection->filter, *dependencies_.displays);
+  if (!filter) return nullptr;
+  auto next = std::make_shared<Selection>(*selection);
+  next->filter = *std::move(filter);
+  return next;
+}
+
+/// The display may have changed since it was selected.
+ScreenCaptureService::SharedSelection ScreenCaptureService::selectionForStart(SharedSelection selection) {
+  const SharedSelection present = following(selection);
+  if (!present) return selection;
+  {
+    const std::lock_guard guard(stateLock_);
+    if (selection_ != selection) return selection;  // start() takes the new one over
+    selection_ = present;
+  }
+  announce(present);
+  return present;
+}
+
+void ScreenCaptureService::handleContentChanged(const std::shared_ptr<Link>& link) {
+  dependencies_.callbackQueue->post([weak = weak_from_this(), link] {
+    if (const auto self = weak.lock()) self->followContent(link);
+  });
+}
+
+/// Asks for pictures of the display's new shape: bars in them would count as part of the display for a viewer
+/// that points at something.
+void ScreenCaptureService::followContent(const std::shared_ptr<Link>& link) {
+  SharedSelection selection;
+  {
+    const std::lock_guard guard(stateLock_);
+    if (stream_.link != link) {
+      link->hasContentChanged = true;  // its start, if that is still under way, sees to it
+      return;
+    }
+    selection = nextSelection_ ? nextSelection_ : selection_;
+  }
+  if (auto present = following(selection)) select(std::move(present));
 }
 
 void ScreenCaptureService::announce(const SharedSelection& selection) {

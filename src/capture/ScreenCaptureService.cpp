@@ -28,13 +28,6 @@ std::string_view shortName(StreamProfile profile) {
 
 }  // namespace
 
-struct ScreenCaptureService::Link {
-  std::atomic<bool> isOpen{true};
-  // Guarded by stateLock_ of the service: a stream that ended before its start was through.
-  bool hasEnded = false;
-  std::exception_ptr failure;
-};
-
 ScreenCaptureService::ScreenCaptureService(Dependencies dependencies)
     : dependencies_(std::move(dependencies)),
       videoQueue_(dependencies_.makeQueue(kVideoQueueLabel)),
@@ -71,6 +64,7 @@ Task<void> ScreenCaptureService::start(StreamSettings settings) {
     self->isStarting_ = false;
   });
   metrics_.restartWindow();
+  selection = selectionForStart(std::move(selection));
   const auto encoder = makeEncoder(settings.video);
   Stream stream;
   auto begin = outcomeOf([this, &stream, &selection, &settings](StreamCompletion completion) {
@@ -78,8 +72,10 @@ Task<void> ScreenCaptureService::start(StreamSettings settings) {
     stream.platform->startCapture(std::move(completion));
   });
   std::exception_ptr failure = co_await begin;
-  bool hasFailed = failure != nullptr;
+  const bool hasBegun = !failure;
+  bool hasFailed = !hasBegun;
   SharedSelection chosenMeanwhile;
+  bool hasContentChanged = false;
   if (!hasFailed) {
     const std::lock_guard guard(stateLock_);
     hasFailed = stream.link->hasEnded;
@@ -91,11 +87,13 @@ Task<void> ScreenCaptureService::start(StreamSettings settings) {
       videoEncodingEnabled_ = false;
       audioErrorReported_ = false;
       if (selection_ != selection) chosenMeanwhile = selection_;
+      hasContentChanged = stream.link->hasContentChanged;
     }
   }
   if (hasFailed) {
     encoder->invalidate();
     if (stream.link) stream.link->isOpen = false;
+    if (hasBegun) clearPreview();  // a frame has come before the end
     throw operationFailed("Unable to start screen capture: %@", failure);
   }
   reportMetrics(metrics_.restart());
@@ -103,7 +101,11 @@ Task<void> ScreenCaptureService::start(StreamSettings settings) {
   kCaptureLog.info("Screen and system-audio capture started");
   kAudioLog.info("System audio capture ready at 48 kHz with " +
                  std::to_string(channelCount(settings.audioMode)) + " channel(s)");
-  if (chosenMeanwhile) select(chosenMeanwhile);
+  if (chosenMeanwhile) {
+    select(chosenMeanwhile);
+  } else if (hasContentChanged) {
+    followContent(stream.link);
+  }
 }
 
 ScreenCaptureService::Stream ScreenCaptureService::makeStream(const Selection& selection,
@@ -117,9 +119,14 @@ ScreenCaptureService::Stream ScreenCaptureService::makeStream(const Selection& s
       selection.filter, configuration, [weak, link](std::exception_ptr failure) {
         if (const auto self = weak.lock()) self->handleStreamStopped(link, std::move(failure));
       });
+  platform->setContentChangeHandler([weak, link] {
+    if (const auto self = weak.lock()) self->handleContentChanged(link);
+  });
   platform->addVideoOutput(videoQueue_, [weak, link](VideoSample sample) {
     const auto self = weak.lock();
-    if (self && link->isOpen) self->handleVideo(std::move(sample));
+    if (!self || !link->isOpen) return;
+    self->handleVideo(std::move(sample));
+    if (!link->isOpen) self->clearPreview();  // it ended meanwhile, and this frame came after the clearing
   });
   platform->addAudioOutput(audioQueue_, [weak, link](const AudioSample& sample) {
     const auto self = weak.lock();
@@ -174,7 +181,7 @@ Task<void> ScreenCaptureService::updateVideoSettings(VideoSettings settings) {
       co_return;
     }
     stream = stream_;
-    selection = selection_;
+    selection = nextSelection_ ? nextSelection_ : selection_;
     kept = settings_;
     enabled = videoEncodingEnabled_;
   }

@@ -128,7 +128,13 @@ class ScreenCaptureService final : public std::enable_shared_from_this<ScreenCap
   using SharedSelection = std::shared_ptr<const Selection>;
   /// What the service shares with the outputs of one stream. It outlives the stream, so that a late call of
   /// the stream's thread never holds the last reference to the stream itself.
-  struct Link;
+  struct Link {
+    std::atomic<bool> isOpen{true};
+    // Guarded by stateLock_, for a stream whose start is not through:
+    bool hasEnded = false;
+    std::exception_ptr failure;
+    bool hasContentChanged = false;
+  };
   struct Stream {
     std::shared_ptr<ScreenStream> platform;  // null: no stream
     std::shared_ptr<Link> link;
@@ -146,7 +152,12 @@ class ScreenCaptureService final : public std::enable_shared_from_this<ScreenCap
 
   static Task<void> runSelectionUpdate(std::shared_ptr<ScreenCaptureService> self, SelectionUpdate update);
   void select(SharedSelection selection);
+  /// The selection with its display's present place and size; null if it says just that.
+  SharedSelection following(const SharedSelection& selection) const;
+  void handleContentChanged(const std::shared_ptr<Link>& link);  // any thread
+  void followContent(const std::shared_ptr<Link>& link);
   void announce(const SharedSelection& selection);
+  SharedSelection selectionForStart(SharedSelection selection);
   Stream makeStream(const Selection& selection, const StreamSettings& settings);
   std::shared_ptr<StreamVideoEncoder> makeEncoder(const VideoSettings& settings);
   void configurePicker(ScreenStream& stream);
@@ -187,6 +198,7 @@ class ScreenCaptureService final : public std::enable_shared_from_this<ScreenCap
   /// Counts changes of the selection: a late result of an earlier one changes nothing.
   std::uint64_t selectionGeneration_ = 0;
   TaskHandle pendingSelectionUpdate_;
+  SharedSelection nextSelection_;  // of the newest change that is not through
 
   CaptureMetrics metrics_;  // has a lock of its own
 };

@@ -79,12 +79,18 @@ class ScreenStream {
   using AudioOutput = std::function<void(AudioSample sample)>;
   /// The stream ended by itself, for instance because its display went away. Never called after a stop().
   using StopHandler = std::function<void(std::exception_ptr failure)>;
+  /// What the stream shows has another place or size than its filter says, for instance since the display's
+  /// mode was changed. The stream goes on, fitted into the configured size.
+  using ContentChangeHandler = std::function<void()>;
 
   virtual ~ScreenStream() = default;
 
   /// Before start. Samples are handed over on `queue`. Throws an Error if the system refuses the output.
   virtual void addVideoOutput(std::shared_ptr<SerialQueue> queue, VideoOutput output) = 0;
   virtual void addAudioOutput(std::shared_ptr<SerialQueue> queue, AudioOutput output) = 0;
+
+  /// Before start. The handler is called on a thread of the stream's choice and must not block.
+  virtual void setContentChangeHandler(ContentChangeHandler handler) = 0;
 
   virtual void startCapture(StreamCompletion completion) = 0;
   virtual void stopCapture(StreamCompletion completion) = 0;

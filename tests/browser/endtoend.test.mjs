@@ -37,6 +37,11 @@ function assertColours(seen, wanted) {
   }));
 }
 
+function near(line, x, y) {
+  const [px, py] = line.split(' ').slice(-2).map(Number);
+  assert.ok(Math.abs(px - x) <= 2 && Math.abs(py - y) <= 2, `${line}, wanted near ${x} ${y}`);
+}
+
 describe('a display with a known pattern', () => {
   let server; let client; let host;
 
@@ -70,10 +75,6 @@ describe('a display with a known pattern', () => {
     await page.click('#mode-control');
     await page.waitForFunction(() => window.kestruneViewer.stats.mode === 'control');
 
-    const near = (line, x, y) => {
-      const [px, py] = line.split(' ').slice(-2).map(Number);
-      assert.ok(Math.abs(px - x) <= 2 && Math.abs(py - y) <= 2, `${line}, wanted near ${x} ${y}`);
-    };
     await page.mouse.click(...await pointOver(page, 0.25, 0.75));
     near(await client.line(/^press 1 /), 0.25 * width, 0.75 * height);
     near(await client.line(/^release 1 /), 0.25 * width, 0.75 * height);
@@ -127,6 +128,35 @@ describe('a display with a known pattern', () => {
       assert.ok(!entry.includes('AAAA'), 'the token must not be part of a request');
     }
   });
+});
+
+test('a display that changes its mode is followed, by the picture and by what is pointed at', async () => {
+  const server = await XServer.start(width, height, { hasModes: true });
+  const client = await Client.start(build, server.display);
+  const host = await Host.start(build, server.display, { 'stream.profile': 'balanced', 'stream.frameRate': 60 });
+  try {
+    const page = await openViewer(browser, host.url);
+    await page.click('#mode-control');
+    await page.waitForFunction(() => window.kestruneViewer.stats.mode === 'control');
+    for (const [w, h] of [[1024, 768], [width, 720]]) {
+      server.setMode(`${w}x${h}`);
+      await page.waitForFunction(([toWidth, toHeight]) => {
+        const { width: nowWidth, height: nowHeight } = window.kestruneViewer.stats;
+        return nowWidth === toWidth && nowHeight === toHeight;
+      }, [w, h]);
+      await waitForPictures(page);
+      await page.mouse.click(...await pointOver(page, 0.03, 0.9));
+      near(await client.line(/^press 1 /), 0.03 * w, 0.9 * h);
+      await client.line(/^release 1 /);
+    }
+    const { reconnects, decodeErrors } = await page.evaluate(() => window.kestruneViewer.stats);
+    assert.deepEqual([reconnects, decodeErrors], [0, 0]);
+    await page.close();
+  } finally {
+    await host.stop();
+    client.stop();
+    server.stop();
+  }
 });
 
 test('typed text arrives as the same text in a terminal', async () => {

@@ -1,6 +1,6 @@
 // What the end-to-end tests and measurements share: a private display, clients on it, the host, and viewers.
 
-import { spawn } from 'node:child_process';
+import { execFileSync, spawn } from 'node:child_process';
 import { existsSync, mkdtempSync, readFileSync, rmSync, writeFileSync, mkdirSync } from 'node:fs';
 import { createRequire } from 'node:module';
 import { tmpdir } from 'node:os';
@@ -37,12 +37,17 @@ function waitForLine(stream, test, onLine = () => {}) {
 }
 
 export class XServer {
-  static async start(width, height) {
-    const child = spawnQuiet('Xvfb', ['-displayfd', '3', '-screen', '0', `${width}x${height}x24`, '-nolisten', 'tcp',
-      '-noreset'], {}, ['ignore', 'ignore', 'ignore', 'pipe']);
+  /** Xvfb, or Xvnc where the size is to be changed later. */
+  static async start(width, height, { hasModes = false } = {}) {
+    const [program, ...form] = hasModes
+      ? ['Xvnc', '-geometry', `${width}x${height}`, '-depth', '24', '-SecurityTypes', 'None', '-rfbport', '-1']
+      : ['Xvfb', '-screen', '0', `${width}x${height}x24`];
+    const child = spawnQuiet(program, [...form, '-displayfd', '3', '-nolisten', 'tcp', '-noreset'], {},
+      ['ignore', 'ignore', 'ignore', 'pipe']);
     const number = await waitForLine(child.stdio[3], (line) => line.trim() || null);
     return Object.assign(new XServer(), { child, display: `:${number}` });
   }
+  setMode(mode) { execFileSync('xrandr', ['-display', this.display, '-s', mode]); }
   stop() { this.child.kill('SIGTERM'); }
 }
 

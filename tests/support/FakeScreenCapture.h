@@ -32,6 +32,7 @@ class FakeStreamRecord {
   std::atomic<bool> hasOutputs{false};
 
   ScreenStream::StopHandler onStopped;
+  ScreenStream::ContentChangeHandler onContentChanged;
   std::shared_ptr<SerialQueue> videoQueue;
   std::shared_ptr<SerialQueue> audioQueue;
   ScreenStream::VideoOutput video;
@@ -79,6 +80,9 @@ class FakeScreenStream final : public ScreenStream {
     record_->audioQueue = std::move(queue);
     record_->audio = std::move(output);
     record_->hasOutputs = true;
+  }
+  void setContentChangeHandler(ContentChangeHandler handler) override {
+    record_->onContentChanged = std::move(handler);
   }
   void startCapture(StreamCompletion completion) override { record_->handle("start", std::move(completion)); }
   void stopCapture(StreamCompletion completion) override { record_->handle("stop", std::move(completion)); }

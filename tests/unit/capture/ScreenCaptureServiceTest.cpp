@@ -414,6 +414,53 @@ TEST_F(ScreenCaptureServiceTest, SelectionsOnARunningStreamHappenOneAfterTheOthe
   EXPECT_TRUE(lastWasForced());
 }
 
+TEST_F(ScreenCaptureServiceTest, FollowsTheModeOfItsDisplay) {
+  const auto stream = startOnMain();
+  const auto switchTo = [this](double width, double height) {
+    displays->displays.front().frame = {0, 0, width, height};
+    capture->latest()->onContentChanged();
+  };
+  const auto sizeOf = [](const ScreenStreamConfiguration& configuration) {
+    return std::pair(configuration.width, configuration.height);
+  };
+  switchTo(1024, 768);
+  EXPECT_EQ(take(), (Lines{"target none", "source Main Display", "target 7"}));
+  EXPECT_EQ(stream->filters.back().contentRect, (Rect{0, 0, 1024, 768}));
+  EXPECT_EQ(sizeOf(stream->configurations.back()), std::pair(1024, 768));
+  send();
+  EXPECT_TRUE(lastWasForced());
+  stream->onContentChanged();  // to what it is already
+  EXPECT_EQ(take(), Lines{});
+
+  // At the same time as a change of the settings, which neither undoes.
+  stream->holds = true;
+  switchTo(800, 600);
+  time->runReady();
+  auto safe = ScreenCaptureService::VideoSettings{};
+  safe.profile = StreamProfile::safe;
+  EXPECT_EQ(run(service->updateVideoSettings(safe)), "waiting");
+  finish();  // the filter; its configuration goes out behind that of the settings
+  finish();
+  EXPECT_EQ(outcome, "ok");
+  finish();
+  finish();
+  EXPECT_EQ(sizeOf(stream->configurations.back()), std::pair(800, 600));
+  EXPECT_EQ(sizeOf(stream->configurations.at(stream->configurations.size() - 2)), std::pair(800, 600));
+  stream->holds = false;
+  EXPECT_EQ(run(service->stop()), "ok");
+
+  // Before and during the next start.
+  displays->displays.front().frame = {0, 0, 1280, 1024};
+  capture->holdsStart = true;
+  EXPECT_EQ(run(service->start({})), "waiting");
+  EXPECT_EQ(sizeOf(capture->latest()->configuration), std::pair(1280, 1024));
+  switchTo(640, 480);
+  time->runReady();
+  capture->latest()->holds = false;
+  EXPECT_EQ(finish(), "ok");
+  EXPECT_EQ(sizeOf(capture->latest()->configurations.back()), std::pair(640, 480));
+}
+
 TEST_F(ScreenCaptureServiceTest, RefusedSelectionsAnnounceTheOldOneUnlessOvertaken) {
   const auto stream = startOnMain();
   stream->outcomes = {failure("no")};

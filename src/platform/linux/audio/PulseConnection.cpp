@@ -22,7 +22,7 @@ constexpr unsigned kFirstMeasurements = 10;   // of the delay, after each of the
 constexpr unsigned kMeasurementSpacing = 25;  // fragments from one to the next afterwards
 constexpr int kMaximumMilliseconds = 1000;    // that the server keeps for a reader that is held up
 /// Delays beyond it are errors of measurement.
-constexpr std::int64_t kPlausibleDelay = 5'000'000;
+constexpr pa_usec_t kPlausibleDelay = 5 * PA_USEC_PER_SEC;
 
 PulseConnection* connection(void* userdata) {
   return static_cast<PulseConnection*>(userdata);
@@ -88,9 +88,13 @@ void PulseConnection::contextChanged() {
     case PA_CONTEXT_READY:
       isLookupDue_ = true;
       asked(pa_context_subscribe(
-          context_.get(),
-          static_cast<pa_subscription_mask_t>(PA_SUBSCRIPTION_MASK_SERVER | PA_SUBSCRIPTION_MASK_SINK),
-          [](pa_context*, int, void* self) { connection(self)->answered(); }, this));
+                context_.get(),
+                static_cast<pa_subscription_mask_t>(PA_SUBSCRIPTION_MASK_SERVER | PA_SUBSCRIPTION_MASK_SINK),
+                [](pa_context*, int, void* self) {
+                  connection(self)->answered(connection(self)->openRequests_);
+                },
+                this),
+            openRequests_);
       break;
     case PA_CONTEXT_FAILED:
     case PA_CONTEXT_TERMINATED:
@@ -104,8 +108,7 @@ void PulseConnection::contextChanged() {
 void PulseConnection::step(Duration now) {
   if (!failure_.empty()) return;
   if (stream_ && !PA_STREAM_IS_GOOD(pa_stream_get_state(stream_.get()))) {
-    stream_.reset();
-    sourceName_.clear();
+    closeStream();
     retryAt_ = now + kStreamRetry;
     isLookupDue_ = true;
   }
@@ -119,22 +122,29 @@ void PulseConnection::step(Duration now) {
   if (isReady && isLookupDue_ && !isLookupRunning_ && now >= retryAt_) lookUpDefaultSink();
 }
 
+void PulseConnection::closeStream() {
+  stream_.reset();
+  sourceName_.clear();
+  openMeasurements_ = 0;  // what was asked for the stream is dropped with it, without a call
+}
+
 bool PulseConnection::isWaitingForServer() const {
-  return openRequests_ > 0 || pa_context_get_state(context_.get()) != PA_CONTEXT_READY ||
+  return openRequests_ > 0 || openMeasurements_ > 0 ||
+         pa_context_get_state(context_.get()) != PA_CONTEXT_READY ||
          (stream_ && pa_stream_get_state(stream_.get()) == PA_STREAM_CREATING);
 }
 
-void PulseConnection::asked(pa_operation* operation) {
+void PulseConnection::asked(pa_operation* operation, int& openRequests) {
   if (operation == nullptr) {
     fail(pa_strerror(pa_context_errno(context_.get())));
     return;
   }
   pa_operation_unref(operation);
-  if (openRequests_++ == 0) lastHeard_ = monotonicNow();
+  if (openRequests++ == 0) lastHeard_ = monotonicNow();
 }
 
-void PulseConnection::answered() {
-  --openRequests_;
+void PulseConnection::answered(int& openRequests) {
+  --openRequests;
   lastHeard_ = monotonicNow();
 }
 
@@ -142,12 +152,13 @@ void PulseConnection::lookUpDefaultSink() {
   isLookupDue_ = false;
   isLookupRunning_ = true;
   asked(pa_context_get_server_info(
-      context_.get(),
-      [](pa_context*, const pa_server_info* server, void* self) {
-        connection(self)->answered();
-        connection(self)->serverDescribed(server);
-      },
-      this));
+            context_.get(),
+            [](pa_context*, const pa_server_info* server, void* self) {
+              connection(self)->answered(connection(self)->openRequests_);
+              connection(self)->serverDescribed(server);
+            },
+            this),
+        openRequests_);
 }
 
 void PulseConnection::serverDescribed(const pa_server_info* server) {
@@ -157,16 +168,17 @@ void PulseConnection::serverDescribed(const pa_server_info* server) {
     return;
   }
   asked(pa_context_get_sink_info_by_name(
-      context_.get(), sink,
-      [](pa_context*, const pa_sink_info* found, int end, void* self) {
-        connection(self)->sinkDescribed(found, end);
-      },
-      this));
+            context_.get(), sink,
+            [](pa_context*, const pa_sink_info* found, int end, void* self) {
+              connection(self)->sinkDescribed(found, end);
+            },
+            this),
+        openRequests_);
 }
 
 void PulseConnection::sinkDescribed(const pa_sink_info* sink, int end) {
   if (end != 0) {  // the list is over, or the sink is gone again
-    answered();
+    answered(openRequests_);
     isLookupRunning_ = false;
     return;
   }
@@ -175,8 +187,7 @@ void PulseConnection::sinkDescribed(const pa_sink_info* sink, int end) {
 }
 
 void PulseConnection::record(const std::string& sourceName) {
-  stream_.reset();
-  sourceName_.clear();
+  closeStream();
   pa_sample_spec format{};
   format.format = PA_SAMPLE_FLOAT32NE;
   format.rate = static_cast<std::uint32_t>(format_.sampleRate);
@@ -220,12 +231,13 @@ void PulseConnection::readAvailable() {
   }
   if (++fragments_ > kFirstMeasurements && fragments_ % kMeasurementSpacing != 0) return;
   asked(pa_stream_update_timing_info(
-      stream_.get(),
-      [](pa_stream*, int succeeded, void* self) {
-        connection(self)->answered();
-        if (succeeded != 0) connection(self)->measureDelay();
-      },
-      this));
+            stream_.get(),
+            [](pa_stream*, int succeeded, void* self) {
+              connection(self)->answered(connection(self)->openMeasurements_);
+              if (succeeded != 0) connection(self)->measureDelay();
+            },
+            this),
+        openMeasurements_);
 }
 
 /// A monitor's delay includes what the sink has still to play and is then negative: a sound's time is when it
@@ -233,8 +245,8 @@ void PulseConnection::readAvailable() {
 void PulseConnection::measureDelay() {
   pa_usec_t size = 0;
   int isNegative = 0;
-  if (pa_stream_get_latency(stream_.get(), &size, &isNegative) < 0) return;
-  const auto delay = static_cast<std::int64_t>(std::min<pa_usec_t>(size, kPlausibleDelay));
+  if (pa_stream_get_latency(stream_.get(), &size, &isNegative) < 0 || size > kPlausibleDelay) return;
+  const auto delay = static_cast<std::int64_t>(size);
   const auto now = std::chrono::duration_cast<std::chrono::microseconds>(monotonicNow()).count();
   nextFrameTime_ = isNegative != 0 ? now + delay : now - delay;
 }

@@ -63,14 +63,16 @@ class PulseConnection {
   void measureDelay();
   bool isWaitingForServer() const;
   /// Counts a request until its answer; a null operation is a failure of the connection.
-  void asked(pa_operation* operation);
-  void answered();
+  void asked(pa_operation* operation, int& openRequests);
+  void answered(int& openRequests);
+  void closeStream();
 
   const Format format_;
   const Receiver receiver_;
   std::string failure_;
-  int openRequests_ = 0;
-  Duration lastHeard_;  // CLOCK_MONOTONIC, like every time here
+  int openRequests_ = 0;      // about the server
+  int openMeasurements_ = 0;  // of the stream's delay
+  Duration lastHeard_;        // CLOCK_MONOTONIC, like every time here
   bool isLookupRunning_ = false;
   bool isLookupDue_ = false;
   bool hasDelivered_ = false;

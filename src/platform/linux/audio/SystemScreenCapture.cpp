@@ -85,6 +85,9 @@ class SystemCaptureStream final : public ScreenStream {
   void addAudioOutput(std::shared_ptr<SerialQueue> queue, AudioOutput output) override {
     sound_->setOutput(std::move(queue), std::move(output));
   }
+  void setContentChangeHandler(ContentChangeHandler handler) override {
+    pictures_->setContentChangeHandler(std::move(handler));
+  }
   void startCapture(StreamCompletion completion) override {
     pictures_->startCapture(
         [sound = sound_, completion = std::move(completion)](const std::exception_ptr& failure) {

@@ -109,7 +109,10 @@ void CaptureSession::followLayout(Duration now) {
       if (!missingSince_) missingSince_ = now;
     } else {
       missingSince_.reset();
-      if (found->area != area_) takeArea(found->area);
+      if (found->area != area_) {
+        takeArea(found->area);
+        hasContentChanged_ = true;
+      }
     }
   }
   if (missingSince_ && now - *missingSince_ >= kMissingGrace) {

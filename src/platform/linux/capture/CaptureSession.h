@@ -3,6 +3,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/ScreenStream.h"
@@ -37,6 +38,10 @@ class CaptureSession {
   /// What to wait for after next() gave nothing. The release of a picture always ends the wait.
   Wait wait(bool isRequested) const;
   int fd() const { return reader_.fd(); }
+  /// Takes in what the server has told along with its answers; whether it was anything.
+  bool readQueuedEvents() { return reader_.readQueuedEvents(); }
+  /// Whether the display has had another place or size since the last call.
+  bool takeContentChange() { return std::exchange(hasContentChanged_, false); }
 
  private:
   struct Part {
@@ -61,6 +66,7 @@ class CaptureSession {
   DisplayID display_ = 0;
   PixelRect area_;  // of the display in the root window
   bool mustReadLayout_ = false;
+  bool hasContentChanged_ = false;
   std::optional<Duration> missingSince_;  // the display is not there
   FramePacer pacer_;
   DrawingWatch drawing_;

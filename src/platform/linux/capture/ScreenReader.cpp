@@ -97,6 +97,15 @@ void ScreenReader::readEvents() {
   if (connection().isBroken()) failLost();
 }
 
+bool ScreenReader::readQueuedEvents() {
+  bool hasRead = false;
+  while (const XcbOwned<xcb_generic_event_t> event{xcb_poll_for_queued_event(connection())}) {
+    handle(*event);
+    hasRead = true;
+  }
+  return hasRead;
+}
+
 void ScreenReader::handle(const xcb_generic_event_t& event) {
   const int type = event.response_type & 0x7f;
   if (type == damageEvent_ + XCB_DAMAGE_NOTIFY) {

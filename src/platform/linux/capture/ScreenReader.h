@@ -25,6 +25,8 @@ class ScreenReader {
   int fd() const { return xcb_get_file_descriptor(connection()); }
   /// Takes in what the server has told, without waiting.
   void readEvents();
+  /// The same for what has been received already; whether it was anything.
+  bool readQueuedEvents();
   /// Whether displays came, went or changed since the last call.
   bool takeLayoutChange();
   DisplayLayout layout() const;

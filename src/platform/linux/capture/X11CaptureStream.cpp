@@ -58,6 +58,10 @@ class X11CaptureStream::Core : public std::enable_shared_from_this<Core> {
     audioQueue_ = std::move(queue);
     audioOutput_ = std::move(output);
   }
+  void setContentChangeHandler(ContentChangeHandler handler) {
+    const std::lock_guard guard(lock_);
+    if (state_ == State::idle) onContentChanged_ = std::move(handler);
+  }
   void start(StreamCompletion completion);
   void stop(StreamCompletion completion);
   /// Runs `apply` on the stream's thread, or, before the start, only `store` here.
@@ -81,7 +85,7 @@ class X11CaptureStream::Core : public std::enable_shared_from_this<Core> {
   void run();
   void capture();
   bool runCommands(CaptureSession& session);
-  void sleep(const CaptureSession& session, bool isRequested) const;
+  void sleep(CaptureSession& session, bool isRequested) const;
   void deliver(VideoSample sample);
   void completeStart(std::exception_ptr outcome);
   void finish(const std::exception_ptr& reason);
@@ -103,7 +107,8 @@ class X11CaptureStream::Core : public std::enable_shared_from_this<Core> {
   std::vector<StreamCompletion> stopCompletions_;
   std::thread thread_;
 
-  StreamCompletion startCompletion_;  // the thread's
+  StreamCompletion startCompletion_;       // the thread's
+  ContentChangeHandler onContentChanged_;  // the thread's
 };
 
 void X11CaptureStream::Core::start(StreamCompletion completion) {
@@ -202,6 +207,7 @@ void X11CaptureStream::Core::capture() {
     } else {
       sleep(*session, isRequested);
     }
+    if (session->takeContentChange() && onContentChanged_) onContentChanged_();
   }
 }
 
@@ -226,8 +232,10 @@ bool X11CaptureStream::Core::runCommands(CaptureSession& session) {
   return true;
 }
 
-void X11CaptureStream::Core::sleep(const CaptureSession& session, bool isRequested) const {
+void X11CaptureStream::Core::sleep(CaptureSession& session, bool isRequested) const {
   const CaptureSession::Wait wait = session.wait(isRequested);
+  // What came together with an answer is out of the socket already, which then tells of nothing.
+  if (wait.listensToServer && session.readQueuedEvents()) return;
   timespec timeout{};
   if (wait.until) {
     const Duration left = std::max(*wait.until - monotonicNow(), Duration::zero());
@@ -296,6 +304,10 @@ void X11CaptureStream::addVideoOutput(std::shared_ptr<SerialQueue> queue, VideoO
 
 void X11CaptureStream::addAudioOutput(std::shared_ptr<SerialQueue> queue, AudioOutput output) {
   core_->addAudioOutput(std::move(queue), std::move(output));
+}
+
+void X11CaptureStream::setContentChangeHandler(ContentChangeHandler handler) {
+  core_->setContentChangeHandler(std::move(handler));
 }
 
 void X11CaptureStream::startCapture(StreamCompletion completion) {

@@ -9,8 +9,8 @@ namespace kestrune::linux_platform {
 
 /// A stream of one display over MIT-SHM, DAMAGE and XFIXES. It has one thread ("x11-capture"), which sleeps
 /// until the screen changes and reads, scales and converts only what did; completions and the stop handler
-/// come on it. A mode switch of the display goes on at the configured size, letterboxed. The audio output is
-/// kept and gets no samples.
+/// come on it, as does the news of a mode switch of the display. The audio output is kept and gets no
+/// samples.
 ///
 /// Fails with an X11Error: its start if the server or the display cannot be captured or the configuration is
 /// out of range (sides 1 to 16384, 1 to 240 frames per second, a depth of 1 to 8, "420v"), and later when the
@@ -25,6 +25,7 @@ class X11CaptureStream final : public ScreenStream {
 
   void addVideoOutput(std::shared_ptr<SerialQueue> queue, VideoOutput output) override;
   void addAudioOutput(std::shared_ptr<SerialQueue> queue, AudioOutput output) override;
+  void setContentChangeHandler(ContentChangeHandler handler) override;
   void startCapture(StreamCompletion completion) override;
   void stopCapture(StreamCompletion completion) override;
   void updateConfiguration(const ScreenStreamConfiguration& configuration,

@@ -42,6 +42,8 @@ class KeyboardMap {
   /// Gives all lent key codes back that were not used for `idle`; zero gives back all.
   void giveBack(Duration idle);
   bool hasLent() const { return !lent_.empty(); }
+  /// Whether another symbol would have to wait for a code that is lent.
+  bool isLentOut() const { return hasLent() && !spareCode(); }
   /// Codes of the keys that act as modifiers.
   const std::vector<xcb_keycode_t>& modifierKeys() const { return modifierKeys_; }
 

@@ -88,6 +88,9 @@ class XTestInputEvents::Injector {
     connection_.reset();
   }
 
+  /// Whether a key may have to wait for a code.
+  bool isLentOut() const { return isLentOut_; }
+
   /// Whether events can be sent; true without a look while some wait.
   bool connect() {
     std::lock_guard order(orderLock_);
@@ -163,12 +166,12 @@ class XTestInputEvents::Injector {
     if (!found || found->needsShift) found = map_->anyKey(symbol);
     if (!found) return;
     sendKey(*connection_, found->code, isDown);
-    if (map_->hasLent()) scheduleGiveBack();
+    noteLending();
   }
 
   void type(const std::u16string& text) {
     TextTyper(*connection_, *map_).type(text);
-    if (map_->hasLent()) scheduleGiveBack();
+    noteLending();
   }
 
   void flush() { xcb_flush(*connection_); }
@@ -190,6 +193,7 @@ class XTestInputEvents::Injector {
       return !connection_->isBroken();
     }
     map_.reset();
+    isLentOut_ = false;
     connection_.reset();
     try {
       auto connection = X11Connection::open(displayName_);
@@ -206,6 +210,11 @@ class XTestInputEvents::Injector {
 
   Point globalOrigin() const { return readDisplayLayout(*connection_).globalOrigin(); }
 
+  void noteLending() {
+    isLentOut_ = map_->isLentOut();
+    if (map_->hasLent()) scheduleGiveBack();
+  }
+
   void scheduleGiveBack() {
     giveBack_.cancel();
     if (!queue_) return;  // closing gives back everything
@@ -213,7 +222,7 @@ class XTestInputEvents::Injector {
       std::lock_guard guard(sendLock_);
       if (!map_) return;
       map_->giveBack(kLendingTime);
-      if (map_->hasLent()) scheduleGiveBack();
+      noteLending();
     });
   }
 
@@ -228,6 +237,7 @@ class XTestInputEvents::Injector {
   std::unique_ptr<X11Connection> connection_;
   std::unique_ptr<KeyboardMap> map_;  // of connection_
   std::array<int, 2> collected_{};    // pixels of a wheel that do not make a step yet: vertical, horizontal
+  std::atomic<bool> isLentOut_{false};  // what map_ says, written under sendLock_
   DelayedWork giveBack_;
   std::unique_ptr<ThreadQueue> queue_;  // taken away by close(), under sendLock_
 };
@@ -239,30 +249,33 @@ using Injector = XTestInputEvents::Injector;
 class Event final : public InputEvent {
  public:
   using Send = std::function<void(Injector&)>;
-  Event(std::shared_ptr<Injector> injector, Send send, bool isKeyDown = false)
-      : injector_(std::move(injector)), send_(std::move(send)), isKeyDown_(isKeyDown) {}
+  enum class Kind { pointer, keyDown, keyUp };
+  Event(std::shared_ptr<Injector> injector, Kind kind, Send send)
+      : injector_(std::move(injector)), kind_(kind), send_(std::move(send)) {}
 
   void setUnicodeString(std::u16string_view text) override {
     hasText_ = true;
     // The press types the text; its release has nothing more to say.
-    send_ = [typed = std::u16string(isKeyDown_ ? text : std::u16string_view())](Injector& injector) {
+    send_ = [typed =
+                 std::u16string(kind_ == Kind::keyDown ? text : std::u16string_view())](Injector& injector) {
       if (!typed.empty()) injector.type(typed);
     };
   }
 
   void post() override {
+    const bool mayWait = hasText_ || (kind_ != Kind::pointer && injector_->isLentOut());
     injector_->post(
         [send = send_](Injector& injector) {
           send(injector);
           injector.flush();
         },
-        hasText_);
+        mayWait);
   }
 
  private:
   const std::shared_ptr<Injector> injector_;
+  const Kind kind_;
   Send send_;
-  const bool isKeyDown_;
   bool hasText_ = false;
 };
 
@@ -300,17 +313,15 @@ class Source final : public InputEventSource {
   std::unique_ptr<InputEvent> keyboardEvent(std::uint16_t keyCode, bool isDown) override {
     const auto symbol = symbolOfVirtualKey(keyCode);
     if (!symbol && keyCode != 0) return nullptr;
-    return std::make_unique<Event>(
-        injector_,
-        [symbol, isDown](Injector& injector) {
-          if (symbol) injector.key(*symbol, isDown);
-        },
-        isDown);
+    return std::make_unique<Event>(injector_, isDown ? Event::Kind::keyDown : Event::Kind::keyUp,
+                                   [symbol, isDown](Injector& injector) {
+                                     if (symbol) injector.key(*symbol, isDown);
+                                   });
   }
 
  private:
   std::unique_ptr<InputEvent> make(Event::Send send) {
-    return std::make_unique<Event>(injector_, std::move(send));
+    return std::make_unique<Event>(injector_, Event::Kind::pointer, std::move(send));
   }
 
   const std::shared_ptr<Injector> injector_;
@@ -338,7 +349,7 @@ std::unique_ptr<InputEvent> XTestInputEvents::systemDefinedEvent(const SystemDef
   const bool isPlayKey = description.subtype == 8 && (description.data1 >> 16) == kPlayKeyType;
   if (!isPlayKey || !injector_->connect()) return nullptr;
   const bool isDown = ((description.data1 >> 8) & 0xFF) == kStateDown;
-  return std::make_unique<Event>(injector_,
+  return std::make_unique<Event>(injector_, isDown ? Event::Kind::keyDown : Event::Kind::keyUp,
                                  [isDown](Injector& injector) { injector.key(kPlaySymbol, isDown); });
 }
 
