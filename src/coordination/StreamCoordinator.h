@@ -172,8 +172,11 @@ class StreamCoordinator final : public std::enable_shared_from_this<StreamCoordi
 
   // Settings (StreamCoordinatorSettings.cpp)
   VideoSettings currentVideoSettings() const;
-  /// With what a running change asks for.
+  /// With what running and coming changes ask for.
   VideoSettings newestVideoSettings() const;
+  /// `active` is what the server told the viewer last.
+  Task<void> takeViewerSettings(StreamProfile active);
+  Task<void> fallBackToH264();
   Task<void> applyPendingSettings(VideoSettings wanted);
   Task<void> catchUpWithSettings(VideoSettings used);
   void writeVideoSettings(const VideoSettings& settings);
@@ -185,6 +188,8 @@ class StreamCoordinator final : public std::enable_shared_from_this<StreamCoordi
   void wireRemoteControl();
   template <class Body>
   auto onMainQueue(Body body);
+  template <class Body>
+  auto onMainQueueWhileFew(Body body);
 
   // Phase and reporting (StreamCoordinatorReporting.cpp)
   StreamPhase restingPhase() const;

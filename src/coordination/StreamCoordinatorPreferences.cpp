@@ -128,7 +128,7 @@ void StreamCoordinator::takeChangedPreferences(const std::vector<std::string>& c
   audioChannelMode = take(keys::kAudioChannelMode, audioChannelMode.get());
   if (canChangeDisplayMode()) streamDisplayMode = take(keys::kDisplayMode, streamDisplayMode.get());
 
-  const VideoSettings newest = editedStreamSettings_.value_or(newestVideoSettings());
+  const VideoSettings newest = newestVideoSettings();
   const VideoSettings wanted{take(keys::kProfile, newest.profile), take(keys::kFrameRate, newest.frameRate),
                              take(keys::kVideoCodec, newest.codec), take(keys::kBitRate, newest.bitRate),
                              take(keys::kVideoEncoderKind, newest.encoderKind)};

@@ -8,7 +8,25 @@ StreamCoordinator::VideoSettings StreamCoordinator::currentVideoSettings() const
 }
 
 StreamCoordinator::VideoSettings StreamCoordinator::newestVideoSettings() const {
-  return newestStreamSettings_.value_or(currentVideoSettings());
+  return editedStreamSettings_.value_or(newestStreamSettings_.value_or(currentVideoSettings()));
+}
+
+/// What the viewer asked for is not ours to follow. A change that is under way, or that the server has not
+/// heard of yet, must not be undone by the answer that the viewer got.
+Task<void> StreamCoordinator::takeViewerSettings(StreamProfile active) {
+  if (editedStreamSettings_ || isUpdatingStreamSettings || active != profile) co_return;
+  co_await applyStreamSettings(active, frameRate);
+}
+
+Task<void> StreamCoordinator::fallBackToH264() {
+  VideoSettings wanted = newestVideoSettings();
+  wanted.codec = StreamVideoCodec::h264;
+  if (editedStreamSettings_) {
+    editedStreamSettings_ = wanted;  // its own turn follows
+    co_return;
+  }
+  co_await applyStreamSettings(wanted.profile, wanted.frameRate, wanted.codec, wanted.bitRate,
+                               wanted.encoderKind);
 }
 
 void StreamCoordinator::writeVideoSettings(const VideoSettings& settings) {

@@ -33,7 +33,8 @@ Task<void> StreamCoordinator::runStartup(Task<void> body) {
 
 Task<void> StreamCoordinator::startServing() {
   if (startupTask_ || ownsActiveResources_ || isTearingDown_ || teardownTask_) co_return;
-  co_await runStartup(armingBody());
+  Task<void> body = armingBody();
+  co_await runStartup(std::move(body));
 }
 
 Task<void> StreamCoordinator::startServer() {
@@ -103,12 +104,14 @@ Task<void> StreamCoordinator::handleStreamStartRequest() {
     setRouteState(RemoteStreamState::starting);
     co_return;
   }
-  co_await runStartup(captureBody());
+  Task<void> body = captureBody();
+  co_await runStartup(std::move(body));
 }
 
 Task<void> StreamCoordinator::captureBody() {
   if (!isRemoteStartArmed) co_return;
-  setPhase(StreamPhase::Case::starting);
+  const bool hasSource = selectedSource->has_value();
+  if (hasSource) setPhase(StreamPhase::Case::starting);
   clearErrors();
   setRouteState(RemoteStreamState::starting);
   kLog.info("Starting screen capture from Remote Start standby");
@@ -129,7 +132,7 @@ Task<void> StreamCoordinator::captureBody() {
   if (isCancelled || isCancellation(failure)) co_return;  // whoever cancelled it says what comes next
   const std::string message = localizedDescription(failure);
   recordError(message);
-  setPhase(StreamPhase::Case::remoteReady);
+  if (hasSource) setPhase(StreamPhase::Case::remoteReady);
   publishRemoteError(
       localized("The Mac could not start screen capture. Check Screen Recording permission and "
                 "reselect the display."),

@@ -27,17 +27,18 @@ void StreamCoordinator::applyViewerConnectionChange() {
   encodingDisableTask_.cancel();
   encodingDisableTask_.reset();
   const bool isStarting = phase->value == StreamPhase::Case::starting;
+  const bool hasSource = selectedSource->has_value();  // without one there is no way out of `idle`
   if (viewer && isCapturing) {
     captureService_->setVideoEncodingEnabled(true);
     setRouteState(RemoteStreamState::streaming);
     setPhase(StreamPhase::Case::streaming);
   } else if (viewer && isRemoteStartArmed && !isStarting) {
     setRouteState(RemoteStreamState::armed);
-    setPhase(StreamPhase::Case::remoteReady);
+    if (hasSource) setPhase(StreamPhase::Case::remoteReady);
   } else if (!viewer && isCapturing) {
     setPhase(StreamPhase::Case::recovering);
     encodingDisableTask_ = startTask(mainQueue_, disableEncodingLater(weak_from_this()));
-  } else if (!viewer && ownsActiveResources_ && !isStarting) {
+  } else if (!viewer && ownsActiveResources_ && !isStarting && hasSource) {
     setPhase(StreamPhase::Case::remoteReady);
   }
 }

@@ -1,3 +1,6 @@
+#include <atomic>
+#include <memory>
+
 #include "coordination/StreamCoordinator.h"
 #include "input/RemoteControlService.h"
 #include "server/AudioChunkStore.h"
@@ -6,6 +9,8 @@
 /// Who hears whom. Callbacks hold their targets weakly, so that no service keeps another alive.
 namespace kestrune {
 namespace {
+
+constexpr int kMostWaitingTurns = 8;  // of each kind
 
 /// A callback that runs `body(target, arguments...)` where it is called, if the target still lives.
 template <class Target, class Body>
@@ -37,6 +42,21 @@ auto StreamCoordinator::onMainQueue(Body body) {
   };
 }
 
+/// The same for what a viewer can send as fast as the road carries it: what finds several turns waiting is
+/// dropped, since it would say what they say.
+template <class Body>
+auto StreamCoordinator::onMainQueueWhileFew(Body body) {
+  return [queue = mainQueue_, weak = weak_from_this(), body,
+          waiting = std::make_shared<std::atomic<int>>(0)](auto... arguments) {
+    if (*waiting >= kMostWaitingTurns) return;
+    ++*waiting;
+    queue->post([weak, body, waiting, ... held = std::move(arguments)] {
+      --*waiting;
+      if (const auto self = weak.lock()) body(*self, held...);
+    });
+  };
+}
+
 /// The capture service calls back on the main queue already, in the order of the events.
 void StreamCoordinator::wireCapture() {
   const auto self = shared_from_this();
@@ -62,23 +82,18 @@ void StreamCoordinator::wireCapture() {
 /// The server calls back on its own queue.
 void StreamCoordinator::wireServer() {
   server_->onStreamStartRequested =
-      onMainQueue([](auto& self) { self.startFlow(self.handleStreamStartRequest()); });
+      onMainQueueWhileFew([](auto& self) { self.startFlow(self.handleStreamStartRequest()); });
   server_->onViewerConnectionChanged =
       onMainQueue([](auto& self, bool connected, bool) { self.handleLocalViewerChange(connected); });
   server_->onKeyframeRequested = directly(captureService_, [](auto& capture) { capture.requestKeyframe(); });
-  // What the viewer asked for is not ours to follow; `active` is what the server told it last. A change that
-  // runs, or that the server has not heard of yet, must not be undone by that.
-  server_->onStreamSettingsChanged = onMainQueue([](auto& self, StreamProfile active, StreamFrameRate) {
-    if (self.isUpdatingStreamSettings || active != self.profile) return;
-    self.startFlow(self.applyStreamSettings(active, self.frameRate));
-  });
-  server_->onVideoCodecFallbackRequested = onMainQueue([](auto& self) {
-    const auto newest = self.newestVideoSettings();
-    self.startFlow(self.applyStreamSettings(newest.profile, newest.frameRate, StreamVideoCodec::h264,
-                                            newest.bitRate, newest.encoderKind));
-  });
+  server_->onStreamSettingsChanged =
+      onMainQueueWhileFew([](auto& self, StreamProfile active, StreamFrameRate) {
+        self.startFlow(self.takeViewerSettings(active));
+      });
+  server_->onVideoCodecFallbackRequested =
+      onMainQueueWhileFew([](auto& self) { self.startFlow(self.fallBackToH264()); });
   server_->onViewerTelemetry =
-      onMainQueue([](auto& self, const auto& telemetry) { self.handleViewerTelemetry(telemetry); });
+      onMainQueueWhileFew([](auto& self, const auto& telemetry) { self.handleViewerTelemetry(telemetry); });
 }
 
 /// Remote input goes from the server's queue straight into the system, past the main queue and its state.

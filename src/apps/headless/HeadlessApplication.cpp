@@ -13,6 +13,13 @@ void printLine(std::string_view label, std::string text) {
   std::fflush(stdout);
 }
 
+std::string portTakenMessage(std::uint16_t port) {
+  return "Port " + std::to_string(port) +
+         " on 127.0.0.1 is already in use: another Kestrune, or another program, is running there. Stop it, "
+         "then "
+         "try again.";
+}
+
 HeadlessApplication::HeadlessApplication(std::shared_ptr<RunLoopQueue> mainQueue,
                                          std::shared_ptr<StreamCoordinator> coordinator,
                                          std::uint16_t viewerPort)
@@ -53,9 +60,7 @@ Task<void> HeadlessApplication::run(std::shared_ptr<HeadlessApplication> self, b
 
 void HeadlessApplication::explainFailure(const std::string& message) const {
   if (message.find(std::generic_category().message(EADDRINUSE)) == std::string::npos) return;
-  printLine("Error", "Port " + std::to_string(viewerPort_) +
-                         " on 127.0.0.1 is already in use: another Kestrune, or another program, is running "
-                         "there. Stop it, then try again.");
+  printLine("Error", portTakenMessage(viewerPort_));
 }
 
 void HeadlessApplication::requestTermination() {

@@ -46,5 +46,6 @@ class HeadlessApplication final : public std::enable_shared_from_this<HeadlessAp
 
 /// One whole line on standard output, at once. Line breaks within the text become spaces.
 void printLine(std::string_view label, std::string text);
+std::string portTakenMessage(std::uint16_t port);
 
 }  // namespace kestrune

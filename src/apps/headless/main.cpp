@@ -1,9 +1,12 @@
 #include <fcntl.h>
 #include <malloc.h>
+#include <netinet/in.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <charconv>
 #include <csignal>
 #include <cstdlib>
@@ -69,8 +72,34 @@ void restrictProcess() {
   std::signal(SIGPIPE, SIG_IGN);
 }
 
+/// Whether somebody listens there.
+bool isPortTaken(std::uint16_t port) {
+  const int descriptor = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (descriptor < 0) return false;
+  const int on = 1;
+  setsockopt(descriptor, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(port);
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  const bool isTaken = bind(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 &&
+                       errno == EADDRINUSE;
+  close(descriptor);
+  return isTaken;
+}
+
 int runProgram(const Options& options) {
   const auto mainQueue = std::make_shared<RunLoopQueue>("main");
+  // From the beginning: a display or a keyring that does not answer can hold up the composition, too.
+  const auto application = std::make_shared<std::shared_ptr<HeadlessApplication>>();
+  const TerminationSignals signals(mainQueue, [application] {
+    if (*application) (*application)->requestTermination();
+  });
+  // Before anything is read or written: the program that runs there may share our settings.
+  if (isPortTaken(options.port)) {
+    printLine("Error", portTakenMessage(options.port));
+    return kStartFailed;
+  }
   auto coordinator = composeCoordinator(mainQueue, options.port);
   if (!coordinator) {
     printLine(
@@ -78,14 +107,11 @@ int runProgram(const Options& options) {
         "No display could be opened. Set DISPLAY to an X display that this user may use, then try again.");
     return kStartFailed;
   }
-  auto application = std::make_shared<HeadlessApplication>(mainQueue, std::move(coordinator), options.port);
-  const TerminationSignals signals(mainQueue, [weak = std::weak_ptr(application)] {
-    if (const auto present = weak.lock()) present->requestTermination();
-  });
-  application->launch(!options.isSmokeTest);
+  *application = std::make_shared<HeadlessApplication>(mainQueue, std::move(coordinator), options.port);
+  (*application)->launch(!options.isSmokeTest);
   mainQueue->run();
-  const int exitCode = application->exitCode();
-  application.reset();  // here, where the time for the shutdown still counts
+  const int exitCode = (*application)->exitCode();
+  application->reset();  // here, where the time for the shutdown still counts
   return exitCode;
 }
 

@@ -133,6 +133,25 @@ TEST_F(CoordinatorSettingsTest, AViewersMessageDoesNotUndoARunningChange) {
   EXPECT_EQ(coordinator->profile, StreamProfile::high);
   EXPECT_EQ(coordinator->frameRate, StreamFrameRate::fps24);
   EXPECT_EQ(coordinator->videoCodec, StreamVideoCodec::h264);
+
+  // Nor one that is about to begin.
+  preferences->edit({{"stream.profile", "safe"}, {"stream.videoCodec", "hevc"}});
+  send(viewer, R"({"type":"streamSettings","quality":"high","fps":30})");
+  send(viewer, R"({"type":"codecFallback"})");
+  EXPECT_EQ(coordinator->profile, StreamProfile::safe);
+  EXPECT_EQ(coordinator->videoCodec, StreamVideoCodec::h264);
+}
+
+TEST_F(CoordinatorSettingsTest, AFloodOfViewersWishesIsBounded) {
+  const auto viewer = streamToViewer();
+  viewer->sent.clear();
+  std::string flood;
+  for (int index = 0; index < 1000; ++index) flood += textFrame(R"({"type":"startStream"})");
+  viewer->deliver(flood);
+  time->runReady();
+  const auto answers = received(viewer);
+  EXPECT_GE(answers.size(), 1u);
+  EXPECT_LE(answers.size(), 8u);
 }
 
 TEST_F(CoordinatorSettingsTest, AChangeDuringTheStartReachesTheStream) {

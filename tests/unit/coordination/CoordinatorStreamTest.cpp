@@ -142,6 +142,8 @@ TEST_F(CoordinatorStreamTest, WithoutADisplayTheServerIsUpAndARequestFails) {
   states(viewer);
   requestStart(viewer);
   EXPECT_EQ(states(viewer).back(), state("error", kCaptureMessage));
+  disconnect(viewer);
+  EXPECT_FALSE(log.mentions("Rejected invalid"));
 }
 
 TEST_F(CoordinatorStreamTest, EncodingFollowsTheViewerAndAShortLossCostsNothing) {

@@ -235,8 +235,8 @@ class XTestInputEvents::Injector {
   std::atomic<bool> isClosed_{false};  // written under orderLock_
   std::mutex sendLock_;                // guards the connection and what belongs to it
   std::unique_ptr<X11Connection> connection_;
-  std::unique_ptr<KeyboardMap> map_;  // of connection_
-  std::array<int, 2> collected_{};    // pixels of a wheel that do not make a step yet: vertical, horizontal
+  std::unique_ptr<KeyboardMap> map_;    // of connection_
+  std::array<int, 2> collected_{};      // pixels of a wheel that do not make a step yet: vertical, horizontal
   std::atomic<bool> isLentOut_{false};  // what map_ says, written under sendLock_
   DelayedWork giveBack_;
   std::unique_ptr<ThreadQueue> queue_;  // taken away by close(), under sendLock_
