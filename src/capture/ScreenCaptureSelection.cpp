@@ -136,7 +136,7 @@ ScreenCaptureService::SharedSelection ScreenCaptureService::following(
 
 /// The display may have changed since it was selected.
 ScreenCaptureService::SharedSelection ScreenCaptureService::selectionForStart(SharedSelection selection) {
-  const SharedSelection present = following(selection);
+  SharedSelection present = following(selection);
   if (!present) return selection;
   {
     const std::lock_guard guard(stateLock_);
