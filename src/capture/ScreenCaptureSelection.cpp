@@ -53,11 +53,8 @@ void ScreenCaptureService::select(SharedSelection selection) {
     update.generation = ++selectionGeneration_;
     update.stream = stream_;
     update.before = selection_;
-    if (stream_.platform) {
-      nextSelection_ = update.next;
-    } else {
-      selection_ = update.next;
-    }
+    nextSelection_ = stream_.platform ? update.next : nullptr;
+    if (!stream_.platform) selection_ = update.next;
   }
   if (!update.stream.platform) {
     announce(update.next);
@@ -184,6 +181,7 @@ bool ScreenCaptureService::clearManagedSelection(DisplayID display) {
   if (stream_.platform || isStarting_ || !selection_ || selection_->managedDisplay != display) return false;
   ++selectionGeneration_;
   selection_ = nullptr;
+  nextSelection_ = nullptr;
   return true;
 }
 

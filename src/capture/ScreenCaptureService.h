@@ -37,7 +37,7 @@ struct ScreenCaptureCallbacks {
 
 /// Holds the one capture stream of the program: the selected source, the running stream of picture and sound,
 /// the encoder that its frames go to, and the counters. Source and stream survive changes of the video
-/// settings and of the selected content.
+/// settings, of the selected content, and of the mode of the display that is shown.
 ///
 /// A plain object of its owner; make it with std::make_shared. The owner calls the operations from one queue
 /// at a time, and owns the callback queue at least as long. Those that wait for the system are tasks, which

@@ -16,8 +16,7 @@ void printLine(std::string_view label, std::string text) {
 std::string portTakenMessage(std::uint16_t port) {
   return "Port " + std::to_string(port) +
          " on 127.0.0.1 is already in use: another Kestrune, or another program, is running there. Stop it, "
-         "then "
-         "try again.";
+         "then try again.";
 }
 
 HeadlessApplication::HeadlessApplication(std::shared_ptr<RunLoopQueue> mainQueue,

@@ -461,6 +461,25 @@ TEST_F(ScreenCaptureServiceTest, FollowsTheModeOfItsDisplay) {
   EXPECT_EQ(sizeOf(capture->latest()->configurations.back()), std::pair(640, 480));
 }
 
+TEST_F(ScreenCaptureServiceTest, ASelectionThatAStopOvertookHasNoSayAfterIt) {
+  const auto stream = startOnMain();
+  stream->holds = true;
+  service->selectFilter(displayFilter(kSide), "Side", std::nullopt, false);
+  time->runReady();
+  EXPECT_EQ(run(service->stop()), "waiting");
+  const auto stopped = std::exchange(stream->waiting.back(), nullptr);
+  stream->waiting.pop_back();
+  stopped(nullptr);
+  time->runReady();
+  EXPECT_EQ(outcome, "ok");
+  service->selectFilter(displayFilter(kMain), "Main Display", std::nullopt, false);
+  stream->complete();
+  time->runReady();
+  EXPECT_EQ(run(service->start({})), "ok");
+  EXPECT_EQ(run(service->updateVideoSettings({.profile = StreamProfile::safe})), "ok");
+  EXPECT_EQ(capture->latest()->configurations.back().height, 540);  // of 960x540; 768 would be the other's
+}
+
 TEST_F(ScreenCaptureServiceTest, RefusedSelectionsAnnounceTheOldOneUnlessOvertaken) {
   const auto stream = startOnMain();
   stream->outcomes = {failure("no")};
