@@ -473,6 +473,7 @@ TEST_F(ScreenCaptureServiceTest, ASelectionThatAStopOvertookHasNoSayAfterIt) {
   time->runReady();
   EXPECT_EQ(outcome, "ok");
   service->selectFilter(displayFilter(kMain), "Main Display", std::nullopt, false);
+  stream->holds = false;
   stream->complete();
   time->runReady();
   EXPECT_EQ(run(service->start({})), "ok");
