@@ -67,6 +67,23 @@ TEST(FramePacerTest, RepeatsAfterALargeChangeThenGivesASignOfLife) {
   EXPECT_EQ(pacer.nextRepeat(), 5520ms + FramePacer::kSmallRepeat);
 }
 
+TEST(FramePacerTest, SharpensForLongerTheMoreHasChanged) {
+  const auto repeatsOf = [](FramePacer& pacer, Duration change) {
+    Duration last = change;
+    int count = 0;
+    for (; *pacer.nextRepeat() - last < 1s; ++count) pacer.delivered(last = *pacer.nextRepeat(), 0);
+    return count;
+  };
+  FramePacer pacer(16ms);
+  pacer.delivered(0ms, 0.03);
+  EXPECT_EQ(repeatsOf(pacer, 0ms), 2);
+  pacer.delivered(2000ms, 0.25);
+  EXPECT_EQ(repeatsOf(pacer, 2000ms), 7);  // until 750 ms
+  // Changes that come before the last is sharp have to wait for each other.
+  for (int i = 0; i < 10; ++i) pacer.delivered(4000ms + i * 16ms, 0.03);
+  EXPECT_EQ(repeatsOf(pacer, 4144ms), 7);  // for some 790 ms
+}
+
 TEST(FramePacerTest, SmallChangeIsRepeatedOnce) {
   FramePacer pacer(16ms);
   pacer.delivered(0ms, 0.001);
