@@ -76,12 +76,12 @@ TEST(FramePacerTest, SharpensForLongerTheMoreHasChanged) {
   };
   FramePacer pacer(16ms);
   pacer.delivered(0ms, 0.03);
-  EXPECT_EQ(repeatsOf(pacer, 0ms), 2);
-  pacer.delivered(2000ms, 0.25);
-  EXPECT_EQ(repeatsOf(pacer, 2000ms), 7);  // until 750 ms
+  EXPECT_EQ(repeatsOf(pacer, 0ms), 3);  // until 240 ms
+  pacer.delivered(2000ms, 0.1);
+  EXPECT_EQ(repeatsOf(pacer, 2000ms), 7);  // until 800 ms
   // Changes that come before the last is sharp have to wait for each other.
-  for (int i = 0; i < 10; ++i) pacer.delivered(4000ms + i * 16ms, 0.03);
-  EXPECT_EQ(repeatsOf(pacer, 4144ms), 7);  // for some 790 ms
+  for (int i = 0; i < 4; ++i) pacer.delivered(4000ms + i * 16ms, 0.03);
+  EXPECT_EQ(repeatsOf(pacer, 4048ms), 8);  // for 4 * 240 ms from the first on
 }
 
 TEST(FramePacerTest, SmallChangeIsRepeatedOnce) {
