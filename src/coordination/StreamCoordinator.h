@@ -250,7 +250,8 @@ class StreamCoordinator final : public std::enable_shared_from_this<StreamCoordi
 
   bool localViewerConnected_ = false;  // an authenticated viewer
 
-  // At most one task each; whoever awaited it clears the handle.
+  // At most one running task each; whoever awaited it clears the handle. Between a task's end and that turn
+  // its slot holds a finished task: ask isFinished(), not whether the slot is empty.
   TaskHandle metricsTask_;
   TaskHandle cursorSyncTask_;
   TaskHandle encodingDisableTask_;

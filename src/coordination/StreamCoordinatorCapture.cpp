@@ -30,7 +30,7 @@ Task<void> StreamCoordinator::startCapture() {
 }
 
 Task<void> StreamCoordinator::stopCapture() {
-  if (captureStopTask_) {
+  if (!captureStopTask_.isFinished()) {
     co_await awaitAndClear(captureStopTask_);
   } else if (captureService_->isRunning()) {
     captureStopTask_ = startFlow(runCaptureStop());

@@ -28,11 +28,11 @@ Task<void> StreamCoordinator::runStartup(Task<void> body) {
   isRemoteStartBusy = true;
   startupTask_ = startFlow(std::move(body));
   co_await awaitAndClear(startupTask_);
-  isRemoteStartBusy = false;
+  if (!startupTask_) isRemoteStartBusy = false;  // else the next start has begun already
 }
 
 Task<void> StreamCoordinator::startServing() {
-  if (startupTask_ || ownsActiveResources_ || isTearingDown_ || teardownTask_) co_return;
+  if (!startupTask_.isFinished() || ownsActiveResources_ || !teardownTask_.isFinished()) co_return;
   Task<void> body = armingBody();
   co_await runStartup(std::move(body));
 }
@@ -99,8 +99,8 @@ Task<void> StreamCoordinator::handleStreamStartRequest() {
     setRouteState(RemoteStreamState::streaming);
     co_return;
   }
-  if (isTearingDown_ || teardownTask_) co_return;
-  if (startupTask_) {
+  if (!teardownTask_.isFinished()) co_return;
+  if (!startupTask_.isFinished()) {
     setRouteState(RemoteStreamState::starting);
     co_return;
   }

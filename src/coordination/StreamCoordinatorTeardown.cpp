@@ -39,7 +39,7 @@ Task<void> StreamCoordinator::prepareForTermination() {
 }
 
 Task<void> StreamCoordinator::teardown() {
-  if (!teardownTask_) teardownTask_ = startFlow(runTeardown());
+  if (teardownTask_.isFinished()) teardownTask_ = startFlow(runTeardown());
   co_await awaitAndClear(teardownTask_);
 }
 

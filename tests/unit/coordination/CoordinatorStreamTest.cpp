@@ -133,6 +133,32 @@ TEST_F(CoordinatorStreamTest, AFailedCaptureKeepsTheStandbyForAnotherTry) {
   EXPECT_EQ(coordinator->lastError.get(), std::nullopt);
 }
 
+TEST_F(CoordinatorStreamTest, ARequestInTheInstantOfAFailureIsNotAnsweredStartingForEver) {
+  launch();
+  const auto viewer = connectViewer();
+  // The failure comes ever more turns after the request: before it is read, while it is handled, after its
+  // answer.
+  for (int turns = 0; turns < 8; ++turns) {
+    screen->holdsStart = true;
+    requestStart(viewer);
+    states(viewer);
+    screen->holdsStart = false;
+    const auto fail = [stream = screen->latest()] { stream->complete(failure("busy")); };
+    SerialQueue::Work later = fail;
+    for (int turn = 0; turn < turns; ++turn) {
+      later = [queue = mainQueue, next = std::make_shared<SerialQueue::Work>(std::move(later))] {
+        queue->post(std::move(*next));
+      };
+    }
+    viewer->deliver(textFrame(R"({"type":"startStream"})"));
+    mainQueue->post(std::move(later));
+    time->runReady();
+    EXPECT_NE(states(viewer).back(), state("starting")) << turns;
+    EXPECT_FALSE(coordinator->isRemoteStartBusy) << turns;
+    run(coordinator->stop());
+  }
+}
+
 TEST_F(CoordinatorStreamTest, WithoutADisplayTheServerIsUpAndARequestFails) {
   screen->displays.clear();
   launch();
