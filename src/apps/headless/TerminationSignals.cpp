@@ -19,12 +19,21 @@ namespace {
 constexpr Logger kLog("App");
 constexpr int kForcedExit = 1;
 
+bool isIgnored(int signal) {
+  struct sigaction action {};
+  return sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
+}
+
 sigset_t terminationSignals() {
   sigset_t set;
   sigemptyset(&set);
+  // A shell without job control starts a program in the background with SIGINT ignored, and means nothing by
+  // it.
   sigaddset(&set, SIGINT);
   sigaddset(&set, SIGTERM);
-  sigaddset(&set, SIGHUP);  // the terminal was closed
+  // The terminal was closed. Whoever ignores that at our start, such as nohup, wants us to outlive it; a
+  // blocked signal would reach us all the same.
+  if (!isIgnored(SIGHUP)) sigaddset(&set, SIGHUP);
   return set;
 }
 

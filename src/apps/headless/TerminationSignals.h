@@ -9,8 +9,9 @@
 
 namespace kestrune {
 
-/// SIGINT, SIGTERM and SIGHUP as work on a queue. block() must have been called before any other thread
-/// started, so that none of them takes the signals away.
+/// SIGINT, SIGTERM and SIGHUP as work on a queue; not SIGHUP where the program was started with it ignored.
+/// block() must have been called before any other thread started, so that none of them takes the signals
+/// away.
 ///
 /// A shutdown must not hang on a service that has stopped answering, such as the X server: from the first
 /// signal on this object has kLongestShutdown to live, then the process ends where it stands with status 1.

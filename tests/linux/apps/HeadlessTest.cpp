@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 
+#include <csignal>
 #include <optional>
 #include <string>
 #include <vector>
@@ -114,6 +115,20 @@ TEST_F(HeadlessTest, StreamsToAViewerAndEndsInTwoStepsAtASignal) {
   usleep(300'000);
   early.signal(SIGTERM);
   EXPECT_EQ(early.exitCode(), 1);
+}
+
+TEST_F(HeadlessTest, AHangUpThatWasIgnoredAtTheStartStaysIgnoredButNotAnInterrupt) {
+  const auto hangUp = std::signal(SIGHUP, SIG_IGN);
+  const auto interrupt = std::signal(SIGINT, SIG_IGN);
+  Program program(display, home.path(), port);
+  std::signal(SIGHUP, hangUp);
+  std::signal(SIGINT, interrupt);
+  const std::string address = program.linesUpTo("Local viewer: ").back();
+  program.signal(SIGHUP);
+  const auto viewer = startStream(address.substr(address.find('#') + 1));
+  EXPECT_THAT(program.linesUpTo("Phase: Streaming"), ElementsAre("Phase: Starting", "Phase: Streaming"));
+  program.signal(SIGINT);
+  EXPECT_EQ(program.exitCode(), 0);
 }
 
 TEST_F(HeadlessTest, SaysWhyItCannotStart) {
