@@ -33,7 +33,8 @@ ScreenCaptureService::ScreenCaptureService(Dependencies dependencies)
       videoQueue_(dependencies_.makeQueue(kVideoQueueLabel)),
       audioQueue_(dependencies_.makeQueue(kAudioQueueLabel)),
       callbacks_(std::make_shared<const ScreenCaptureCallbacks>()),
-      metrics_(dependencies_.clock) {}
+      metrics_(dependencies_.clock),
+      failureLog_(kCaptureLog, dependencies_.clock) {}
 
 ScreenCaptureService::~ScreenCaptureService() {
   if (encoder_) encoder_->invalidate();
@@ -85,6 +86,7 @@ Task<void> ScreenCaptureService::start(StreamSettings settings) {
       encoder_ = encoder;
       settings_ = settings;
       videoEncodingEnabled_ = false;
+      isEncodingFailing_ = false;
       audioErrorReported_ = false;
       if (selection_ != selection) chosenMeanwhile = selection_;
       hasContentChanged = stream.link->hasContentChanged;
@@ -145,14 +147,17 @@ std::shared_ptr<StreamVideoEncoder> ScreenCaptureService::makeEncoder(const Vide
     if (const auto self = weak.lock()) self->reportMetrics(self->metrics_.countDropped());
   };
   callbacks.onError = [weak](const std::exception_ptr& failure) {
-    if (const auto self = weak.lock()) self->reportError(failure);
+    const auto self = weak.lock();
+    if (!self) return;
+    self->isEncodingFailing_ = true;
+    self->reportError(failure);
   };
   callbacks.onPendingDepthChanged = [weak](std::int64_t frames) {
     if (const auto self = weak.lock()) self->metrics_.setPendingFrames(frames);
   };
-  return std::make_shared<StreamVideoEncoder>(settings, std::move(callbacks),
-                                              dependencies_.makeQueue(StreamVideoEncoder::kQueueLabel),
-                                              dependencies_.compression, dependencies_.pixelTransfer);
+  return std::make_shared<StreamVideoEncoder>(
+      settings, std::move(callbacks), dependencies_.makeQueue(StreamVideoEncoder::kQueueLabel),
+      dependencies_.compression, dependencies_.pixelTransfer, dependencies_.clock);
 }
 
 void ScreenCaptureService::setPickerActive(bool active) {
@@ -335,6 +340,8 @@ void ScreenCaptureService::handleVideo(VideoSample sample) {
 }
 
 void ScreenCaptureService::handlePacket(const EncodedVideoPacket& packet) {
+  isEncodingFailing_ = false;
+  failureLog_.succeeded();
   reportMetrics(metrics_.countEncoded(packet.payload->size()));
   if (*waitingPackets_ >= kMaximumWaitingPackets) {
     awaitsKeyframe_ = true;
@@ -381,7 +388,7 @@ void ScreenCaptureService::handleAudio(const AudioSample& sample) {
 
 void ScreenCaptureService::reportError(const std::exception_ptr& failure) {
   std::string description = localizedDescription(failure);
-  kCaptureLog.error(description);
+  failureLog_.failed(description);
   reportMetrics(metrics_.setLastError(std::move(description)));
   deliver(&ScreenCaptureCallbacks::onError, failure);
 }

@@ -17,6 +17,7 @@
 #include "coordination/model/RemoteControl.h"
 #include "platform/Displays.h"
 #include "platform/ScreenStream.h"
+#include "runtime/FailureLog.h"
 #include "runtime/Task.h"
 
 namespace kestrune {
@@ -103,6 +104,8 @@ class ScreenCaptureService final : public std::enable_shared_from_this<ScreenCap
   /// Ends the stream. Throws operationFailed if the system failed to; the stream is let go all the same.
   Task<void> stop();
   bool isRunning() const;
+  /// The encoder has failed, and given no packet since. Any thread.
+  bool isEncodingFailing() const { return isEncodingFailing_; }
 
   /// Whether frames go to the encoder. Turning it on, also once more, gives a keyframe at the next frame, and
   /// asks for that frame.
@@ -200,7 +203,10 @@ class ScreenCaptureService final : public std::enable_shared_from_this<ScreenCap
   TaskHandle pendingSelectionUpdate_;
   SharedSelection nextSelection_;  // of the newest change that is not through
 
-  CaptureMetrics metrics_;  // has a lock of its own
+  std::atomic<bool> isEncodingFailing_{false};
+  // Each has a lock of its own:
+  CaptureMetrics metrics_;
+  FailureLog failureLog_;
 };
 
 template <class Value>

@@ -77,12 +77,14 @@ std::vector<CompressionProperty> compressionProperties(const StreamVideoEncoder:
 StreamVideoEncoder::StreamVideoEncoder(Settings settings, Callbacks callbacks,
                                        std::shared_ptr<SerialQueue> queue,
                                        std::shared_ptr<CompressionSessionFactory> sessions,
-                                       std::shared_ptr<PixelTransferFactory> transfers)
+                                       std::shared_ptr<PixelTransferFactory> transfers,
+                                       std::shared_ptr<const Clock> clock)
     : settings_(settings),
       callbacks_(std::move(callbacks)),
       queue_(std::move(queue)),
       sessions_(std::move(sessions)),
-      transfers_(std::move(transfers)) {}
+      transfers_(std::move(transfers)),
+      failureLog_(kLog, std::move(clock)) {}
 
 void StreamVideoEncoder::setEnabled(bool enabled) {
   {
@@ -147,8 +149,7 @@ void StreamVideoEncoder::encodeStep(const VideoSample& sample, std::uint64_t gen
       encodeFrame(sample, generation);
     } catch (...) {
       const auto error = std::current_exception();
-      kLog.error("Encoding failed: " + localizedDescription(error));
-      reportError(error);
+      reportError("Encoding failed: " + localizedDescription(error), error);
     }
   }
   {
@@ -262,8 +263,7 @@ void StreamVideoEncoder::handleOutput(MediaStatus status, const std::shared_ptr<
   if (!isCurrent(generation)) return;
   if (status != 0 || !sample || !sample->isDataReady) {
     const auto error = failure("VideoToolbox failed to produce a frame", "OSStatus", status);
-    kLog.error(error.localizedDescription());
-    reportError(std::make_exception_ptr(error));
+    reportError(error.localizedDescription(), std::make_exception_ptr(error));
     return;
   }
 
@@ -274,10 +274,10 @@ void StreamVideoEncoder::handleOutput(MediaStatus status, const std::shared_ptr<
     const std::exception_ptr error = packaging != nullptr
                                          ? std::make_exception_ptr(*packaging)
                                          : std::make_exception_ptr(std::get<KestruneError>(result));
-    kLog.error(title(settings_.codec) + " packet conversion failed: " + localizedDescription(error));
-    reportError(error);
+    reportError(title(settings_.codec) + " packet conversion failed: " + localizedDescription(error), error);
     return;
   }
+  failureLog_.succeeded();
   if (!callbacks_.onPacket) return;
   callbacks_.onPacket({std::make_shared<const Bytes>(std::move(unit->payload)), unit->isKeyframe,
                        microseconds(sample->presentationSeconds)});
@@ -298,8 +298,9 @@ void StreamVideoEncoder::reportPendingDepth() const {
   callbacks_.onPendingDepthChanged(depth);
 }
 
-void StreamVideoEncoder::reportError(std::exception_ptr failure) const {
-  if (callbacks_.onError) callbacks_.onError(std::move(failure));
+void StreamVideoEncoder::reportError(const std::string& logLine, const std::exception_ptr& failure) {
+  failureLog_.failed(logLine);
+  if (callbacks_.onError) callbacks_.onError(failure);
 }
 
 }  // namespace kestrune

@@ -5,6 +5,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <vector>
 
 #include "capture/CaptureDimensions.h"
@@ -12,6 +13,7 @@
 #include "coordination/model/StreamSettings.h"
 #include "platform/CompressionSession.h"
 #include "platform/PixelTransfer.h"
+#include "runtime/FailureLog.h"
 #include "runtime/SerialQueue.h"
 
 namespace kestrune {
@@ -55,7 +57,7 @@ class StreamVideoEncoder final : public std::enable_shared_from_this<StreamVideo
   /// `queue` is the encoder's own (label kQueueLabel): sessions are made, frames scaled and submitted on it.
   StreamVideoEncoder(Settings settings, Callbacks callbacks, std::shared_ptr<SerialQueue> queue,
                      std::shared_ptr<CompressionSessionFactory> sessions,
-                     std::shared_ptr<PixelTransferFactory> transfers);
+                     std::shared_ptr<PixelTransferFactory> transfers, std::shared_ptr<const Clock> clock);
   StreamVideoEncoder(const StreamVideoEncoder&) = delete;
   StreamVideoEncoder& operator=(const StreamVideoEncoder&) = delete;
 
@@ -89,13 +91,14 @@ class StreamVideoEncoder final : public std::enable_shared_from_this<StreamVideo
 
   bool isCurrent(std::uint64_t generation) const;
   void reportPendingDepth() const;
-  void reportError(std::exception_ptr failure) const;
+  void reportError(const std::string& logLine, const std::exception_ptr& failure);
 
   const Settings settings_;
   const Callbacks callbacks_;
   const std::shared_ptr<SerialQueue> queue_;
   const std::shared_ptr<CompressionSessionFactory> sessions_;
   const std::shared_ptr<PixelTransferFactory> transfers_;
+  FailureLog failureLog_;  // has a lock of its own
 
   mutable std::mutex stateLock_;  // guards the fields marked below; never held across a call outside
 

@@ -11,6 +11,8 @@
 namespace kestrune {
 namespace {
 
+constexpr Logger kLog("App");
+
 /// The server asks for the token through an interface of its own, so that services stay apart.
 class StoredTokenSource final : public ViewerTokenSource {
  public:
@@ -52,7 +54,8 @@ StreamCoordinator::StreamCoordinator(StreamCoordinatorDependencies dependencies)
       mainQueue_(dependencies_.mainQueue),
       defaults_(dependencies_.defaults),
       tokenStore_(dependencies_.tokenStore),
-      sleepAssertion_(std::make_unique<SleepAssertion>(dependencies_.activities)) {
+      sleepAssertion_(std::make_unique<SleepAssertion>(dependencies_.activities)),
+      captureFailureLog_(kLog, dependencies_.clock) {
   refreshLaunchAtLoginStatus();
   loadPreferences();
   settingObservations_.push_back(preventMacSleep.observe([this](bool) { updateSleepAssertion(); }));

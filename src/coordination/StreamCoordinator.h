@@ -26,6 +26,7 @@
 #include "platform/PrivacyPermissions.h"
 #include "platform/ScreenStream.h"
 #include "runtime/Clock.h"
+#include "runtime/FailureLog.h"
 #include "runtime/Published.h"
 #include "runtime/SerialQueue.h"
 #include "runtime/Task.h"
@@ -198,6 +199,8 @@ class StreamCoordinator final : public std::enable_shared_from_this<StreamCoordi
   void clearErrors();
   void setRouteState(RemoteStreamState state, std::optional<std::string> message = {});
   void publishRemoteError(const std::string& message, bool record);
+  void handleCaptureError(const std::exception_ptr& failure);
+  void handleVideoPacket(EncodedVideoPacket packet);
   void refreshViewerURLs();
   bool requirePermissions();
 
@@ -269,6 +272,13 @@ class StreamCoordinator final : public std::enable_shared_from_this<StreamCoordi
   std::optional<VideoSettings> newestStreamSettings_;
   /// What edited preferences ask for, until applyStreamSettings() has it.
   std::optional<VideoSettings> editedStreamSettings_;
+  /// The encoder gives no picture. A new route state begins the wait for one anew.
+  struct EncodingFailure {
+    Duration since{};                 // of the continuous clock
+    std::optional<std::string> told;  // what the viewer was told is wrong
+  };
+  std::optional<EncodingFailure> encodingFailure_;
+  FailureLog captureFailureLog_;
   bool didSelectDefaultDisplay_ = false;
   std::optional<RemoteCursorState> lastPublishedCursorState_;
 };

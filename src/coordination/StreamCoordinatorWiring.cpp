@@ -65,14 +65,14 @@ void StreamCoordinator::wireCapture() {
       self, [](auto& coordinator, auto source) { coordinator.handleSourceChanged(std::move(source)); });
   callbacks.onControlTargetChanged =
       directly(remoteControlService_, [](auto& control, auto target) { control.setTarget(target); });
-  callbacks.onVideoPacket =
-      directly(server_, [](auto& server, auto packet) { server.broadcastVideo(std::move(packet)); });
+  callbacks.onVideoPacket = directly(
+      self, [](auto& coordinator, auto packet) { coordinator.handleVideoPacket(std::move(packet)); });
   callbacks.onAudioChunk =
       directly(server_->audioStore(), [](auto& store, auto chunk) { store.append(std::move(chunk)); });
   callbacks.onMetricsChanged =
       directly(self, [](auto& coordinator, const auto& record) { coordinator.applyCaptureMetrics(record); });
   callbacks.onError =
-      directly(self, [](auto& coordinator, const auto& failure) { coordinator.reportError(failure, false); });
+      directly(self, [](auto& coordinator, const auto& failure) { coordinator.handleCaptureError(failure); });
   callbacks.onCaptureStopped = directly(self, [](auto& coordinator, auto failure) {
     coordinator.startFlow(coordinator.handleCaptureStopped(std::move(failure)));
   });

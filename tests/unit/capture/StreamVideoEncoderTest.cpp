@@ -44,7 +44,7 @@ class StreamVideoEncoderTest : public testing::Test {
     };
     callbacks.onPendingDepthChanged = [this](std::int64_t depth) { depths.push_back(depth); };
     encoder = std::make_shared<StreamVideoEncoder>(
-        settings, callbacks, time->makeQueue(StreamVideoEncoder::kQueueLabel), sessions, transfers);
+        settings, callbacks, time->makeQueue(StreamVideoEncoder::kQueueLabel), sessions, transfers, time);
     encoder->setEnabled(true);
   }
   static VideoSample sample(int width = 1280, int height = 720,

@@ -214,6 +214,41 @@ TEST_F(CoordinatorStreamTest, AStreamThatDiesIsToldAndMayBeStartedAnew) {
   EXPECT_THAT(states(viewer), ElementsAre(state("starting"), state("streaming")));
 }
 
+TEST_F(CoordinatorStreamTest, AnEncoderThatGivesNoPictureIsToldUntilItDoes) {
+  compression->answersAtOnce = true;
+  const auto viewer = streamToViewer();
+  const auto showFrames = [&](int count) {
+    for (int frame = 0; frame < count; ++frame) {
+      showFrame();
+      time->advance(16ms);
+    }
+  };
+  showFrames(1);
+  compression->sessions.back()->encodeStatuses.assign(30, -5);  // half a second
+  showFrames(60);
+  EXPECT_THAT(states(viewer), IsEmpty());
+
+  preferences->edit({{"stream.videoEncoderKind", "hardware"}});
+  compression->createStatuses.assign(10'000, -12915);
+  showFrames(600);
+  const std::string reason = "Unable to create the H.265 (Experimental) encoder (OSStatus -12915).";
+  const std::string told = "The Mac could not encode the picture. Check the video encoder setting. " + reason;
+  EXPECT_THAT(states(viewer), ElementsAre(state("error", told)));
+  EXPECT_EQ(coordinator->lastError.get(), reason);
+  const auto lines = log.lines();
+  EXPECT_LE(std::ranges::count_if(lines, [](const auto& line) { return line.find("-12915") != line.npos; }),
+            6);
+  requestStart(viewer);  // another try
+  showFrames(100);
+  EXPECT_THAT(states(viewer), ElementsAre(state("streaming"), state("error", told)));
+
+  preferences->edit({{"stream.videoEncoderKind", "automatic"}});
+  compression->createStatuses.clear();
+  showFrames(1);
+  EXPECT_THAT(states(viewer), ElementsAre(state("streaming")));
+  EXPECT_THAT(phases, IsEmpty());
+}
+
 TEST_F(CoordinatorStreamTest, TheUsersStopGoesBackToStandby) {
   const auto viewer = streamToViewer();
   run(coordinator->stop());
