@@ -15,11 +15,13 @@ namespace kestrune {
 
 using PreferenceValue = std::variant<bool, std::int64_t, double, std::string>;
 
-/// The user's stored settings: a flat table of key to value. Writes are durable when they return, or logged
-/// when they cannot be. Any thread may call.
+/// The user's stored settings: a flat table of key to value. What is set holds at once, and is stored a
+/// moment later without holding up the caller, at the latest when the object ends; what cannot be stored is
+/// logged. Any thread may call.
 ///
 /// The stored form may be changed by others as well, such as the user with an editor. What they write is
-/// merged with what is set here, key by key; of two values for one key the later one holds.
+/// merged with what is set here, key by key: of two values for one key the later one holds, but one that is
+/// set here and waits to be stored is not given up.
 class Preferences {
  public:
   virtual ~Preferences() = default;

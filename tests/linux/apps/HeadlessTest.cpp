@@ -83,7 +83,9 @@ TEST_F(HeadlessTest, StreamsToAViewerAndEndsInTwoStepsAtASignal) {
                                  MatchesRegex("Local viewer: http://127\\.0\\.0\\.1:[0-9]+#[A-Za-z0-9_-]+")));
   const std::string token = lines.back().substr(lines.back().find('#') + 1);
   EXPECT_EQ(token.size(), 43u);
-  EXPECT_EQ(modeOf(home.path() / "config/kestrune/preferences.json"), 0600u);
+  const auto preferences = home.path() / "config/kestrune/preferences.json";
+  EXPECT_TRUE(testing::eventually([&] { return exists(preferences); }));
+  EXPECT_EQ(modeOf(preferences), 0600u);
 
   const LoopbackPeer health(port);
   health.send("GET /health HTTP/1.1\r\nHost: localhost\r\n\r\n");

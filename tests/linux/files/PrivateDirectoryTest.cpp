@@ -83,6 +83,19 @@ TEST_F(PrivateDirectoryTest, SetsAsideWithoutOverwriting) {
   EXPECT_EQ(readText(path_ / "file.invalid.2"), "third");
 }
 
+TEST_F(PrivateDirectoryTest, WritesUnlessSomebodyElseHas) {
+  const PrivateDirectory directory(path_);
+  EXPECT_TRUE(directory.writeUnlessChanged("file", bytes("mine"), directory.version("file")));
+  for (const bool replaces : {false, true}) {
+    const auto seen = directory.version("file");
+    writeText(path_ / (replaces ? "edited" : "file"), "theirs");
+    if (replaces) fs::rename(path_ / "edited", path_ / "file");
+    EXPECT_FALSE(directory.writeUnlessChanged("file", bytes("mine"), seen));
+    EXPECT_EQ(readText(path_ / "file"), "theirs");
+  }
+  EXPECT_FALSE(fs::exists(path_ / "file.new"));
+}
+
 TEST_F(PrivateDirectoryTest, TheLockHasOneHolder) {
   std::atomic<int> inside = 0;
   std::vector<std::thread> holders;

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <system_error>
+#include <thread>
 
 #include "platform/linux/files/ReplacedFile.h"
 
@@ -18,6 +19,7 @@ constexpr mode_t kDirectoryMode = 0700;
 constexpr mode_t kFileMode = 0600;
 constexpr mode_t kRightsOfOthers = 0077;
 constexpr int kMostSetAside = 1000;
+constexpr std::chrono::milliseconds kLockPoll{10};
 
 [[noreturn]] void fail(int error, const std::string& what) {
   throw std::system_error(error, std::generic_category(), what);
@@ -82,6 +84,24 @@ void PrivateDirectory::write(const std::string& name, ByteView bytes) const {
   replaceFile(directory_.get(), name, bytes);
 }
 
+std::optional<PrivateDirectory::FileVersion> PrivateDirectory::version(const std::string& name) const {
+  struct stat status {};
+  if (fstatat(directory_.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+    if (errno == ENOENT) return {};
+    fail(errno, name);
+  }
+  const auto nanoseconds = [](const timespec& time) {
+    return std::int64_t{time.tv_sec} * 1'000'000'000 + time.tv_nsec;
+  };
+  return FileVersion{status.st_dev, status.st_ino, status.st_size, nanoseconds(status.st_mtim),
+                     nanoseconds(status.st_ctim)};
+}
+
+bool PrivateDirectory::writeUnlessChanged(const std::string& name, ByteView bytes,
+                                          const std::optional<FileVersion>& expected) const {
+  return replaceFileIf(directory_.get(), name, bytes, [&] { return version(name) == expected; });
+}
+
 std::string PrivateDirectory::setAside(const std::string& name, const std::string& suffix) const {
   for (int number = 0; number < kMostSetAside; ++number) {
     std::string aside = name + suffix + (number == 0 ? "" : "." + std::to_string(number));
@@ -93,12 +113,28 @@ std::string PrivateDirectory::setAside(const std::string& name, const std::strin
   fail(EEXIST, name);
 }
 
-UniqueDescriptor PrivateDirectory::lock() const {
+UniqueDescriptor PrivateDirectory::openForLock() const {
   // A descriptor of its own: locks belong to open files, and directory_ stays open.
   UniqueDescriptor held(openat(directory_.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   check(static_cast<bool>(held), "lock");
+  return held;
+}
+
+UniqueDescriptor PrivateDirectory::lock() const {
+  UniqueDescriptor held = openForLock();
   while (flock(held.get(), LOCK_EX) != 0) {
     if (errno != EINTR) fail(errno, "lock");
+  }
+  return held;
+}
+
+UniqueDescriptor PrivateDirectory::lock(std::chrono::milliseconds limit) const {
+  UniqueDescriptor held = openForLock();
+  const auto end = std::chrono::steady_clock::now() + limit;
+  while (flock(held.get(), LOCK_EX | LOCK_NB) != 0) {
+    if (errno != EWOULDBLOCK && errno != EINTR) fail(errno, "lock");
+    if (std::chrono::steady_clock::now() >= end) return {};
+    std::this_thread::sleep_for(kLockPoll);  // the system has no wait with a limit for this lock
   }
   return held;
 }

@@ -29,7 +29,8 @@ void writeAll(int descriptor, ByteView bytes, const std::string& what) {
 
 }  // namespace
 
-void replaceFile(int directory, const std::string& name, ByteView bytes) {
+bool replaceFileIf(int directory, const std::string& name, ByteView bytes,
+                   const std::function<bool()>& isStillRight) {
   const std::string temporary = name + ".new";
   // Left behind by a writer that was killed.
   check(unlinkat(directory, temporary.c_str(), 0) == 0 || errno == ENOENT, temporary);
@@ -38,8 +39,17 @@ void replaceFile(int directory, const std::string& name, ByteView bytes) {
   check(static_cast<bool>(file), temporary);
   writeAll(file.get(), bytes, temporary);
   check(fsync(file.get()) == 0, temporary);
+  if (!isStillRight()) {
+    check(unlinkat(directory, temporary.c_str(), 0) == 0, temporary);
+    return false;
+  }
   check(renameat(directory, temporary.c_str(), directory, name.c_str()) == 0, name);
   check(fsync(directory) == 0, name);
+  return true;
+}
+
+void replaceFile(int directory, const std::string& name, ByteView bytes) {
+  replaceFileIf(directory, name, bytes, [] { return true; });
 }
 
 void replaceFile(const std::filesystem::path& file, ByteView bytes) {

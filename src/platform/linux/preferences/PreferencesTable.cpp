@@ -56,18 +56,26 @@ bool PreferencesTable::set(std::string_view key, PreferenceValue value) {
   const JsonValue* present = find(members_, key);
   if (present && serializeJson(*present) == serializeJson(changed)) return false;
   assign(members_, key, changed);
-  unsaved_.emplace(key);
+  noteChange(key);
   return true;
 }
 
 bool PreferencesTable::remove(std::string_view key) {
   if (std::erase_if(members_, isNamed(key)) == 0) return false;
-  unsaved_.emplace(key);
+  noteChange(key);
   return true;
 }
 
+void PreferencesTable::noteChange(std::string_view key) {
+  unsaved_.insert_or_assign(std::string(key), ++changeCount_);
+}
+
+void PreferencesTable::markSaved(std::uint64_t count) {
+  std::erase_if(unsaved_, [count](const auto& entry) { return entry.second <= count; });
+}
+
 std::vector<std::string> PreferencesTable::merge(JsonValue::Object members) {
-  for (const auto& key : unsaved_) {
+  for (const auto& [key, change] : unsaved_) {
     if (const JsonValue* mine = find(members_, key)) {
       assign(members, key, *mine);
     } else {

@@ -1,7 +1,8 @@
 #pragma once
 
+#include <cstdint>
+#include <map>
 #include <optional>
-#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -24,13 +25,20 @@ class PreferencesTable {
   /// another one by that.
   std::vector<std::string> merge(JsonValue::Object members);
   bool hasUnsavedChanges() const { return !unsaved_.empty(); }
-  void markSaved() { unsaved_.clear(); }
+  /// Counts the changes made here.
+  std::uint64_t changeCount() const { return changeCount_; }
+  /// The table has been written as it was when changeCount() was `count`.
+  void markSaved(std::uint64_t count);
   /// The content of the file: one key a line, for people who read it.
   std::string text() const;
 
  private:
+  void noteChange(std::string_view key);
+
   JsonValue::Object members_;
-  std::set<std::string, std::less<>> unsaved_;  // keys; those that are no members were removed
+  // Key to the number of its newest change; a key that is no member was removed.
+  std::map<std::string, std::uint64_t, std::less<>> unsaved_;
+  std::uint64_t changeCount_ = 0;
 };
 
 }  // namespace kestrune::linux_platform
