@@ -7,8 +7,7 @@ import { control } from './control-protocol.js';
 import { LARGEST_AUDIO_BATCH, audioSequenceOf, parseAudioBatch } from './wire-protocol.js';
 
 const PING_INTERVAL_MS = 2000;
-const MISSED_ANSWERS = 2;
-const MOST_OPEN_PINGS = 16;
+const SILENT_INTERVALS = 2;
 const CONNECT_TIMEOUT_MS = 10000;
 /** A ghost of our own lost link may still be held by the host for a while; within this time we may push it aside. */
 const GHOST_MS = 60000;
@@ -89,32 +88,35 @@ export class ReconnectPolicy {
 }
 
 /**
- * Tells a dead link from a slow one: pings go out at every interval, and whatever comes from the host is a sign of life.
- * On a slow road the answers wait behind the picture, for seconds. Pure: the owner calls `due` at every interval.
+ * Tells a dead link from a slow one: whatever comes from the host is a sign of life, and a ping asks for one.
+ * On a slow link the answer waits behind the picture, for seconds. The next ping waits for it: the host may answer
+ * several pings at once, and the round trips would be those of other pings. Pure: the owner calls `due` at every
+ * interval.
  */
 export class Liveness {
   constructor() {
-    this.silentPings = 0; // sent since anything was heard
-    this.sentAt = []; // of the pings without an answer, oldest first; answers keep their order
+    this.silentIntervals = 0; // since anything was heard
+    this.pingSentAt = null; // of the ping without an answer
   }
 
-  /** @returns {boolean} false when the link is dead; otherwise a ping goes out now */
+  /** @returns {'ping' | 'wait' | 'dead'} what to do now */
   due(nowMs) {
-    if (this.silentPings >= MISSED_ANSWERS) return false;
-    this.silentPings++;
-    this.sentAt.push(nowMs);
-    if (this.sentAt.length > MOST_OPEN_PINGS) this.sentAt.shift();
-    return true;
+    if (this.silentIntervals >= SILENT_INTERVALS) return 'dead';
+    this.silentIntervals++;
+    if (this.pingSentAt !== null) return 'wait';
+    this.pingSentAt = nowMs;
+    return 'ping';
   }
 
   heard() {
-    this.silentPings = 0;
+    this.silentIntervals = 0;
   }
 
   /** @returns {number | null} the round trip in milliseconds; null for an answer without a ping */
   answered(nowMs) {
-    const sentAt = this.sentAt.shift();
-    return sentAt === undefined ? null : nowMs - sentAt;
+    const sentAt = this.pingSentAt;
+    this.pingSentAt = null;
+    return sentAt === null ? null : nowMs - sentAt;
   }
 }
 
@@ -219,11 +221,9 @@ export class Connection {
   }
 
   ping() {
-    if (this.liveness.due(performance.now())) {
-      this.send(control.simple('ping'));
-      return;
-    }
-    this.closed(1006, '');
+    const next = this.liveness.due(performance.now());
+    if (next === 'ping') this.send(control.simple('ping'));
+    else if (next === 'dead') this.closed(1006, '');
   }
 
   closed(code, reason) {

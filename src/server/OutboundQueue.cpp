@@ -7,7 +7,7 @@ namespace kestrune {
 namespace {
 
 bool isDroppable(const OutboundSend& send) {
-  return send.droppable;
+  return send.isDroppable();
 }
 
 }  // namespace
@@ -19,7 +19,7 @@ OutboundQueue::AppendResult OutboundQueue::append(OutboundSend send, OutboundBud
     result.outcome = Outcome::tooLarge;
     return result;
   }
-  place(std::move(send));
+  appendOrReplace(std::move(send));
   while (pendingSends_.size() > budget.maxSends || pendingBytes_ > budget.maxBytes) {
     const auto oldest = std::find_if(pendingSends_.begin(), pendingSends_.end(), isDroppable);
     if (oldest == pendingSends_.end()) {
@@ -33,12 +33,11 @@ OutboundQueue::AppendResult OutboundQueue::append(OutboundSend send, OutboundBud
   return result;
 }
 
-void OutboundQueue::place(OutboundSend send) {
+void OutboundQueue::appendOrReplace(OutboundSend send) {
   pendingBytes_ += send.data.size();
-  const auto older = send.isLatestState
-                         ? std::find_if(pendingSends_.begin(), pendingSends_.end(),
-                                        [](const OutboundSend& waiting) { return waiting.isLatestState; })
-                         : pendingSends_.end();
+  const auto isOlder = [kind = send.kind](const OutboundSend& waiting) { return waiting.kind == kind; };
+  const auto older = send.isReplaceable() ? std::find_if(pendingSends_.begin(), pendingSends_.end(), isOlder)
+                                          : pendingSends_.end();
   if (older == pendingSends_.end()) {
     pendingSends_.push_back(std::move(send));
   } else {
@@ -58,8 +57,8 @@ std::optional<OutboundSend> OutboundQueue::takeFirst() {
 std::size_t OutboundQueue::purgeDroppable() {
   const auto before = pendingSends_.size();
   std::erase_if(pendingSends_, [this](const OutboundSend& send) {
-    if (send.droppable) pendingBytes_ -= send.data.size();
-    return send.droppable;
+    if (send.isDroppable()) pendingBytes_ -= send.data.size();
+    return send.isDroppable();
   });
   return before - pendingSends_.size();
 }

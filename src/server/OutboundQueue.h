@@ -8,13 +8,28 @@
 
 namespace kestrune {
 
+/// What a send is to the queue.
+enum class OutboundKind {
+  message,  // goes out, in its order
+  // Only the newest of each matters: while one waits, a newer one replaces it.
+  cursorState,
+  hostDiagnostics,
+  pong,
+  // Video may be dropped.
+  deltaFrame,
+  keyframe,
+};
+
 /// One whole WebSocket frame on its way to the viewer.
 struct OutboundSend {
   GatheredBytes data;
-  bool droppable = false;  // video frames only
-  bool isKeyframe = false;
-  /// A message that only says how something is now: while it waits, a newer one takes its place.
-  bool isLatestState = false;
+  OutboundKind kind = OutboundKind::message;
+
+  bool isDroppable() const { return kind == OutboundKind::deltaFrame || kind == OutboundKind::keyframe; }
+  bool isReplaceable() const {
+    return kind == OutboundKind::cursorState || kind == OutboundKind::hostDiagnostics ||
+           kind == OutboundKind::pong;
+  }
 };
 
 /// What may wait for a viewer; sizes count whole WebSocket frames.
@@ -40,7 +55,7 @@ class OutboundQueue {
     std::size_t dropped = 0;  // droppable sends that went, oldest first
   };
 
-  /// A latest state takes the place of the one that waits, and does not count twice.
+  /// A replaceable send takes the place of the waiting one of its kind, and does not count twice.
   AppendResult append(OutboundSend send, OutboundBudget budget);
   std::optional<OutboundSend> takeFirst();
   /// Removes every droppable send; gives their number. The others keep their order.
@@ -52,7 +67,7 @@ class OutboundQueue {
   std::size_t pendingBytes() const { return pendingBytes_; }
 
  private:
-  void place(OutboundSend send);
+  void appendOrReplace(OutboundSend send);
 
   std::deque<OutboundSend> pendingSends_;
   std::size_t pendingBytes_ = 0;

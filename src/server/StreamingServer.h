@@ -175,9 +175,8 @@ class StreamingServer : public std::enable_shared_from_this<StreamingServer> {
 
   // Outbound (StreamingServerOutbound.cpp)
   void broadcastNow(const EncodedVideoPacket& packet);
-  void enqueue(GatheredBytes data, const Client& client, bool droppable, bool isKeyframe,
-               bool isLatestState = false);
-  void enqueueText(const std::string& text, const Client& client, bool isLatestState = false);
+  void enqueue(OutboundSend send, const Client& client);
+  void enqueueText(const std::string& text, const Client& client, OutboundKind kind = OutboundKind::message);
   void pump(const Client& client);
   void handleSent(const Client& client, std::size_t size, bool succeeded);
   void purgeDroppable(ClientContext& client);

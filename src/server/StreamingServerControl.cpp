@@ -139,7 +139,9 @@ struct StreamingServer::ControlDispatch {
         });
   }
 
-  void operator()(const viewer_command::Ping&) { server.enqueueText(pongMessage(), client); }
+  void operator()(const viewer_command::Ping&) {
+    server.enqueueText(pongMessage(), client, OutboundKind::pong);
+  }
 
  private:
   static constexpr auto kWithoutCallback = RemoteTapResult::displayRequired;

@@ -56,18 +56,19 @@ void StreamingServer::broadcastNow(const EncodedVideoPacket& packet) {
     viewer->awaitingKeyframeAfterDrop = false;
   }
   auto body = encodeVideoFrame(packet.payload, packet.isKeyframe, packet.presentationTimeMicroseconds);
-  enqueue(encodeFrame(std::move(body), WebSocketOpcode::binary), viewer, true, packet.isKeyframe);
+  enqueue({encodeFrame(std::move(body), WebSocketOpcode::binary),
+           packet.isKeyframe ? OutboundKind::keyframe : OutboundKind::deltaFrame},
+          viewer);
 }
 
-void StreamingServer::enqueue(GatheredBytes data, const Client& client, bool droppable, bool isKeyframe,
-                              bool isLatestState) {
+void StreamingServer::enqueue(OutboundSend send, const Client& client) {
   if (client->closed) return;
   const auto budget = client->controlMode ? kControlModeBudget : kVideoModeBudget;
-  const auto result =
-      client->pendingSends.append({std::move(data), droppable, isKeyframe, isLatestState}, budget);
+  const bool isDroppable = send.isDroppable();
+  const auto result = client->pendingSends.append(std::move(send), budget);
   switch (result.outcome) {
     case OutboundQueue::Outcome::tooLarge:
-      if (!droppable) {
+      if (!isDroppable) {
         closeClient(client, websocket_close::kSendQueueOverflow);
         return;
       }
@@ -87,9 +88,9 @@ void StreamingServer::enqueue(GatheredBytes data, const Client& client, bool dro
   }
 }
 
-void StreamingServer::enqueueText(const std::string& text, const Client& client, bool isLatestState) {
+void StreamingServer::enqueueText(const std::string& text, const Client& client, OutboundKind kind) {
   const ByteView bytes(reinterpret_cast<const std::uint8_t*>(text.data()), text.size());
-  enqueue(encodeFrame(bytes, WebSocketOpcode::text), client, false, false, isLatestState);
+  enqueue({encodeFrame(bytes, WebSocketOpcode::text), kind}, client);
 }
 
 void StreamingServer::pump(const Client& client) {
@@ -135,10 +136,11 @@ void StreamingServer::sendStreamSettings(const Client& client, bool reconfigured
               client);
 }
 
-// The pointer moves some 15 times a second: on a link that stands still for a moment its old places must not
-// fill the few places that control messages have, and cost the viewer its connection.
+// The pointer moves some 15 times a second, and each dropped frame changes the diagnostics: on a link that
+// stands still for a moment stale ones must not fill the few places that control messages have, which would
+// close the connection.
 void StreamingServer::sendCursorState(const Client& client) {
-  enqueueText(cursorStateMessage(remoteCursorState_), client, true);
+  enqueueText(cursorStateMessage(remoteCursorState_), client, OutboundKind::cursorState);
 }
 
 void StreamingServer::sendStreamState(const Client& client) {
@@ -150,7 +152,8 @@ void StreamingServer::sendStreamState(const Client& client) {
 }
 
 void StreamingServer::sendHostDiagnostics(const Client& client) {
-  if (lastHostDiagnostics_) enqueueText(hostDiagnosticsMessage(*lastHostDiagnostics_), client);
+  if (!lastHostDiagnostics_) return;
+  enqueueText(hostDiagnosticsMessage(*lastHostDiagnostics_), client, OutboundKind::hostDiagnostics);
 }
 
 }  // namespace kestrune

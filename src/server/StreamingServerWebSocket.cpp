@@ -63,7 +63,7 @@ void StreamingServer::handleFrame(const Client& client, const WebSocketFrame& fr
       closeClient(client, websocket_close::kTextRequired);
       return;
     case WebSocketOpcode::ping:
-      enqueue(encodeFrame(frame.payload, WebSocketOpcode::pong), client, false, false);
+      enqueue({encodeFrame(frame.payload, WebSocketOpcode::pong), OutboundKind::message}, client);
       return;
     case WebSocketOpcode::pong:
       return;

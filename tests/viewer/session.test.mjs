@@ -29,17 +29,18 @@ test('refusals are answered as they are meant', () => {
 
 test('a link is dead after two intervals of silence, not because answers are slow', () => {
   const liveness = new Liveness();
-  assert.equal(liveness.due(0), true);
+  assert.equal(liveness.due(0), 'ping');
   liveness.heard();
   assert.equal(liveness.answered(30), 30);
   for (let now = 2000; now <= 8000; now += 2000) {
-    assert.equal(liveness.due(now), true);
-    liveness.heard(); // a frame, with the answers waiting behind it
+    assert.equal(liveness.due(now), now === 2000 ? 'ping' : 'wait');
+    liveness.heard(); // a frame, with the answer waiting behind it
   }
   assert.equal(liveness.answered(8500), 6500);
-  assert.equal(liveness.due(10000), true);
-  assert.equal(liveness.due(12000), true);
-  assert.equal(liveness.due(14000), false);
+  assert.equal(liveness.answered(8600), null);
+  assert.equal(liveness.due(10000), 'ping');
+  assert.equal(liveness.due(12000), 'wait');
+  assert.equal(liveness.due(14000), 'dead');
 });
 
 test('a viewer asks before it takes over, but pushes its own ghost aside', () => {

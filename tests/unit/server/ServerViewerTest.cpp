@@ -191,36 +191,46 @@ TEST_F(ServerViewerTest, AFrameOverTheBudgetIsDroppedAloneAndAskedForAgain) {
   EXPECT_EQ(snapshot().droppedOutboundFrames, 3u);
 }
 
-TEST_F(ServerViewerTest, AMovingPointerDoesNotCostAStandingLinkItsViewer) {
+TEST_F(ServerViewerTest, StaleStateDoesNotCostAStandingLinkItsViewer) {
   const auto viewer = connectViewer();
   enterControlMode(viewer);
   viewer->takesSends = false;
   broadcast(1, false);
-  sendText(viewer, R"({"type":"ping"})");
-  for (int index = 0; index < 100; ++index) server->updateRemoteCursorState({true, 1.0 / (index + 1), 0.5});
-  sendText(viewer, R"({"type":"ping"})");
-  EXPECT_THAT(seen(), IsEmpty());
+  HostDiagnostics diagnostics;
+  for (int index = 0; index < 100; ++index) {
+    sendText(viewer, R"({"type":"ping"})");
+    server->updateRemoteCursorState({true, 1.0 / (index + 1), 0.5});
+    diagnostics.capturedFrames = static_cast<std::uint64_t>(index);
+    server->updateHostDiagnostics(diagnostics);
+  }
+  sendText(viewer, R"({"type":"resetBrowser"})");
+  EXPECT_THAT(seen(), ElementsAre("resetBrowser"));
   viewer->takesSends = true;
   viewer->completeSend();
   time->runReady();
   EXPECT_THAT(received(viewer),
               ElementsAre("video delta 10", R"({"type":"pong"})",
-                          R"({"type":"cursorState","visible":true,"x":0.01,"y":0.5})", R"({"type":"pong"})"));
+                          R"({"type":"cursorState","visible":true,"x":0.01,"y":0.5})",
+                          HasSubstr(R"("capturedFrames":99)"), HasSubstr("resetBrowserResult")));
 }
 
 TEST_F(ServerViewerTest, AViewerThatTakesNoControlMessagesIsClosed) {
   const auto viewer = connectViewer();
   enterControlMode(viewer);
   viewer->takesSends = false;
-  for (int index = 0; index < 5; ++index) sendText(viewer, R"({"type":"ping"})");
+  const auto ping = [&] {
+    viewer->deliver(maskedFrame(0x89, "p"));
+    time->runReady();
+  };
+  for (int index = 0; index < 5; ++index) ping();
   EXPECT_THAT(seen(), IsEmpty());
-  sendText(viewer, R"({"type":"ping"})");
+  ping();
   EXPECT_THAT(seen(), ElementsAre("controlEnded", "disconnected"));
   EXPECT_TRUE(log.contains("notice [Server] Viewer disconnected"));
   viewer->takesSends = true;
   viewer->completeSend();
   time->runReady();
-  EXPECT_THAT(received(viewer), ElementsAre(R"({"type":"pong"})", closeFrame(1011, "Send queue overflow")));
+  EXPECT_THAT(received(viewer), ElementsAre("p", closeFrame(1011, "Send queue overflow")));
 }
 
 TEST_F(ServerViewerTest, CountsWhatItWrote) {
