@@ -24,7 +24,7 @@ export function namedKey(key) {
 }
 
 export const control = {
-  auth: (token, takeover) => ({ type: 'auth', token, takeover }),
+  auth: (token, takeover, viewer) => ({ type: 'auth', token, takeover, viewer }),
   startStream: () => ({ type: 'startStream' }),
   keyframe: () => ({ type: 'keyframe' }),
   mode: (mode) => ({ type: 'mode', mode }),

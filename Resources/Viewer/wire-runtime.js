@@ -9,8 +9,6 @@ import { LARGEST_AUDIO_BATCH, audioSequenceOf, parseAudioBatch } from './wire-pr
 const PING_INTERVAL_MS = 2000;
 const SILENT_INTERVALS = 2;
 const CONNECT_TIMEOUT_MS = 10000;
-/** A ghost of our own lost link may still be held by the host for a while; within this time we may push it aside. */
-const GHOST_MS = 60000;
 
 const STEADY_MS = 5000; // a connection that breaks sooner is one more failure
 const FIRST_DELAY_MS = 400;
@@ -120,6 +118,12 @@ export class Liveness {
   }
 }
 
+/** A random name for this page: 16 bytes as 22 characters of base64url. It is no secret. */
+export function newViewerIdentifier() {
+  const bytes = crypto.getRandomValues(new Uint8Array(16));
+  return btoa(String.fromCharCode(...bytes)).replace(/\+/g, '-').replace(/\//g, '_').replace(/=/g, '');
+}
+
 /** The address of the stream beside the page. The token never becomes part of it. */
 export function streamAddress(location) {
   return `${location.protocol === 'https:' ? 'wss:' : 'ws:'}//${location.host}/stream`;
@@ -137,6 +141,8 @@ export class Connection {
   constructor(address, token, handlers) {
     this.address = address;
     this.token = token;
+    // By it the host knows a connection that we have lost, and it has not, as ours.
+    this.viewer = newViewerIdentifier();
     this.handlers = handlers;
     this.policy = new ReconnectPolicy();
     this.socket = null;
@@ -145,9 +151,6 @@ export class Connection {
     this.reconnects = 0;
     this.everConnected = false;
     this.retryTimer = null;
-    // By the calendar: other clocks stand still while the computer sleeps, and the host's patience does not.
-    this.lastHeardAt = -Infinity;
-    this.lostSilentlyAt = -Infinity;
   }
 
   connect(takeover = false) {
@@ -157,8 +160,7 @@ export class Connection {
     const socket = new WebSocket(this.address);
     socket.binaryType = 'arraybuffer';
     this.socket = socket;
-    const ghost = Date.now() - this.lostSilentlyAt < GHOST_MS;
-    socket.onopen = () => socket.send(JSON.stringify(control.auth(this.token, takeover || ghost)));
+    socket.onopen = () => socket.send(JSON.stringify(control.auth(this.token, takeover, this.viewer)));
     socket.onmessage = (event) => this.received(event.data);
     socket.onclose = (event) => this.closed(event.code, event.reason);
     this.openTimer = setTimeout(() => this.closed(1006, ''), CONNECT_TIMEOUT_MS);
@@ -185,7 +187,6 @@ export class Connection {
 
   received(data) {
     const now = performance.now();
-    this.lastHeardAt = Date.now();
     if (this.liveness) this.liveness.heard();
     if (typeof data !== 'string') {
       this.handlers.onFrame(data, now);
@@ -212,7 +213,6 @@ export class Connection {
     this.authenticated = true;
     if (this.everConnected) this.reconnects++;
     this.everConnected = true;
-    this.lostSilentlyAt = -Infinity;
     this.authenticatedAt = performance.now();
     this.liveness = new Liveness();
     this.pingTimer = setInterval(() => this.ping(), PING_INTERVAL_MS);
@@ -229,8 +229,6 @@ export class Connection {
   closed(code, reason) {
     const now = performance.now();
     if (this.authenticated && now - this.authenticatedAt >= STEADY_MS) this.policy.succeeded();
-    // Without a close frame the host may not know yet that this link is gone.
-    if (code === 1006 && this.authenticated) this.lostSilentlyAt = this.lastHeardAt;
     this.discardSocket();
     const next = this.policy.closed(code, reason);
     if (next.action !== 'retry') {

@@ -34,7 +34,10 @@ class TcpConnection {
   virtual void receive(std::size_t minimum, std::size_t maximum, ReceiveHandler handler) = 0;
   /// One send at a time; both pieces go out with one gathered write.
   virtual void send(GatheredBytes message, SendHandler handler) = 0;
-  /// Closes at once and drops what was not taken yet. Idempotent.
+  /// Ends our side behind what was sent (half-close); receiving goes on. Not while a send is in flight.
+  virtual void finishSending() = 0;
+  /// Closes at once and drops what was not taken yet. Idempotent. Bytes that the peer sends from then on, or
+  /// that were not received, may cost it what it has not read yet.
   virtual void cancel() = 0;
 };
 

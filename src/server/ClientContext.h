@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <string>
 #include <utility>
 
 #include "platform/Network.h"
@@ -38,10 +39,17 @@ struct ClientContext {
   DelayedWork audioPollWorkItem;
   /// The close frame that follows the send in flight.
   std::optional<GatheredBytes> closeFrame;
-  /// When a closed client that does not take its last message is ended.
+  /// When a closed client that does not take its last message, or does not end its side, is ended.
   std::optional<Duration> closingDeadline;
-  bool controlMode = false;  // false: video mode
+  /// A close frame is its last message. Input is read and discarded until the peer ends its side: a socket
+  /// that is closed before resets the connection, and the peer loses the frame (RFC 9293 §3.6.1).
+  bool discardsInput = false;
+  bool hasFinishedSending = false;
+  bool hasPeerEnded = false;  // the peer has ended its side while its last message is on its way
+  bool controlMode = false;   // false: video mode
   bool videoPlaybackPaused = false;
+  /// The page that this connection belongs to, if it said so.
+  std::optional<std::string> viewerIdentifier;
   std::optional<Duration> lastRemoteTapAt;
   std::optional<Duration> lastRemotePointerMoveAt;
   bool closed = false;  // nothing more is read from it or queued for it

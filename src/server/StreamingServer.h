@@ -137,6 +137,7 @@ class StreamingServer : public std::enable_shared_from_this<StreamingServer> {
   void acceptConnection(std::shared_ptr<TcpConnection> connection);
   void receiveNext(const Client& client);
   void handleReceived(const Client& client, ByteView bytes);
+  void handlePeerEnd(const Client& client);
   void endClient(const Client& client);
   /// Cuts the connection and everything that waits on it.
   static void disconnect(ClientContext& client);
@@ -144,9 +145,10 @@ class StreamingServer : public std::enable_shared_from_this<StreamingServer> {
   static ViewerEnding endingOf(const ClientContext& client);
   /// Nothing more is read from the client or queued for it.
   static void markClosed(ClientContext& client);
-  /// Sends the last message of a closed client and then ends it.
+  /// Sends the last message of a closed client and then ends it; behind a close frame not before the peer has
+  /// ended its side.
   void sendLast(const Client& client, GatheredBytes message, bool countsAsSent);
-  /// Ends a closed client that has not taken its last message when `patience` is over, or a little later.
+  /// Ends a closed client that is still there when `patience` is over, or a little later.
   void limitClosing(ClientContext& client, Duration patience);
   void armClosingSweep();
   void sweepClosing();

@@ -34,13 +34,16 @@ void StreamingServer::handleAuthMessage(const ViewerAuthentication& message, con
     return;
   }
   if (const auto viewer = activeViewer()) {
-    if (message.takeover == false) {
+    // A page comes back after a lost link of which the host has heard nothing yet: that is no second viewer.
+    const bool isSameViewer = message.viewer && message.viewer == viewer->viewerIdentifier;
+    if (message.takeover == false && !isSameViewer) {
       closeClient(client, websocket_close::kViewerActive);
       return;
     }
     closeClient(viewer, websocket_close::kReplaced);
     kServerLog.notice("Existing viewer replaced by a newer authenticated viewer");
   }
+  client->viewerIdentifier = message.viewer;
   admitViewer(client);
 }
 

@@ -28,21 +28,29 @@ void StreamingServer::acceptConnection(std::shared_ptr<TcpConnection> connection
 }
 
 void StreamingServer::receiveNext(const Client& client) {
-  if (client->closed) return;
+  if (client->closed && !client->discardsInput) return;
   client->connection->receive(
       1, kMaximumRead,
       whileAlive(client, [](StreamingServer& server, const Client& self, ByteView bytes, bool isComplete,
                             const std::optional<std::string>& failure) {
         if (!self->closed && !bytes.empty()) server.handleReceived(self, bytes);
-        // A peer that has only ended its own side still gets the answer that is on its way.
-        const bool isAnswering = self->closed && !failure;
-        if (failure) kServerLog.debug("Viewer connection ended: " + *failure);
-        if (failure || (isComplete && !isAnswering)) {
+        if (failure) {
+          kServerLog.debug("Viewer connection ended: " + *failure);
           server.endClient(self);
+        } else if (isComplete) {
+          server.handlePeerEnd(self);
         } else {
           server.receiveNext(self);
         }
       }));
+}
+
+void StreamingServer::handlePeerEnd(const Client& client) {
+  if (client->closed && !client->hasFinishedSending) {
+    client->hasPeerEnded = true;  // it still gets the answer that is on its way
+  } else {
+    endClient(client);
+  }
 }
 
 void StreamingServer::handleReceived(const Client& client, ByteView bytes) {
@@ -96,11 +104,17 @@ StreamingServer::ViewerEnding StreamingServer::endingOf(const ClientContext& cli
 
 void StreamingServer::sendLast(const Client& client, GatheredBytes message, bool countsAsSent) {
   const auto counted = countsAsSent ? message.size() : 0;
-  client->connection->send(std::move(message),
-                           whileAlive(client, [counted](StreamingServer& server, const Client& self, bool) {
-                             server.bytesSent_ += counted;
-                             server.endClient(self);
-                           }));
+  client->connection->send(
+      std::move(message),
+      whileAlive(client, [counted](StreamingServer& server, const Client& self, bool succeeded) {
+        server.bytesSent_ += counted;
+        if (!succeeded || !self->discardsInput || self->hasPeerEnded) {
+          server.endClient(self);
+        } else {
+          self->hasFinishedSending = true;
+          self->connection->finishSending();
+        }
+      }));
 }
 
 void StreamingServer::limitClosing(ClientContext& client, Duration patience) {

@@ -8,7 +8,8 @@ namespace kestrune {
 namespace {
 
 constexpr Duration kAuthenticationTimeout = std::chrono::seconds(5);
-// A close frame behind a send that a stuck peer does not take would hold the connection for ever.
+// A close frame behind a send that a stuck peer does not take, or a peer that does not close in its turn,
+// would hold the connection for ever.
 constexpr Duration kClosePatience = std::chrono::seconds(5);
 
 }  // namespace
@@ -77,6 +78,7 @@ void StreamingServer::closeClient(const Client& client, WebSocketClose reason) {
   if (client->closed) return;
   markClosed(*client);
   viewerEnded(*client);  // the owner sees the viewer as gone before the peer does
+  client->discardsInput = true;
   limitClosing(*client, kClosePatience);
   auto frame = encodeCloseFrame(reason);
   if (client->isSending) {

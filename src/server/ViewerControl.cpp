@@ -135,6 +135,14 @@ Outcome readTelemetry(const JsonValue& object) {
   return ViewerTelemetry{*fps, *decode, *videoBuffer, *audioBuffer, *audioDrift, *reconnects, *target};
 }
 
+bool isViewerIdentifier(std::string_view text) {
+  constexpr std::size_t kLength = 22;  // 16 bytes
+  return text.size() == kLength && std::all_of(text.begin(), text.end(), [](char c) {
+           return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' ||
+                  c == '_';
+         });
+}
+
 bool isReportId(std::string_view text) {
   return text.size() == 4 && text.front() != '0' &&
          std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
@@ -193,6 +201,8 @@ ViewerAuthentication readAuthentication(const ViewerMessage& message) {
   authentication.isAuthentication = message.type == "auth";
   if (const auto* token = stringField(message.object, "token")) authentication.token = *token;
   authentication.takeover = booleanField(message.object, "takeover");
+  const auto* viewer = stringField(message.object, "viewer");
+  if (viewer && isViewerIdentifier(*viewer)) authentication.viewer = *viewer;
   return authentication;
 }
 

@@ -30,6 +30,10 @@ struct ViewerAuthentication {
   bool isAuthentication = false;  // whether it is one
   std::optional<std::string> token;
   std::optional<bool> takeover;
+  /// What the page calls itself, 22 characters of base64url: the connections of one page have the same, so
+  /// that it may replace one of its own that the host does not know to be lost. Missing if it has another
+  /// form.
+  std::optional<std::string> viewer;
 };
 ViewerAuthentication readAuthentication(const ViewerMessage& message);
 

@@ -189,13 +189,14 @@ export class FakeHost {
     if (refuse) socket.close(...refuse);
     else if (message.type !== 'auth') socket.close(1008, 'Authenticate first');
     else if (message.token !== TOKEN) socket.close(1008, 'Unauthorized');
-    else if (this.viewer && message.takeover === false) socket.close(4001, 'Another viewer is active');
-    else this.greet(socket);
+    else if (this.viewer && message.takeover === false && message.viewer !== this.viewerIdentifier) socket.close(4001, 'Another viewer is active');
+    else this.greet(socket, message.viewer);
   }
 
-  greet(socket) {
+  greet(socket, viewerIdentifier) {
     if (this.viewer) this.viewer.close(4001, 'Replaced by newer viewer');
     this.viewer = socket;
+    this.viewerIdentifier = viewerIdentifier;
     this.controlMode = false;
     this.send({ type: 'authenticated', audioSequence: this.tone.latest });
     this.sendSettings(false);

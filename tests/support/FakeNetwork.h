@@ -46,9 +46,13 @@ class FakeTcpConnection final : public TcpConnection, public std::enable_shared_
     finishSend(succeeded);
   }
 
+  /// Whether the peer ends its side when the server does.
+  bool closesInReturn = true;
+
   std::string sent;      // all that was taken
   std::string inFlight;  // the send that is not taken yet
   bool started = false;
+  bool finished = false;
   bool cancelled = false;
 
   // The server's side.
@@ -61,11 +65,17 @@ class FakeTcpConnection final : public TcpConnection, public std::enable_shared_
     pumpReceive();
   }
   void send(GatheredBytes message, SendHandler handler) override {
-    if (sendHandler_ || cancelled) throw std::logic_error("a send is in flight, or the connection is gone");
+    if (sendHandler_ || finished || cancelled)
+      throw std::logic_error("a send is in flight, or none may follow");
     inFlight.assign(message.head.begin(), message.head.end());
     if (message.body) inFlight.append(message.body->begin(), message.body->end());
     sendHandler_ = std::move(handler);
     if (takesSends) completeSend();
+  }
+  void finishSending() override {
+    if (sendHandler_ || cancelled) throw std::logic_error("bad end of sending");
+    finished = true;
+    if (closesInReturn) deliverEnd();
   }
   void cancel() override {
     cancelled = true;

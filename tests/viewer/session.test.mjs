@@ -43,7 +43,7 @@ test('a link is dead after two intervals of silence, not because answers are slo
   assert.equal(liveness.due(14000), 'dead');
 });
 
-test('a viewer asks before it takes over, but pushes its own ghost aside', () => {
+test('a viewer never takes over by itself, and says which page it is', () => {
   const sockets = [];
   globalThis.WebSocket = class {
     static OPEN = 1;
@@ -54,28 +54,24 @@ test('a viewer asks before it takes over, but pushes its own ghost aside', () =>
     close() { this.closed = true; }
   };
   const phases = [];
-  const connection = new Connection('ws://host/stream', 'secret', { onPhase: (phase) => phases.push(phase), onMessage: () => {} });
-  const takeoverOfNext = () => {
-    connection.connect();
+  const handlers = { onPhase: (phase) => phases.push(phase), onMessage: () => {} };
+  const connection = new Connection('ws://host/stream', 'secret', handlers);
+  const authOfNext = (...takeover) => {
+    connection.connect(...takeover);
     sockets.at(-1).onopen();
-    return sockets.at(-1).sent[0].takeover;
+    return sockets.at(-1).sent[0];
   };
-  assert.equal(takeoverOfNext(), false);
-  sockets[0].onclose({ code: 1006, reason: '' }); // never authenticated: nothing of ours is left there
-  assert.equal(takeoverOfNext(), false);
+  const first = authOfNext();
+  assert.match(first.viewer, /^[A-Za-z0-9_-]{22}$/);
+  assert.deepEqual(first, { type: 'auth', token: 'secret', takeover: false, viewer: first.viewer });
+  sockets[0].onmessage({ data: '{"type":"authenticated"}' });
+  sockets[0].onclose({ code: 1006, reason: '' }); // the host may still hold this one for alive
+  assert.deepEqual(authOfNext(), first);
   sockets[1].onmessage({ data: '{"type":"authenticated"}' });
-  sockets[1].onclose({ code: 1006, reason: '' });
-  assert.equal(takeoverOfNext(), true);
-  sockets[2].onmessage({ data: '{"type":"authenticated"}' });
-  sockets[2].onclose({ code: 4001, reason: 'Replaced by newer viewer' });
+  sockets[1].onclose({ code: 4001, reason: 'Replaced by newer viewer' });
   assert.equal(phases.at(-1), 'replaced');
-  assert.equal(takeoverOfNext(), false);
-  sockets[3].onmessage({ data: '{"type":"authenticated"}' });
-  const { now } = Date;
-  Date.now = () => now() + 3600e3; // asleep for an hour: somebody else may have begun meanwhile
-  sockets[3].onclose({ code: 1006, reason: '' });
-  assert.equal(takeoverOfNext(), false);
-  Date.now = now;
+  assert.deepEqual(authOfNext(true), { ...first, takeover: true });
+  assert.notEqual(new Connection('ws://host/stream', 'secret', handlers).viewer, first.viewer);
   connection.stop();
   assert.ok(sockets.every((socket) => socket.closed));
   delete globalThis.WebSocket;

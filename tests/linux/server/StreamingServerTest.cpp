@@ -65,8 +65,8 @@ ServerFrame readFrame(const LoopbackPeer& peer) {
   return takeServerFrames(bytes).at(0);
 }
 
-LoopbackPeer connectViewer(std::uint16_t port) {
-  LoopbackPeer peer(port);
+LoopbackPeer connectViewer(std::uint16_t port, int receiveBuffer = 0) {
+  LoopbackPeer peer(port, receiveBuffer);
   peer.send(
       "GET /stream HTTP/1.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\nSec-WebSocket-Version: 13\r\n"
       "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n\r\n" +
@@ -115,6 +115,32 @@ TEST(StreamingServerOnSocketsTest, AViewerIsServedWhileOthersFloodAndTrickle) {
 
   host.stop();
   EXPECT_EQ(viewer.receive(1), "");
+}
+
+TEST(StreamingServerOnSocketsTest, AReplacedViewerWithABacklogLearnsWhy) {
+  const auto port = LoopbackPeer::freePort();
+  CapturedLog log;
+  RealServer host(port);
+  ASSERT_EQ(host.start(), "");
+  // The first waits in the kernel as a whole; of the others most wait in the server.
+  for (const int frames : {1, 40}) {
+    const auto viewer = connectViewer(port, 4096);
+    for (int index = 0; index < frames; ++index) {
+      host.server->broadcastVideo({std::make_shared<const Bytes>(Bytes(90'000)), true, 1});
+    }
+    host.snapshot();
+    const auto newer = connectViewer(port);
+    const std::string input = textFrame(R"({"type":"ping"})");
+    for (int index = 0; index < 1000; ++index) ASSERT_TRUE(viewer.send(input)) << index;
+    int received = 0;
+    auto frame = readFrame(viewer);
+    for (; frame.firstByte == 0x82; frame = readFrame(viewer)) ++received;
+    EXPECT_EQ(frame.firstByte, 0x88);
+    EXPECT_EQ(frame.payload, "\x0F\xA1Replaced by newer viewer");
+    EXPECT_TRUE(frames == 1 ? received == 1 : received < frames / 2) << received;
+    EXPECT_EQ(viewer.receive(1), "");
+  }
+  host.stop();
 }
 
 }  // namespace

@@ -118,6 +118,33 @@ TEST_F(ServerViewerTest, ANewerViewerTakesOverUnlessItAsksFirst) {
   EXPECT_THAT(seen(), ElementsAre("disconnected playing", "connected", "keyframe"));
 }
 
+TEST_F(ServerViewerTest, APageThatComesBackReplacesItsOwnConnectionAlone) {
+  const auto viewerField = [](const std::string& json) { return R"(,"takeover":false,"viewer":)" + json; };
+  const std::string mine = R"("ABCDEFGHIJKLMNOPQRST-_")";
+  const auto isAdmitted = [&](const std::string& viewer) {
+    const auto next = openWebSocket();
+    sendText(next, authMessage(kToken, viewerField(viewer)));
+    return !next->cancelled;
+  };
+  const auto lost = openWebSocket();
+  sendText(lost, authMessage(kToken, viewerField(mine)));
+  for (const auto* other :
+       {R"("ABCDEFGHIJKLMNOPQRST-A")", R"("ABCDEFGHIJKLMNOPQRST-_A")", R"("")", "7", "null"}) {
+    EXPECT_FALSE(isAdmitted(other)) << other;
+  }
+  EXPECT_FALSE(lost->cancelled);
+  EXPECT_TRUE(isAdmitted(mine));
+  EXPECT_TRUE(lost->cancelled);
+  connectViewer();  // a person takes over, on a page that does not say which it is
+  for (const auto& viewer : {mine, std::string("null"), std::string(R"("")")})
+    EXPECT_FALSE(isAdmitted(viewer));
+
+  // Nor do two names of a wrong form match.
+  const auto unnamed = openWebSocket();
+  sendText(unnamed, authMessage(kToken, R"(,"viewer":"short")"));
+  EXPECT_FALSE(isAdmitted(R"("short")"));
+}
+
 TEST_F(ServerViewerTest, AReplacedViewerControlsNothingMore) {
   const auto first = connectViewer();
   enterControlMode(first);
@@ -127,13 +154,20 @@ TEST_F(ServerViewerTest, AReplacedViewerControlsNothingMore) {
   first->deliver(textFrame(R"({"type":"tap","x":0,"y":0})"));
   time->runReady();
   EXPECT_THAT(seen(), IsEmpty());
-  // Its close frame waits for the send in flight, but not for ever.
-  EXPECT_FALSE(first->cancelled);
+  // Its close frame waits for the send in flight, and the connection for its end, but not for ever.
+  first->closesInReturn = false;
   first->completeSend();
   time->runReady();
   EXPECT_EQ(takeServerFrames(first->inFlight).at(0).payload, closeFrame(4001, "Replaced by newer viewer"));
+  EXPECT_FALSE(first->finished);
+  first->completeSend();
+  first->deliver(textFrame(R"({"type":"tap","x":0,"y":0})") + "and more");
+  time->runReady();
+  EXPECT_TRUE(first->finished);
+  EXPECT_FALSE(first->cancelled);
   time->advance(10s);
   EXPECT_TRUE(first->cancelled);
+  EXPECT_THAT(seen(), IsEmpty());
 }
 
 TEST_F(ServerViewerTest, ThePayloadOfAVideoFrameIsNotCopied) {

@@ -174,6 +174,12 @@ void AsioTcpConnection::postToSelf(void (AsioTcpConnection::*step)()) {
   });
 }
 
+void AsioTcpConnection::finishSending() {
+  assert(!sending_);
+  // It fails on a connection that is gone, which the receiving side learns.
+  if (!isCancelled_) shutdown(socket_.native_handle(), SHUT_WR);
+}
+
 void AsioTcpConnection::cancel() {
   if (std::exchange(isCancelled_, true)) return;
   // The handlers may hold the last reference to this connection.

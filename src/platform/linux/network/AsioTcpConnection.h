@@ -23,6 +23,7 @@ class AsioTcpConnection final : public TcpConnection, public std::enable_shared_
   void start() override;
   void receive(std::size_t minimum, std::size_t maximum, ReceiveHandler handler) override;
   void send(GatheredBytes message, SendHandler handler) override;
+  void finishSending() override;
   void cancel() override;
 
  private:
