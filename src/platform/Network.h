@@ -46,11 +46,17 @@ class TcpListener {
  public:
   enum class State { setup, waiting, ready, failed, cancelled };
   using StateHandler = std::function<void(State state, const std::string& reason)>;
+  /// What it throws ends the connection.
   using ConnectionHandler = std::function<void(std::shared_ptr<TcpConnection> connection)>;
+  using MakeRoomHandler = std::function<bool()>;
 
   virtual ~TcpListener() = default;
   virtual void setStateHandler(StateHandler handler) = 0;
   virtual void setNewConnectionHandler(ConnectionHandler handler) = 0;
+  /// Called when a peer has connected and descriptors are short. The handler may cancel a connection in
+  /// favour of the new one, and returns whether it did; otherwise, and without a handler, the new one is
+  /// refused.
+  virtual void setMakeRoomHandler(MakeRoomHandler handler) = 0;
   /// Binds and listens; the outcome comes through the state handler.
   virtual void start() = 0;
   virtual void cancel() = 0;

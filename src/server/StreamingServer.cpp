@@ -75,6 +75,10 @@ void StreamingServer::startListening(StartCompletion completion) {
   listener_->setNewConnectionHandler([weak = weak_from_this()](std::shared_ptr<TcpConnection> connection) {
     if (const auto server = weak.lock()) server->acceptConnection(std::move(connection));
   });
+  listener_->setMakeRoomHandler([weak = weak_from_this()] {
+    const auto server = weak.lock();
+    return server && server->endOldestUnauthenticated();
+  });
   listener_->start();
 }
 
@@ -110,6 +114,7 @@ void StreamingServer::stopNow() {
   if (listener_) {
     listener_->setStateHandler({});
     listener_->setNewConnectionHandler({});
+    listener_->setMakeRoomHandler({});
     listener_->cancel();
     listener_.reset();
   }

@@ -117,7 +117,7 @@ class StreamingServer : public std::enable_shared_from_this<StreamingServer> {
   };
 
   /// A handler that takes a Server& and a const Client& before its own arguments, and does nothing once
-  /// either has gone.
+  /// either has gone. An exception out of it ends the client.
   template <class Body>
   auto whileAlive(const Client& client, Body body);
   /// Runs `body(server)` on the queue if the server still lives then.
@@ -135,10 +135,16 @@ class StreamingServer : public std::enable_shared_from_this<StreamingServer> {
 
   // Connections (StreamingServerConnections.cpp)
   void acceptConnection(std::shared_ptr<TcpConnection> connection);
+  void beginConnection(const Client& client);
   void receiveNext(const Client& client);
   void handleReceived(const Client& client, ByteView bytes);
   void handlePeerEnd(const Client& client);
   void endClient(const Client& client);
+  /// Ends a connection by which no token has come, the oldest, but one that is being answered only for lack
+  /// of others. Whether there was one.
+  bool endOldestUnauthenticated();
+  /// Within a handler of an exception that concerns this client alone.
+  void endAfterFailure(const Client& client);
   /// Cuts the connection and everything that waits on it.
   static void disconnect(ClientContext& client);
   void viewerEnded(ClientContext& client);

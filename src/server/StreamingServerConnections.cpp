@@ -2,6 +2,7 @@
 #include <utility>
 #include <vector>
 
+#include "runtime/Error.h"
 #include "server/ServerLog.h"
 #include "server/StreamingServerTurns.h"
 
@@ -16,6 +17,15 @@ constexpr Duration kSweepPeriod = std::chrono::seconds(5);
 void StreamingServer::acceptConnection(std::shared_ptr<TcpConnection> connection) {
   const auto client = std::make_shared<ClientContext>(nextClientID_++, std::move(connection));
   clients_.emplace(client->id, client);
+  try {
+    beginConnection(client);
+  } catch (...) {
+    endClient(client);
+    throw;
+  }
+}
+
+void StreamingServer::beginConnection(const Client& client) {
   client->connection->setStateHandler(whileAlive(
       client,
       [](StreamingServer& server, const Client& self, TcpConnection::State state, const std::string& reason) {
@@ -73,6 +83,24 @@ void StreamingServer::endClient(const Client& client) {
   if (clients_.erase(client->id) == 0) return;
   disconnect(*client);
   viewerEnded(*client);
+}
+
+bool StreamingServer::endOldestUnauthenticated() {
+  Client chosen;
+  for (const auto& [id, client] : clients_) {
+    const bool isHTTP = client->state == ClientContext::State::http;
+    if (!isHTTP && client->state != ClientContext::State::webSocketAwaitingAuth) continue;
+    const bool isAnswered = isHTTP && client->closed;
+    if (!chosen || !isAnswered) chosen = client;
+    if (!isAnswered) break;
+  }
+  if (chosen) endClient(chosen);
+  return static_cast<bool>(chosen);
+}
+
+void StreamingServer::endAfterFailure(const Client& client) {
+  kServerLog.error("A viewer connection is ended: " + localizedDescription(std::current_exception()));
+  endClient(client);
 }
 
 void StreamingServer::markClosed(ClientContext& client) {

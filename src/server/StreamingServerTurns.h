@@ -14,7 +14,12 @@ auto StreamingServer::whileAlive(const Client& client, Body body) {
           body = std::move(body)](auto&&... arguments) {
     const auto server = weakServer.lock();
     const Client strongClient = weakClient.lock();
-    if (server && strongClient) body(*server, strongClient, std::forward<decltype(arguments)>(arguments)...);
+    if (!server || !strongClient) return;
+    try {
+      body(*server, strongClient, std::forward<decltype(arguments)>(arguments)...);
+    } catch (...) {
+      server->endAfterFailure(strongClient);
+    }
   };
 }
 

@@ -3,6 +3,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -46,6 +47,11 @@ class ChildProcess {
 
   void signal(int number) const {
     if (!exitCode_) kill(process_, number);
+  }
+  rlimit limit(__rlimit_resource resource) const {
+    rlimit value{};
+    prlimit(process_, resource, nullptr, &value);
+    return value;
   }
   bool hasEnded() {
     int status = 0;

@@ -163,6 +163,7 @@ class FakeNetwork final : public Network {
     void setNewConnectionHandler(ConnectionHandler handler) override {
       network.connectionHandler_ = std::move(handler);
     }
+    void setMakeRoomHandler(MakeRoomHandler) override {}
     void start() override {
       if (network.outcome != State::setup) network.changeListenerState(network.outcome, network.reason);
     }

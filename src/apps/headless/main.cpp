@@ -2,6 +2,7 @@
 #include <malloc.h>
 #include <netinet/in.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -72,6 +73,15 @@ void restrictProcess() {
   std::signal(SIGPIPE, SIG_IGN);
 }
 
+/// Each connection takes a descriptor. The soft limit is low for the sake of programs that call select(),
+/// which fails beyond descriptor 1023; neither we nor the credential helper do.
+void raiseDescriptorLimit() {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+  limit.rlim_cur = limit.rlim_max;
+  setrlimit(RLIMIT_NOFILE, &limit);
+}
+
 /// Whether somebody listens there.
 bool isPortTaken(std::uint16_t port) {
   const int descriptor = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -130,6 +140,7 @@ int main(int argumentCount, char** arguments) {
   openStandardDescriptors();
   TerminationSignals::block();
   restrictProcess();
+  raiseDescriptorLimit();
   keepMemoryCompact();
   setLogSink(makeStandardErrorSink());
   const auto options = readOptions(argumentCount, arguments);

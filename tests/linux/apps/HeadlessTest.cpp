@@ -7,6 +7,7 @@
 
 #include "linux/network/LoopbackPeer.h"
 #include "support/ChildProcess.h"
+#include "support/DescriptorLimit.h"
 #include "support/TemporaryDirectory.h"
 #include "support/WebSocketPeer.h"
 #include "support/XServerFixture.h"
@@ -31,6 +32,7 @@ class Program {
 
   void signal(int number) const { process_.signal(number); }
   std::optional<int> exitCode() { return process_.exitCode(); }
+  rlimit descriptorLimit() const { return process_.limit(RLIMIT_NOFILE); }
 
   /// The lines since the last call up to the first that begins with `start`, or all there are.
   std::vector<std::string> linesUpTo(const std::string& start) {
@@ -152,8 +154,10 @@ TEST_F(HeadlessTest, SaysWhyItCannotStart) {
 }
 
 TEST_F(HeadlessTest, TheSmokeTestSelectsNoDisplay) {
+  const DescriptorLimit low(DescriptorLimit::leaving(100));
   Program program(display, home.path(), port, "--browser-display-smoke-test");
   EXPECT_THAT(program.linesUpTo("Local viewer: "), ElementsAre(StartsWith("Local viewer: ")));
+  EXPECT_EQ(program.descriptorLimit().rlim_cur, program.descriptorLimit().rlim_max);
   program.signal(SIGTERM);
   EXPECT_EQ(program.exitCode(), 0);
 }

@@ -1,11 +1,12 @@
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 
 #include <vector>
 
 #include "linux/network/LoopbackPeer.h"
 #include "platform/linux/network/AsioNetwork.h"
 #include "runtime/Error.h"
+#include "support/CapturedLog.h"
+#include "support/DescriptorLimit.h"
 
 namespace kestrune::linux_platform {
 namespace {
@@ -244,21 +245,6 @@ TEST_F(AsioNetworkTest, AResponseSurvivesUnreadBytesOfTheRequest) {
   }
 }
 
-/// A lower limit of open descriptors for as long as it lives.
-class DescriptorLimit {
- public:
-  explicit DescriptorLimit(rlim_t limit) {
-    getrlimit(RLIMIT_NOFILE, &before_);
-    const rlimit tight{limit, before_.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &tight);
-  }
-  DescriptorLimit(const DescriptorLimit&) = delete;
-  ~DescriptorLimit() { setrlimit(RLIMIT_NOFILE, &before_); }
-
- private:
-  rlimit before_{};
-};
-
 TEST_F(AsioNetworkTest, LeavesDescriptorsToTheRestOfTheProgram) {
   listen([&](Connection connection) {
     connections_.push_back(connection);
@@ -269,8 +255,30 @@ TEST_F(AsioNetworkTest, LeavesDescriptorsToTheRestOfTheProgram) {
     // Half of so few; the peers are gone, which their connections have not noticed.
     for (int i = 0; i < 50; ++i) EXPECT_EQ(LoopbackPeer(port_).receive(5), "hello");
     EXPECT_EQ(LoopbackPeer(port_).receive(5), "");
+    runOn(*queue_, [&] {
+      listener_->setMakeRoomHandler([&] {
+        connections_.front()->cancel();
+        connections_.erase(connections_.begin());
+        return true;
+      });
+    });
+    for (int i = 0; i < 50; ++i) EXPECT_EQ(LoopbackPeer(port_).receive(5), "hello");
+    runOn(*queue_, [&] { EXPECT_EQ(connections_.size(), 50u); });
   }
   EXPECT_EQ(LoopbackPeer(port_).receive(5), "hello");
+}
+
+TEST_F(AsioNetworkTest, AnExceptionEndsTheNewConnectionAlone) {
+  const CapturedLog log;
+  bool isFirst = true;
+  listen([&](Connection connection) {
+    connections_.push_back(connection);
+    if (std::exchange(isFirst, false)) throw std::runtime_error("out of memory");
+    connection->send({bytes("hello"), nullptr}, [](bool) {});
+  });
+  EXPECT_EQ(LoopbackPeer(port_).receive(5), "");
+  EXPECT_EQ(LoopbackPeer(port_).receive(5), "hello");
+  EXPECT_TRUE(log.contains("error [Server] A new connection is ended: out of memory"));
 }
 
 TEST_F(AsioNetworkTest, OutOfDescriptorsItShedsAndRecovers) {

@@ -11,6 +11,7 @@
 #include "runtime/Error.h"
 #include "server/StreamingServer.h"
 #include "support/CapturedLog.h"
+#include "support/DescriptorLimit.h"
 #include "support/FakeBundle.h"
 #include "support/WebSocketPeer.h"
 
@@ -24,9 +25,9 @@ struct FixedTokenSource final : ViewerTokenSource {
 /// A server with a network of its own.
 struct RealServer {
   explicit RealServer(std::uint16_t port)
-      : server(std::make_shared<StreamingServer>(
-            network, std::make_shared<FakeBundle>(), std::make_shared<FixedTokenSource>(),
-            std::make_shared<AudioChunkStore>(), std::make_shared<VideoPacketStore>(), systemClock(), port)) {
+      : server(std::make_shared<StreamingServer>(network, std::make_shared<FakeBundle>(),
+                                                 std::make_shared<FixedTokenSource>(), audio,
+                                                 std::make_shared<VideoPacketStore>(), systemClock(), port)) {
   }
 
   /// "" on success, else what a person is told.
@@ -48,6 +49,7 @@ struct RealServer {
     return taken.get_future().get();
   }
 
+  std::shared_ptr<AudioChunkStore> audio = std::make_shared<AudioChunkStore>();
   std::shared_ptr<linux_platform::AsioNetwork> network = std::make_shared<linux_platform::AsioNetwork>();
   std::shared_ptr<StreamingServer> server;
 };
@@ -140,6 +142,34 @@ TEST(StreamingServerOnSocketsTest, AReplacedViewerWithABacklogLearnsWhy) {
     EXPECT_TRUE(frames == 1 ? received == 1 : received < frames / 2) << received;
     EXPECT_EQ(viewer.receive(1), "");
   }
+  host.stop();
+}
+
+TEST(StreamingServerOnSocketsTest, IdleConnectionsGiveWayWhenDescriptorsRunOut) {
+  const auto port = LoopbackPeer::freePort();
+  CapturedLog log;
+  RealServer host(port);
+  ASSERT_EQ(host.start(), "");
+  const auto viewer = connectViewer(port);
+  const LoopbackPeer poll(port);
+  poll.send("GET /audio HTTP/1.1\r\nAuthorization: Bearer token\r\n\r\n");
+  host.snapshot();
+  std::vector<LoopbackPeer> crowd(100);
+  const DescriptorLimit limit(DescriptorLimit::leaving(40));
+  for (auto& peer : crowd) {
+    ASSERT_TRUE(peer.connectTo(port));
+    peer.send("GET /he");
+  }
+  crowd.back().send("alth HTTP/1.1\r\n\r\n");
+  EXPECT_EQ(crowd.back().receive(15), "HTTP/1.1 200 OK");
+  EXPECT_EQ(crowd.front().receive(1), "");
+  crowd[90].send("alth HTTP/1.1\r\n\r\n");
+  EXPECT_EQ(crowd[90].receive(15), "HTTP/1.1 200 OK");
+
+  viewer.send(textFrame(R"({"type":"ping"})"));
+  EXPECT_EQ(readFrame(viewer).payload, R"({"type":"pong"})");
+  host.audio->append({0, 48'000, 2, 1, Bytes(4)});
+  EXPECT_EQ(poll.receive(15), "HTTP/1.1 200 OK");
   host.stop();
 }
 

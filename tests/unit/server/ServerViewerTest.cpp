@@ -145,6 +145,16 @@ TEST_F(ServerViewerTest, APageThatComesBackReplacesItsOwnConnectionAlone) {
   EXPECT_FALSE(isAdmitted(R"("short")"));
 }
 
+TEST_F(ServerViewerTest, AnExceptionEndsTheConnectionItConcerns) {
+  const auto viewer = connectViewer();
+  enterControlMode(viewer);
+  server->onRemoteText = [](const std::string&) -> RemoteTapResult { throw std::bad_alloc(); };
+  sendText(viewer, R"({"type":"text","text":"x"})");
+  EXPECT_TRUE(viewer->cancelled);
+  EXPECT_THAT(seen(), ElementsAre("controlEnded", "disconnected"));
+  EXPECT_FALSE(connectViewer()->cancelled);
+}
+
 TEST_F(ServerViewerTest, AReplacedViewerControlsNothingMore) {
   const auto first = connectViewer();
   enterControlMode(first);

@@ -22,8 +22,10 @@ using Descriptor = boost::asio::posix::stream_descriptor;
 
 }  // namespace
 
-AsioTcpConnection::AsioTcpConnection(std::shared_ptr<AsioReactor> reactor, int descriptor)
-    : reactor_(std::move(reactor)), socket_(reactor_->context(), descriptor) {
+AsioTcpConnection::AsioTcpConnection(std::shared_ptr<AsioReactor> reactor, UniqueDescriptor descriptor)
+    : reactor_(std::move(reactor)), socket_(reactor_->context()) {
+  socket_.assign(descriptor.get());
+  descriptor.release();
   ++reactor_->openConnections;
 }
 

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "platform/Network.h"
+#include "platform/linux/files/UniqueDescriptor.h"
 
 namespace kestrune::linux_platform {
 
@@ -15,8 +16,8 @@ class AsioReactor;
 /// Internal to this folder.
 class AsioTcpConnection final : public TcpConnection, public std::enable_shared_from_this<AsioTcpConnection> {
  public:
-  /// Takes the descriptor of a connected, non-blocking socket.
-  AsioTcpConnection(std::shared_ptr<AsioReactor> reactor, int descriptor);
+  /// Takes the descriptor of a connected, non-blocking socket. Throws if the loop cannot watch it.
+  AsioTcpConnection(std::shared_ptr<AsioReactor> reactor, UniqueDescriptor descriptor);
   ~AsioTcpConnection() override;
 
   void setStateHandler(StateHandler handler) override;

@@ -14,6 +14,7 @@
 #include <system_error>
 #include <utility>
 
+#include "platform/linux/files/UniqueDescriptor.h"
 #include "platform/linux/network/AsioReactor.h"
 #include "platform/linux/network/AsioTcpConnection.h"
 #include "runtime/Error.h"
@@ -29,6 +30,7 @@ constexpr int kNotSentLowWatermarkBytes = 128 * 1024;
 // A flood of new connections must leave the ones that work their turns.
 constexpr int kAcceptsPerTurn = 16;
 constexpr auto kBackOff = std::chrono::milliseconds(100);
+constexpr Duration kShortageLogPeriod = std::chrono::minutes(1);
 // Descriptors that connections leave to the rest of the program.
 constexpr rlim_t kDescriptorsForOthers = 128;
 
@@ -71,10 +73,6 @@ std::size_t connectionLimit() {
                                                     : limit.rlim_cur / 2;
 }
 
-int openReserve() {
-  return open("/dev/null", O_RDONLY | O_CLOEXEC);
-}
-
 }  // namespace
 
 /// What the reactor refers to; the listener itself may be destroyed at any time.
@@ -90,6 +88,7 @@ class AsioTcpListener::Core : public std::enable_shared_from_this<Core> {
 
   StateHandler onState;
   ConnectionHandler onConnection;
+  MakeRoomHandler onRoomNeeded;
   bool isCancelled = false;
 
  private:
@@ -97,15 +96,19 @@ class AsioTcpListener::Core : public std::enable_shared_from_this<Core> {
   void waitToAccept();
   void acceptSome();
   bool acceptOne();
-  void shedOne();
+  int acceptDescriptor();
+  void serve(UniqueDescriptor descriptor);
+  bool handleAcceptFailure(int error);
+  bool restoreReserve();
+  bool makeRoom();
 
   const std::shared_ptr<AsioReactor> reactor_;
   const Address address_;
   // On the queue, as the handlers above.
   boost::asio::posix::stream_descriptor socket_;
-  int reserve_ = -1;  // given up for a moment to accept and close what cannot be served
-  bool isShedding_ = false;
-  bool isStarved_ = false;  // from the first refusal to the next connection that is served
+  UniqueDescriptor reserve_;  // given up to accept a connection when there is no other descriptor
+  bool isRefusing_ = false;   // until the next turn
+  Duration nextShortageLogAt_{};
   bool isStarted_ = false;
 };
 
@@ -131,10 +134,14 @@ int AsioTcpListener::Core::open() {
 
 void AsioTcpListener::Core::start() {
   if (isCancelled || std::exchange(isStarted_, true)) return;
-  const int descriptor = open();
-  if (descriptor < 0) return postState(State::failed, std::generic_category().message(-descriptor));
-  socket_.assign(descriptor);
-  reserve_ = openReserve();
+  const int result = open();
+  if (result < 0) return postState(State::failed, std::generic_category().message(-result));
+  UniqueDescriptor descriptor(result);
+  boost::system::error_code failure;
+  socket_.assign(descriptor.get(), failure);
+  if (failure) return postState(State::failed, failure.message());
+  descriptor.release();
+  restoreReserve();
   postState(State::ready, {});
   waitToAccept();
 }
@@ -161,47 +168,76 @@ void AsioTcpListener::Core::acceptSome() {
     if (isCancelled) return;  // by the handler
   }
   if (!socket_.is_open()) return;
-  if (!isShedding_) return waitToAccept();
+  if (!isRefusing_) return waitToAccept();
   reactor_->postAfter(kBackOff, [weak = weak_from_this()] {
     const auto self = weak.lock();
     if (!self || self->isCancelled) return;
-    self->isShedding_ = false;
+    self->isRefusing_ = false;
     self->acceptSome();
   });
 }
 
 /// Whether it is worth trying again at once.
 bool AsioTcpListener::Core::acceptOne() {
-  if (reactor_->openConnections >= connectionLimit()) {
-    shedOne();
-    return false;
+  const int result = acceptDescriptor();
+  UniqueDescriptor descriptor(result);
+  const bool hasReserve = restoreReserve();
+  if (!descriptor) return handleAcceptFailure(-result);
+  const bool isShort = !hasReserve || reactor_->openConnections >= connectionLimit();
+  isRefusing_ = isShort && !makeRoom();
+  if (isRefusing_) {
+    descriptor.reset();
+  } else {
+    serve(std::move(descriptor));
   }
-  const int descriptor = accept4(socket_.native_handle(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-  if (descriptor >= 0) {
-    isStarved_ = false;
-    auto connection = std::make_shared<AsioTcpConnection>(reactor_, descriptor);
-    const auto handler = onConnection;
-    if (handler) {
-      handler(std::move(connection));
-    } else {
-      connection->cancel();
-    }
-    return true;
+  restoreReserve();
+  return !isRefusing_;
+}
+
+/// A descriptor, or a negative errno. The system looks for a free descriptor before it looks for a peer, so
+/// that only the reserve shows whether one waits.
+int AsioTcpListener::Core::acceptDescriptor() {
+  const auto accept = [this] {
+    const int descriptor = accept4(socket_.native_handle(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    return descriptor < 0 ? -errno : descriptor;
+  };
+  const int result = accept();
+  if ((result != -EMFILE && result != -ENFILE) || !reserve_) return result;
+  reserve_.reset();
+  return accept();
+}
+
+void AsioTcpListener::Core::serve(UniqueDescriptor descriptor) {
+  std::shared_ptr<AsioTcpConnection> connection;
+  try {
+    connection = std::make_shared<AsioTcpConnection>(reactor_, std::move(descriptor));
+    const auto handler = onConnection;  // it may replace itself
+    if (handler) return handler(connection);
+  } catch (...) {
+    kLog.error("A new connection is ended: " + localizedDescription(std::current_exception()));
   }
-  switch (errno) {
+  if (connection) connection->cancel();
+}
+
+bool AsioTcpListener::Core::handleAcceptFailure(int error) {
+  switch (error) {
     case EAGAIN:
       return false;
     case EMFILE:
     case ENFILE:
+      makeRoom();  // for the reserve
+      restoreReserve();
+      isRefusing_ = true;
+      return false;
     case ENOBUFS:
     case ENOMEM:
-      shedOne();
+      isRefusing_ = true;
       return false;
     case EBADF:
     case EINVAL:
     case ENOTSOCK:
     case EOPNOTSUPP:
-      postState(State::failed, std::generic_category().message(errno));
+      postState(State::failed, std::generic_category().message(error));
       close();
       return false;
     default:  // what went wrong with one connection that is already gone (accept(2))
@@ -209,20 +245,27 @@ bool AsioTcpListener::Core::acceptOne() {
   }
 }
 
-void AsioTcpListener::Core::shedOne() {
-  if (!std::exchange(isStarved_, true))
-    kLog.error("Too many open connections, refusing new ones for a moment");
-  isShedding_ = true;
-  if (reserve_ >= 0) ::close(std::exchange(reserve_, -1));
-  const int descriptor = accept4(socket_.native_handle(), nullptr, nullptr, SOCK_CLOEXEC);
-  if (descriptor >= 0) ::close(descriptor);
-  reserve_ = openReserve();
+bool AsioTcpListener::Core::restoreReserve() {
+  if (!reserve_ && socket_.is_open()) reserve_.reset(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+  return static_cast<bool>(reserve_);
+}
+
+bool AsioTcpListener::Core::makeRoom() {
+  const auto handler = onRoomNeeded;
+  const bool hasRoom = handler && handler();
+  const auto now = systemClock()->continuousNow();
+  if (now >= nextShortageLogAt_) {
+    nextShortageLogAt_ = now + kShortageLogPeriod;
+    kLog.error(hasRoom ? "Too many open connections: the oldest without a token give way to new ones"
+                       : "Too many open connections, refusing new ones for a moment");
+  }
+  return hasRoom;
 }
 
 void AsioTcpListener::Core::close() {
   boost::system::error_code ignored;
   if (socket_.is_open()) socket_.close(ignored);
-  if (reserve_ >= 0) ::close(std::exchange(reserve_, -1));
+  reserve_.reset();
 }
 
 AsioTcpListener::AsioTcpListener(std::shared_ptr<AsioReactor> reactor, const TcpEndpoint& endpoint)
@@ -240,6 +283,10 @@ void AsioTcpListener::setNewConnectionHandler(ConnectionHandler handler) {
   core_->onConnection = core_->isCancelled ? nullptr : std::move(handler);
 }
 
+void AsioTcpListener::setMakeRoomHandler(MakeRoomHandler handler) {
+  core_->onRoomNeeded = core_->isCancelled ? nullptr : std::move(handler);
+}
+
 void AsioTcpListener::start() {
   core_->start();
 }
@@ -249,6 +296,7 @@ void AsioTcpListener::cancel() {
   const auto core = core_;
   const auto state = std::exchange(core->onState, nullptr);
   const auto connection = std::exchange(core->onConnection, nullptr);
+  const auto makeRoom = std::exchange(core->onRoomNeeded, nullptr);
   core->close();
 }
 

@@ -10,8 +10,8 @@ namespace kestrune::linux_platform {
 
 class AsioReactor;
 
-/// A listening socket on a loopback address. Out of descriptors it sheds what it cannot serve and goes on
-/// when there are some again. Internal to this folder.
+/// A listening socket on a loopback address. Short of descriptors it asks its owner to make room, or else
+/// refuses what it cannot serve until there are some again. Internal to this folder.
 class AsioTcpListener final : public TcpListener {
  public:
   /// Throws an Error unless the host is a loopback address in numeric form.
@@ -20,6 +20,7 @@ class AsioTcpListener final : public TcpListener {
 
   void setStateHandler(StateHandler handler) override;
   void setNewConnectionHandler(ConnectionHandler handler) override;
+  void setMakeRoomHandler(MakeRoomHandler handler) override;
   void start() override;
   void cancel() override;
 
