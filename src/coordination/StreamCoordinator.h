@@ -280,6 +280,8 @@ class StreamCoordinator final : public std::enable_shared_from_this<StreamCoordi
   std::optional<EncodingFailure> encodingFailure_;
   FailureLog captureFailureLog_;
   bool didSelectDefaultDisplay_ = false;
+  /// Of the capture that runs, or ran last; a change of the setting is for the next one.
+  AudioChannelMode captureAudioMode_ = AudioChannelMode::stereo;
   std::optional<RemoteCursorState> lastPublishedCursorState_;
 };
 

@@ -19,6 +19,7 @@ Task<void> StreamCoordinator::startCapture() {
       .audioMode = audioChannelMode,
       // The viewer draws the pointer over a display by itself.
       .showsCursor = !source || source->kind != CaptureSourceDescriptor::Kind::display};
+  captureAudioMode_ = settings.audioMode;
   co_await captureService_->start(settings);
   co_await catchUpWithSettings(settings.video);
   isCapturing = true;

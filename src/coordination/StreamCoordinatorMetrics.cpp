@@ -60,7 +60,7 @@ void StreamCoordinator::applyCaptureMetrics(const StreamMetrics& record) {
   diagnostics.encoderPendingFrames = metrics->encoderPendingFrames;
   diagnostics.serverPendingFrames = metrics->serverPendingFrames;
   diagnostics.networkDroppedFrames = metrics->networkDroppedFrames;
-  diagnostics.audioChannels = channelCount(audioChannelMode);
+  diagnostics.audioChannels = channelCount(captureAudioMode_);
   server_->updateHostDiagnostics(diagnostics);
 }
 

@@ -216,6 +216,9 @@ TEST_F(CoordinatorSettingsTest, EditedPreferencesAreAppliedAsIfChangedHere) {
   EXPECT_EQ(coordinator->profile, StreamProfile::safe);  // what is removed goes on until the next launch
   EXPECT_EQ(coordinator->audioChannelMode, AudioChannelMode::mono);
   EXPECT_FALSE(coordinator->preventMacSleep);
+  time->advance(1s);
+  showFrame();
+  EXPECT_THAT(received(viewer), Contains(HasSubstr(R"("audioChannels":2)")));  // as it is sent
 
   // The display mode is for the next launch while something runs.
   preferences->edit({{"stream.displayMode", "virtualDisplay"}});
