@@ -31,7 +31,8 @@ class CredentialHelperProtocol {
                                 StatusReply reply) = 0;
 };
 
-/// One connection to the helper, for one call. Handlers come on another thread than the caller's.
+/// One connection to the helper, for one call. Handlers come on another thread than the caller's, or within a
+/// request that cannot be made.
 class CredentialConnection {
  public:
   virtual ~CredentialConnection() = default;

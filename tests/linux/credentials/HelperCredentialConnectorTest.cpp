@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include <cstdlib>
 #include <random>
@@ -61,6 +62,21 @@ TEST_F(HelperCredentialConnectorTest, AnAbsentOrSilentHelperIsNotAvailable) {
     EXPECT_EQ(client.writeCredential("s", "a", {1}), kCredentialNotAvailable);
     EXPECT_EQ(client.removeCredential("s", "a"), kCredentialNotAvailable);
   }
+}
+
+TEST_F(HelperCredentialConnectorTest, WithoutAThreadTheHelperIsNotAvailable) {
+  pthread_attr_t usual;
+  pthread_attr_t tooLarge;
+  ASSERT_EQ(pthread_getattr_default_np(&usual), 0);
+  ASSERT_EQ(pthread_attr_init(&tooLarge), 0);
+  ASSERT_EQ(pthread_attr_setstacksize(&tooLarge, std::size_t{1} << 48), 0);  // beyond the address space
+  ASSERT_EQ(pthread_setattr_default_np(&tooLarge), 0);
+  const auto read = client_.readCredential("s", "a");
+  const auto written = client_.writeCredential("s", "a", {1});
+  pthread_setattr_default_np(&usual);
+  EXPECT_EQ(read.status, kCredentialNotAvailable);
+  EXPECT_EQ(written, kCredentialNotAvailable);
+  EXPECT_EQ(client_.readCredential("s", "a").status, kCredentialNotFound);
 }
 
 TEST_F(HelperCredentialConnectorTest, KillingTheHelperLosesNoItem) {

@@ -4,6 +4,8 @@
 #include <functional>
 #include <mutex>
 #include <optional>
+#include <string>
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -47,7 +49,8 @@ class ClearableHandler {
   bool isRunning_ = false;
 };
 
-/// The caller's side of one helper process. One caller; replies come on a thread of the connection.
+/// The caller's side of one helper process. One caller; replies come on a thread of the connection, but a
+/// failure to start that thread comes within the call.
 class HelperConnection final : public CredentialConnection, public CredentialHelperProtocol {
  public:
   explicit HelperConnection(std::filesystem::path helper) : helper_(std::move(helper)) {}
@@ -98,6 +101,15 @@ class HelperConnection final : public CredentialConnection, public CredentialHel
  private:
   void ask(CredentialRequest request, std::function<void(CredentialReply)> reply) {
     if (thread_.joinable()) return;  // a connection serves one request
+    try {
+      startThread(std::move(request), std::move(reply));
+    } catch (const std::system_error& error) {  // too many threads, or too little memory for one
+      kLog.error(std::string("The credential helper cannot be asked: ") + error.what());
+      onInvalidated_.call();
+    }
+  }
+
+  void startThread(CredentialRequest request, std::function<void(CredentialReply)> reply) {
     thread_ = std::thread([this, request = std::move(request), reply = std::move(reply)] {
       if (!request.isWithinLimits()) return reply({kCredentialParameterError, std::nullopt});
       if (!process_) return onInvalidated_.call();
