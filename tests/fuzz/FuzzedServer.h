@@ -1,8 +1,10 @@
 #pragma once
 
 #include <chrono>
+#include <cstdlib>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "runtime/Log.h"
 #include "runtime/ManualTime.h"
@@ -44,8 +46,15 @@ class FuzzedServer {
     std::string token() override { return "token"; }
   };
 
+  /// The server ends a connection whose handler throws, and goes on; here that is a find.
+  struct FailureSink final : LogSink {
+    void write(LogLevel, std::string_view, std::string_view, std::string_view message) override {
+      if (message.starts_with("A viewer connection is ended: ")) std::abort();
+    }
+  };
+
   FuzzedServer() {
-    setLogSink(nullptr);
+    setLogSink(std::make_shared<FailureSink>());
     const auto clicked = [](auto&&...) { return RemoteTapResult::clicked; };
     server_->onRemoteTap = clicked;
     server_->onRemoteText = clicked;

@@ -91,6 +91,7 @@ class ServerTest : public testing::Test {
   }
 
   void SetUp() override { startServer(); }
+  void TearDown() override { EXPECT_EQ(log.mentions("A viewer connection is ended: "), throws); }
 
   void startServer() {
     server->start([this](std::exception_ptr failure) {
@@ -186,6 +187,7 @@ class ServerTest : public testing::Test {
   RemoteTapResult result = RemoteTapResult::clicked;
   std::vector<std::string> events;
   std::string startResult;
+  bool throws = false;  // the test makes a handler throw
 };
 
 }  // namespace kestrune

@@ -148,6 +148,7 @@ TEST_F(ServerViewerTest, APageThatComesBackReplacesItsOwnConnectionAlone) {
 TEST_F(ServerViewerTest, AnExceptionEndsTheConnectionItConcerns) {
   const auto viewer = connectViewer();
   enterControlMode(viewer);
+  throws = true;
   server->onRemoteText = [](const std::string&) -> RemoteTapResult { throw std::bad_alloc(); };
   sendText(viewer, R"({"type":"text","text":"x"})");
   EXPECT_TRUE(viewer->cancelled);
