@@ -106,8 +106,8 @@ TEST_F(AsioNetworkTest, PortInUseFailsAndARestartWorks) {
 TEST_F(AsioNetworkTest, ReceivesWithinTheBoundsAsked) {
   auto [peer, connection] = connected();
   FirstOutcome<std::string> first, second, last;
+  bool isInCall = true;  // on the queue
   runOn(*queue_, [&] {
-    bool isInCall = true;
     connection->receive(4, 6, [&](ByteView view, bool isComplete, const auto& failure) {
       EXPECT_FALSE(isInCall);
       EXPECT_FALSE(isComplete || failure);
