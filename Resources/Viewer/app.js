@@ -9,7 +9,7 @@ import { SmoothedValue } from './decoder-clock.js';
 import { VideoPipeline, makePresenter } from './video-runtime.js';
 import { canDecodeHevc } from './webcodecs-hevc.js';
 import { SecondMeter, StatisticsPanel, capabilityReport, missingCapabilities, statisticsRows, telemetryMessage } from './reporting.js';
-import { KeyboardInput, ScreenWakeLock, StageInput, ViewerInterface, fitAboveKeyboard } from './viewer-ui.js';
+import { KeyboardInput, ScreenWakeLock, StageInput, ViewerInterface, copyText, fitAboveKeyboard } from './viewer-ui.js';
 
 const FRESH_EDGE_MS = 500;
 const SHOWING_MS = 1500; // a still picture is repeated once a second
@@ -62,7 +62,11 @@ class Viewer {
 
   start() {
     this.render();
-    if (this.model.missing.length > 0) return;
+    setInterval(() => this.everySecond(), 1000);
+    capabilityReport(window, canDecodeHevc).then((report) => {
+      this.capabilities = report;
+    });
+    if (this.model.missing.length > 0) return; // the statistics and the report say what this browser has
     this.presenter = makePresenter(byId('picture-video'), byId('picture-canvas'), (info) => this.shown(info));
     this.video = new VideoPipeline(this.presenter, {
       requestKeyframe: () => this.send(control.keyframe()),
@@ -73,10 +77,6 @@ class Viewer {
     this.video.soundOffset = () => this.sound.offset;
     this.ui.renderSound(this.sound.state);
     this.watchPage();
-    setInterval(() => this.everySecond(), 1000);
-    capabilityReport(window, canDecodeHevc).then((report) => {
-      this.capabilities = report;
-    });
     this.useToken(takeTokenFromAddress() || rememberedToken());
   }
 
@@ -334,12 +334,9 @@ class Viewer {
   }
 
   async copyReport() {
-    try {
-      await navigator.clipboard.writeText(JSON.stringify(this.report(), null, 2));
-      this.ui.toast('Report copied');
-    } catch (error) {
-      this.ui.toast('The browser does not allow copying.', 'bad');
-    }
+    const copied = await copyText(JSON.stringify(this.report(), null, 2));
+    if (copied) this.ui.toast('Report copied');
+    else this.ui.toast('The browser does not allow copying.', 'bad');
   }
 
   // The page's surroundings
@@ -397,7 +394,11 @@ class Viewer {
   // Every second
 
   everySecond() {
-    const now = performance.now();
+    if (this.video) this.tendStream(performance.now());
+    if (!byId('statistics').hidden) this.showStatistics();
+  }
+
+  tendStream(now) {
     const { video } = this;
     video.watch(now);
     if (this.awaitedFrameSince !== null && now - this.awaitedFrameSince > 2500) {
@@ -420,7 +421,6 @@ class Viewer {
         reconnects: this.connection.reconnects,
       }));
     }
-    if (!byId('statistics').hidden) this.showStatistics();
   }
 
   /** Keeps sound and picture together, and sound going. */
@@ -438,7 +438,7 @@ class Viewer {
     this.panel.show(statisticsRows({
       stats: this.stats(),
       second: this.meter.last,
-      roundTripMs: this.video.clock.roundTripMs,
+      roundTripMs: this.video ? this.video.clock.roundTripMs : null,
       host: this.diagnostics,
     }));
   }

@@ -254,6 +254,33 @@ function setText(element, text) {
 }
 
 /**
+ * Puts a text on the clipboard, from within a gesture. A page without a secure connection has no Clipboard API, but may
+ * still copy a selection.
+ * @returns {Promise<boolean>} whether the browser did it
+ */
+export async function copyText(text) {
+  try {
+    await navigator.clipboard.writeText(text);
+    return true;
+  } catch (error) {
+    return copySelection(text);
+  }
+}
+
+function copySelection(text) {
+  const area = document.createElement('textarea');
+  area.className = 'typing';
+  area.value = text;
+  const focused = document.activeElement;
+  document.body.append(area);
+  area.select();
+  const copied = document.execCommand('copy');
+  area.remove();
+  if (focused) focused.focus({ preventScroll: true });
+  return copied;
+}
+
+/**
  * Keeps the page above an on-screen keyboard that lies over it and does not shrink it, as in Safari on a phone. A page
  * that is magnified by two fingers is left alone.
  */

@@ -142,6 +142,25 @@ test('fingers tap and press long on a phone', async () => {
   await phone.context().close();
 });
 
+test('a browser that cannot decode still shows its statistics and copies the report', async () => {
+  const old = await page.context().newPage();
+  await page.context().grantPermissions(['clipboard-read']);
+  await old.addInitScript(() => {
+    delete window.VideoDecoder;
+    Object.defineProperty(Navigator.prototype, 'clipboard', { value: undefined }); // as without a secure connection
+  });
+  old.on('pageerror', (error) => faults.push(error.message));
+  await old.goto(host.url);
+  await card('WebCodecs', old);
+  await old.click('#show-statistics');
+  assert.match(await old.textContent('#figures'), /Decoder.*Reconnects/);
+  await old.click('#copy-report');
+  await old.waitForSelector('.toast:has-text("Report copied")');
+  await page.bringToFront();
+  const { capabilities } = JSON.parse(await page.evaluate(() => navigator.clipboard.readText()));
+  assert.equal(capabilities.webCodecs, false);
+});
+
 test('survives a restart of the host and a link that dies silently', async () => {
   await control();
   await host.stop();
