@@ -296,6 +296,8 @@ export function fitAboveKeyboard(view = window.visualViewport) {
   fit();
 }
 
+const PANELS = '.card, .statistics, button'; // on the stage, with presses of their own
+
 /** Fingers, mouse and wheel on the stage. */
 export class StageInput {
   /** @param {{stage: Element, outbox: InputOutbox, ui: ViewerInterface, enabled: () => boolean}} parts */
@@ -310,6 +312,10 @@ export class StageInput {
     stage.addEventListener('wheel', (event) => this.wheel(event), { passive: false });
     stage.addEventListener('contextmenu', (event) => {
       if (this.enabled()) event.preventDefault();
+    });
+    // The keyboard's field keeps the focus: a press would move it to the stage and end a composition.
+    stage.addEventListener('mousedown', (event) => {
+      if (this.enabled() && !event.target.closest(PANELS)) event.preventDefault();
     });
   }
 
@@ -344,7 +350,7 @@ export class StageInput {
 
   /** @returns {boolean} whether an event is ours to send; refreshes the picture's place */
   ready(event) {
-    if (!this.enabled() || event.target.closest('.card, .statistics, button')) return false;
+    if (!this.enabled() || event.target.closest(PANELS)) return false;
     this.rect = this.ui.pictureRect();
     return this.rect !== null;
   }
@@ -432,6 +438,8 @@ export class KeyboardInput {
     this.field = byId('typing');
     this.field.value = PADDING;
     this.finePointer = window.matchMedia('(pointer: fine)');
+    this.staysLowered = 'inputMode' in this.field; // a field with inputmode "none" raises no on-screen keyboard
+    this.allowOnScreenKeyboard(false);
     document.addEventListener('keydown', (event) => this.keyDown(event));
     this.field.addEventListener('input', (event) => {
       if (!event.isComposing) this.takeField();
@@ -464,13 +472,18 @@ export class KeyboardInput {
   toggle(open = byId('keys').hidden) {
     byId('keys').hidden = !open;
     byId('keyboard').setAttribute('aria-expanded', String(open));
-    if (open) this.field.focus({ preventScroll: true });
-    else this.field.blur();
+    this.field.blur(); // browsers look at the input mode when the field gets the focus
+    this.allowOnScreenKeyboard(open);
+    if (this.enabled()) this.attend();
   }
 
   /** Takes the focus for a physical keyboard, without raising the keyboard of a touch screen. */
   attend() {
-    if (this.finePointer.matches || !byId('keys').hidden) this.field.focus({ preventScroll: true });
+    if (this.staysLowered || this.finePointer.matches || !byId('keys').hidden) this.field.focus({ preventScroll: true });
+  }
+
+  allowOnScreenKeyboard(allowed) {
+    if (this.staysLowered) this.field.inputMode = allowed ? 'text' : 'none';
   }
 
   keyDown(event) {

@@ -124,6 +124,14 @@ test('fingers tap and press long on a phone', async () => {
   await until(() => sent('tap').length === 1, 'tap');
   assert.ok(Math.abs(sent('tap')[0].x - 0.75) < 0.01 && Math.abs(sent('tap')[0].y - 0.25) < 0.01);
   const session = await phone.context().newCDPSession(phone);
+  const typingField = () => phone.evaluate(() => document.activeElement.id === 'typing' && document.activeElement.inputMode);
+  assert.equal(await typingField(), 'none', 'the on-screen keyboard stays down');
+  await session.send('Input.imeSetComposition', { text: '´', selectionStart: 1, selectionEnd: 1 });
+  await session.send('Input.insertText', { text: 'é' });
+  await until(() => sent('text').some(({ text }) => text === 'é'), 'text composed by a hardware keyboard');
+  await phone.tap('#keyboard');
+  assert.equal(await typingField(), 'text', 'the on-screen keyboard comes up');
+  await phone.tap('#keyboard');
   const point = { x: rect.left + rect.width / 2, y: rect.top + rect.height / 2 };
   await session.send('Input.dispatchTouchEvent', { type: 'touchStart', touchPoints: [point] });
   await until(() => sent('click').length === 1, 'long press');
