@@ -16,7 +16,7 @@ export function cardFor(model) {
   if (model.missing.length > 0) {
     return {
       tone: 'bad', icon: 'warning', title: 'This browser cannot show the picture',
-      text: `It lacks ${model.missing.join(' and ')}. A current version of a Chromium-based browser has what is needed.`,
+      text: `It lacks ${model.missing.join(' and ')}. A current version of a Chromium-based browser or of Firefox has what is needed.`,
     };
   }
   if (!model.hasToken) {

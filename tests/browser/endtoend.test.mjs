@@ -7,18 +7,15 @@ import { existsSync, readFileSync } from 'node:fs';
 import path from 'node:path';
 import { after, afterEach, before, beforeEach, describe, test } from 'node:test';
 
-import { Client, Host, XServer, launchBrowser, openViewer, pictureColours, sleep, spawnQuiet, waitFor, waitForPictures } from './lab.mjs';
+import {
+  Client, Host, XServer, assertColours, launchBrowser, near, openViewer, pattern, pictureColours, sleep, spawnQuiet, waitFor, waitForPictures,
+} from './lab.mjs';
 
 const build = process.env.KESTRUNE_BUILD;
 assert.ok(build, 'KESTRUNE_BUILD names the build folder');
 
 const width = 1280;
 const height = 800;
-// The pattern client's colours, row by row.
-const pattern = [
-  [[0xC0, 0x20, 0x20], [0x20, 0xA0, 0x40], [0x20, 0x40, 0xC0], [0xFF, 0xFF, 0xFF]],
-  [[0xD0, 0xC0, 0x20], [0x20, 0xB0, 0xC0], [0x80, 0x80, 0x80], [0x00, 0x00, 0x00]],
-];
 
 let browser;
 before(async () => { browser = await launchBrowser(); });
@@ -28,18 +25,6 @@ after(async () => { await browser?.close(); });
 async function pointOver(page, x, y) {
   const rect = await page.evaluate(() => ({ ...window.kestruneViewer.pictureRect }));
   return [rect.left + x * rect.width, rect.top + y * rect.height];
-}
-
-function assertColours(seen, wanted) {
-  wanted.flat().forEach((colour, index) => colour.forEach((value, channel) => {
-    const got = seen[index][channel];
-    assert.ok(Math.abs(got - value) <= 12, `field ${index}, channel ${channel}: ${got} instead of ${value}`);
-  }));
-}
-
-function near(line, x, y) {
-  const [px, py] = line.split(' ').slice(-2).map(Number);
-  assert.ok(Math.abs(px - x) <= 2 && Math.abs(py - y) <= 2, `${line}, wanted near ${x} ${y}`);
 }
 
 describe('a display with a known pattern', () => {

@@ -1,5 +1,6 @@
 // What the end-to-end tests and measurements share: a private display, clients on it, the host, and viewers.
 
+import assert from 'node:assert/strict';
 import { execFileSync, spawn } from 'node:child_process';
 import { existsSync, mkdtempSync, readFileSync, rmSync, writeFileSync, mkdirSync } from 'node:fs';
 import { createRequire } from 'node:module';
@@ -136,7 +137,9 @@ export class Client {
       }
       const left = end - Date.now();
       if (left <= 0) throw new Error(`no line matches ${pattern}; seen: ${seen.slice(-20).join(' | ')}`);
-      await new Promise((resolve) => { this.wake = resolve; setTimeout(resolve, left); });
+      let timer;
+      await new Promise((resolve) => { this.wake = resolve; timer = setTimeout(resolve, left); });
+      clearTimeout(timer);
     }
   }
   stop() { this.child.kill('SIGTERM'); }
@@ -259,11 +262,38 @@ export async function waitFor(test, seconds = 10, explain = () => 'it did not ha
   }
 }
 
-/** The colours [R, G, B] in the middles of the eight fields of the pattern, row by row, as the page shows them. */
-export function pictureColours(page) {
-  return page.evaluate(() => {
+/** The pattern client's colours, row by row. */
+export const pattern = [
+  [[0xC0, 0x20, 0x20], [0x20, 0xA0, 0x40], [0x20, 0x40, 0xC0], [0xFF, 0xFF, 0xFF]],
+  [[0xD0, 0xC0, 0x20], [0x20, 0xB0, 0xC0], [0x80, 0x80, 0x80], [0x00, 0x00, 0x00]],
+];
+
+export function assertColours(seen, wanted) {
+  wanted.flat().forEach((colour, index) => colour.forEach((value, channel) => {
+    const got = seen[index][channel];
+    assert.ok(Math.abs(got - value) <= 12, `field ${index}, channel ${channel}: ${got} instead of ${value}`);
+  }));
+}
+
+/** Of a press or release that the pattern client reports: whether it was at (x, y). */
+export function near(line, x, y) {
+  const [px, py] = line.split(' ').slice(-2).map(Number);
+  assert.ok(Math.abs(px - x) <= 2 && Math.abs(py - y) <= 2, `${line}, wanted near ${x} ${y}`);
+}
+
+/**
+ * The colours [R, G, B] in the middles of the eight fields of the pattern, row by row, as the page's picture has them,
+ * or a screenshot of it (PNG in base64).
+ */
+export function pictureColours(page, screenshot = null) {
+  return page.evaluate(async (png) => {
     const video = document.querySelector('#picture-video');
-    const source = video.hidden ? document.querySelector('#picture-canvas') : video;
+    let source = video.hidden ? document.querySelector('#picture-canvas') : video;
+    if (png) {
+      source = new Image();
+      source.src = `data:image/png;base64,${png}`;
+      await source.decode();
+    }
     const width = source.videoWidth || source.width;
     const height = source.videoHeight || source.height;
     const canvas = new OffscreenCanvas(width, height);
@@ -278,5 +308,5 @@ export function pictureColours(page) {
       }
     }
     return colours;
-  });
+  }, screenshot);
 }
