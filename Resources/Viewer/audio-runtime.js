@@ -17,6 +17,8 @@ const GAP_MS = 40; // stamps scatter by less
 const EXCESS_MS = 400; // beyond the target: too much to wait until it has been played away
 const SETTLING_EXCESS_MS = 100;
 const SETTLING_SECONDS = 1;
+const FADE_OUT_MS = 250;
+const WAKE_UP_MS = 1000;
 const LONGEST_BATCH_MS = 300; // the host answers a poll for live sound within 250 ms
 
 /**
@@ -387,6 +389,7 @@ export class Sound {
     this.context = null;
     this.node = null;
     this.wasRunning = false;
+    this.isResting = false; // stopped by ourselves, until it runs again
     this.ready = false;
     this.shownState = this.state;
     this.heard = new HeardClock();
@@ -397,7 +400,7 @@ export class Sound {
     if (!this.supported) return 'unsupported';
     if (!this.wanted) return 'off';
     if (this.muted) return 'muted';
-    if (!this.context || this.context.state !== 'running') return this.wasRunning ? 'interrupted' : 'locked';
+    if (!this.context || (this.context.state !== 'running' && !this.isResting)) return this.wasRunning ? 'interrupted' : 'locked';
     return this.last && this.last.playing ? 'playing' : 'buffering';
   }
 
@@ -405,13 +408,45 @@ export class Sound {
     if (wanted === this.wanted) return;
     this.wanted = wanted;
     if (wanted) this.open();
+    this.restOrWake();
     this.update();
   }
 
   toggleMute() {
     this.muted = !this.muted;
     if (this.context) this.volume.gain.setTargetAtTime(this.muted ? 0 : 1, this.context.currentTime, 0.01);
+    this.restOrWake();
     this.resume();
+    this.update();
+  }
+
+  get isNeeded() {
+    return this.wanted && !this.muted;
+  }
+
+  /** The audio thread costs as much for silence as for sound, so it rests while nothing is to be heard. */
+  restOrWake() {
+    clearTimeout(this.restTimer);
+    const { context } = this;
+    if (!context || context.state === 'closed') return;
+    if (!this.isNeeded) {
+      this.restTimer = setTimeout(() => this.rest(), FADE_OUT_MS);
+    } else if (this.isResting) {
+      this.resume();
+      // Where the system does not give the sound back, the user is asked.
+      this.restTimer = setTimeout(() => this.nowAwake(), WAKE_UP_MS);
+    }
+  }
+
+  rest() {
+    if (this.context.state !== 'running') return;
+    this.jump(); // a report says that nothing plays any more
+    this.isResting = true;
+    this.context.suspend().catch(() => {}); // closed meanwhile
+  }
+
+  nowAwake() {
+    this.isResting = false;
     this.update();
   }
 
@@ -430,7 +465,11 @@ export class Sound {
     this.volume.gain.value = this.muted ? 0 : 1;
     this.analyser = context.createAnalyser();
     this.volume.connect(this.analyser).connect(context.destination);
-    context.addEventListener('statechange', () => this.update());
+    context.addEventListener('statechange', () => {
+      if (context.state === 'running') this.isResting = false;
+      this.restOrWake();
+      this.update();
+    });
     try {
       await context.audioWorklet.addModule('/audio-runtime.js');
     } catch (error) {
@@ -446,7 +485,8 @@ export class Sound {
 
   /** From a gesture, or when an interruption may be over. */
   resume() {
-    if (this.context && this.context.state !== 'running' && this.context.state !== 'closed') {
+    if (!this.context || !this.isNeeded || this.context.state === 'closed') return;
+    if (this.context.state !== 'running' || this.isResting) {
       this.context.resume().catch(() => {}); // refused without a gesture; the state says so
     }
   }

@@ -82,6 +82,7 @@ test('is silent in control mode and when muted, and comes back at the live edge'
   const { length } = host.polls;
   await page.waitForTimeout(1500);
   assert.equal(host.polls.length, length, 'no poll in control mode');
+  assert.equal(await page.evaluate(() => window.kestruneViewer.audio.contextState), 'suspended', 'the audio thread rests');
   await page.click('#mode-video');
   await hearTone();
   assert.ok(host.polls[length].after > host.polls[length - 1].after + 50, 'what was missed is not fetched');
