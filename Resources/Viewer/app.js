@@ -256,6 +256,7 @@ class Viewer {
     this.video.displayTime.add(Math.min(60, Math.max(0, seenAt - info.decodedAt)));
     if (this.sound.offset !== null) this.lipSync.add(seenAt - info.timestamp / 1000 - this.sound.offset);
     if (this.hooks.onFrameShown) this.hooks.onFrameShown(info);
+    this.ui.pictureShown();
   }
 
   codecUnusable(codec) {
@@ -369,7 +370,7 @@ class Viewer {
       document.body.dataset.dock = 'closed';
     });
     byId('stage').addEventListener('pointerdown', () => {
-      document.body.dataset.dock = 'closed';
+      if (document.body.dataset.dock === 'open') document.body.dataset.dock = 'closed';
     });
     byId('stage').addEventListener('pointerup', () => {
       if (this.controlling()) this.keyboard.attend();

@@ -99,6 +99,9 @@ export function soundFor(state) {
   }
 }
 
+const VISIBLE_STEP = 1; // CSS pixels
+const TOUCH_ANSWER_MS = 50;
+
 /** Elements that only show. Wishes of the user arrive at `act(name)`. */
 export class ViewerInterface {
   constructor(act) {
@@ -109,6 +112,9 @@ export class ViewerInterface {
     this.picture = { width: 0, height: 0 };
     this.cursorState = { visible: false, x: 0.5, y: 0.5 };
     this.localPointerUntil = 0;
+    this.stageBox = null; // where the stage lies in the window, until that may have changed
+    this.drawnCursor = { visible: null, x: 0, y: 0 };
+    this.waitingTouch = null; // draws the answer to a touch
     this.toasts = new Map();
     const buttons = {
       'mode-video': 'modeVideo', 'mode-control': 'modeControl', 'play-pause': 'playPause', 'host-fullscreen': 'fullscreen',
@@ -128,7 +134,14 @@ export class ViewerInterface {
       event.preventDefault();
       byId('token-problem').hidden = act('token', byId('token-input').value) !== false;
     });
-    new ResizeObserver(() => this.placeCursor()).observe(this.stage);
+    const relocated = () => {
+      this.stageBox = null;
+      this.placeCursor();
+    };
+    new ResizeObserver(relocated).observe(this.stage);
+    if (window.visualViewport) {
+      for (const type of ['resize', 'scroll']) window.visualViewport.addEventListener(type, relocated);
+    }
   }
 
   render(model) {
@@ -192,7 +205,13 @@ export class ViewerInterface {
 
   /** The picture's rectangle in client coordinates, or null while there is none. */
   pictureRect() {
-    return pictureRect(this.stage.getBoundingClientRect(), this.picture.width, this.picture.height);
+    return pictureRect(this.stageRect(), this.picture.width, this.picture.height);
+  }
+
+  /** Measured once, since measuring in an input handler may lay out the page first. */
+  stageRect() {
+    if (!this.stageBox) this.stageBox = this.stage.getBoundingClientRect();
+    return this.stageBox;
   }
 
   setCursor(state) {
@@ -208,20 +227,46 @@ export class ViewerInterface {
     this.predictionTimer = setTimeout(() => this.placeCursor(), 260);
   }
 
+  /** Draws only what can be seen to differ: every drawing may hold the next picture back by a turn of the compositor. */
   placeCursor(point = this.cursorState) {
     const rect = this.pictureRect();
     const visible = this.cursorState.visible && rect !== null && document.body.dataset.picture === 'yes' && document.body.dataset.stale === 'no';
-    this.cursor.toggleAttribute('hidden', !visible);
-    document.body.dataset.pointer = visible ? 'remote' : 'own';
-    if (!visible) return;
-    const stage = this.stage.getBoundingClientRect();
-    const x = rect.left - stage.left + point.x * rect.width;
-    const y = rect.top - stage.top + point.y * rect.height;
-    this.cursor.style.transform = `translate(${x}px, ${y}px)`;
+    const drawn = this.drawnCursor;
+    if (visible !== drawn.visible) {
+      this.cursor.toggleAttribute('hidden', !visible);
+      document.body.dataset.pointer = visible ? 'remote' : 'own';
+    }
+    const stage = this.stageRect();
+    const x = visible ? rect.left - stage.left + point.x * rect.width : drawn.x;
+    const y = visible ? rect.top - stage.top + point.y * rect.height : drawn.y;
+    if (Math.abs(x - drawn.x) >= VISIBLE_STEP || Math.abs(y - drawn.y) >= VISIBLE_STEP) {
+      this.cursor.style.transform = `translate(${x}px, ${y}px)`;
+      this.drawnCursor = { visible, x, y };
+    } else {
+      drawn.visible = visible;
+    }
+  }
+
+  /** Answers a touch together with the next picture, or soon without one. */
+  answerTouch(clientX, clientY, point) {
+    this.pictureShown();
+    this.waitingTouch = () => {
+      this.predictCursor(point);
+      this.showTouch(clientX, clientY);
+    };
+    this.touchTimer = setTimeout(() => this.pictureShown(), TOUCH_ANSWER_MS);
+  }
+
+  pictureShown() {
+    if (!this.waitingTouch) return;
+    clearTimeout(this.touchTimer);
+    const draw = this.waitingTouch;
+    this.waitingTouch = null;
+    draw();
   }
 
   showTouch(clientX, clientY) {
-    const stage = this.stage.getBoundingClientRect();
+    const stage = this.stageRect();
     this.touch.style.left = `${clientX - stage.left}px`;
     this.touch.style.top = `${clientY - stage.top}px`;
     this.touch.hidden = false;
@@ -319,23 +364,26 @@ export class StageInput {
     });
   }
 
+  /** Messages go out before anything is drawn. */
   gestureActions() {
-    const place = ({ x, y }) => this.place(x, y);
     const { outbox } = this;
+    const at = (send) => (p) => {
+      const point = this.place(p.x, p.y);
+      send(point);
+      return point;
+    };
+    const moveTo = (send) => (p) => this.ui.predictCursor(at(send)(p));
+    const touchAt = (send) => (p) => this.ui.answerTouch(p.x, p.y, at(send)(p));
     return {
-      tap: (p) => {
-        this.ui.showTouch(p.x, p.y);
-        outbox.tap(place(p));
-      },
-      dragStart: (p) => outbox.pointer('down', place(p)),
-      dragMove: (p) => outbox.move(place(p)),
-      dragEnd: (p) => outbox.pointer('up', place(p)),
-      longPress: (p) => {
-        this.ui.showTouch(p.x, p.y);
+      tap: touchAt((point) => outbox.tap(point)),
+      dragStart: moveTo((point) => outbox.pointer('down', point)),
+      dragMove: moveTo((point) => outbox.move(point)),
+      dragEnd: moveTo((point) => outbox.pointer('up', point)),
+      longPress: touchAt((point) => {
+        outbox.rightClick(point);
         if (navigator.vibrate) navigator.vibrate(15);
-        outbox.rightClick(place(p));
-      },
-      scrollStart: (p) => outbox.move(place(p)),
+      }),
+      scrollStart: moveTo((point) => outbox.move(point)),
       // The content follows the fingers, so the wheel turns the other way.
       scroll: (dx, dy) => outbox.scroll(-dx / this.rect.scale, -dy / this.rect.scale),
       cancel: () => outbox.release(),
@@ -343,9 +391,7 @@ export class StageInput {
   }
 
   place(clientX, clientY) {
-    const point = normalizedPoint(this.rect, clientX, clientY);
-    this.ui.predictCursor(point);
-    return point;
+    return normalizedPoint(this.rect, clientX, clientY);
   }
 
   /** @returns {boolean} whether an event is ours to send; refreshes the picture's place */
@@ -366,7 +412,7 @@ export class StageInput {
     } else if (event.button === 0) {
       this.holdMouse(event, true);
     } else if (event.button === 2 && !this.mouseHeld) {
-      this.outbox.rightClick(this.place(event.clientX, event.clientY));
+      this.mouseAt(event, (point) => this.outbox.rightClick(point));
     }
   }
 
@@ -382,7 +428,7 @@ export class StageInput {
     if (this.mouseHeld ? !isDown : isDown && event.button === 0 && inside) {
       this.holdMouse(event, isDown);
     } else if (this.mouseHeld || inside) {
-      this.outbox.move(this.place(event.clientX, event.clientY));
+      this.mouseAt(event, (point) => this.outbox.move(point));
     }
   }
 
@@ -396,7 +442,13 @@ export class StageInput {
 
   holdMouse(event, held) {
     this.mouseHeld = held;
-    this.outbox.pointer(held ? 'down' : 'up', this.place(event.clientX, event.clientY));
+    this.mouseAt(event, (point) => this.outbox.pointer(held ? 'down' : 'up', point));
+  }
+
+  mouseAt(event, send) {
+    const point = this.place(event.clientX, event.clientY);
+    send(point);
+    this.ui.predictCursor(point);
   }
 
   wheel(event) {
@@ -479,6 +531,7 @@ export class KeyboardInput {
 
   /** Takes the focus for a physical keyboard, without raising the keyboard of a touch screen. */
   attend() {
+    if (document.activeElement === this.field) return;
     if (this.staysLowered || this.finePointer.matches || !byId('keys').hidden) this.field.focus({ preventScroll: true });
   }
 

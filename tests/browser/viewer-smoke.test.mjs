@@ -91,11 +91,18 @@ test('mouse, wheel and keyboard arrive in order and at the right places', async 
   for (const message of [drag[up - 1], drag[up]]) {
     assert.ok(Math.abs(message.x - 0.5) < 0.01 && Math.abs(message.y - 0.75) < 0.01);
   }
+  await page.waitForTimeout(300); // the pointer has come to rest
+  await page.evaluate(() => {
+    window.drawn = [];
+    new MutationObserver((records) => window.drawn.push(...records.map(({ target, attributeName }) => `${target.id} ${attributeName}`)))
+      .observe(document, { subtree: true, attributes: true, childList: true });
+  });
   await page.mouse.down();
   await page.mouse.down({ button: 'right' });
   await page.mouse.up();
   await until(() => sent('pointer').filter((message) => message.phase === 'up').length === 2, 'release below another button');
   await page.mouse.up({ button: 'right' });
+  assert.deepEqual(await page.evaluate(() => window.drawn), [], 'a press draws nothing that is there already');
   assert.equal(sent('click').length, 0);
   await page.mouse.click(...at(0.1, 0.1), { button: 'right' });
   await until(() => sent('click').length === 1, 'right click');
@@ -122,6 +129,7 @@ test('fingers tap and press long on a phone', async () => {
   const rect = await phone.evaluate(() => window.kestruneViewer.pictureRect);
   await phone.touchscreen.tap(rect.left + rect.width * 0.75, rect.top + rect.height * 0.25);
   await until(() => sent('tap').length === 1, 'tap');
+  await phone.waitForSelector('#touch.shown', { state: 'attached' });
   assert.ok(Math.abs(sent('tap')[0].x - 0.75) < 0.01 && Math.abs(sent('tap')[0].y - 0.25) < 0.01);
   const session = await phone.context().newCDPSession(phone);
   const typingField = () => phone.evaluate(() => document.activeElement.id === 'typing' && document.activeElement.inputMode);
