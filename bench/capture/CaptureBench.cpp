@@ -124,7 +124,7 @@ double percentile(std::vector<double>& values, double share) {
 }
 
 void measure(Canvas& canvas, const Scene& scene, int seconds, int width, int height) {
-  X11ScreenCapture capture;
+  X11ScreenCapture capture(std::make_shared<X11Server>());
   std::promise<ShareableContent> content;
   capture.shareableContent(false, false, [&](auto found, auto failure) {
     failure ? content.set_exception(failure) : content.set_value(*found);

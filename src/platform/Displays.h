@@ -7,7 +7,8 @@
 
 namespace kestrune {
 
-/// The displays of the machine as they are now; each call asks anew. Any thread may call.
+/// The displays of the machine as the system last announced them. Any thread may call, at any rate; no call
+/// waits for the system.
 class Displays {
  public:
   virtual ~Displays() = default;

@@ -2,7 +2,8 @@
 
 namespace kestrune {
 
-/// What the system lets this process do. Each call asks anew; any thread may call.
+/// What the system lets this process do, as far as it is known: no call waits for the system. Any thread may
+/// call.
 class PrivacyPermissions {
  public:
   virtual ~PrivacyPermissions() = default;

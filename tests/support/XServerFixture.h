@@ -26,8 +26,9 @@ class XServer {
   const std::string& displayName() const { return displayName_; }
   /// Ends the server: its clients lose their connection. Idempotent.
   void kill() { server_->terminate(); }
-  /// Leaves the server without a word until it is killed: its clients keep their connection.
+  /// Leaves the server without a word until it goes on or is killed: its clients keep their connection.
   void hang() const { server_->signal(SIGSTOP); }
+  void goOn() const { server_->signal(SIGCONT); }
   /// Runs a command of the shell with DISPLAY set and waits for it; its exit status.
   int run(const std::string& command) const;
 

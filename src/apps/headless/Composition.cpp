@@ -18,6 +18,7 @@
 #include "platform/linux/preferences/JsonPreferences.h"
 #include "platform/linux/random/SystemRandomSource.h"
 #include "platform/linux/video/SoftwareCompressionSessionFactory.h"
+#include "platform/linux/x11/X11Server.h"
 #include "runtime/ThreadQueue.h"
 
 namespace kestrune {
@@ -25,7 +26,8 @@ namespace kestrune {
 std::shared_ptr<StreamCoordinator> composeCoordinator(std::shared_ptr<SerialQueue> mainQueue,
                                                       std::uint16_t viewerPort) {
   using namespace linux_platform;
-  const auto displays = std::make_shared<X11Displays>();
+  const auto server = std::make_shared<X11Server>();
+  const auto displays = std::make_shared<X11Displays>(server);
   if (!displays->mainDisplay()) return nullptr;
 
   const auto bundle = DirectoryBundle::ofRunningProgram();
@@ -39,11 +41,12 @@ std::shared_ptr<StreamCoordinator> composeCoordinator(std::shared_ptr<SerialQueu
   dependencies.defaults = std::make_shared<JsonPreferences>();
   dependencies.tokenStore = std::make_shared<TokenStore>(credentials, std::make_shared<SystemRandomSource>());
   dependencies.bundle = bundle;
-  dependencies.permissions = std::make_shared<X11PrivacyPermissions>();
+  dependencies.permissions = std::make_shared<X11PrivacyPermissions>(server);
   dependencies.displays = displays;
   dependencies.inputEvents = std::make_shared<XTestInputEvents>();
   dependencies.network = std::make_shared<AsioNetwork>();
-  dependencies.screenCapture = std::make_shared<SystemScreenCapture>(std::make_shared<X11ScreenCapture>());
+  dependencies.screenCapture =
+      std::make_shared<SystemScreenCapture>(std::make_shared<X11ScreenCapture>(server));
   dependencies.audioConverter =
       std::make_shared<PCMConverter>(std::make_shared<SoxrSampleRateConverterFactory>());
   dependencies.compression = std::make_shared<SoftwareCompressionSessionFactory>();

@@ -35,17 +35,21 @@ class Painter {
                                     static_cast<std::uint16_t>(area.width),
                                     static_cast<std::uint16_t>(area.height)};
     xcb_poly_fill_rectangle(*connection_, connection_->root(), context_, 1, &rectangle);
-    waitForReply(*connection_, xcb_get_input_focus_reply, xcb_get_input_focus(*connection_));
+    connection_->roundTrip();
   }
   void movePointer(int x, int y) {
     xcb_warp_pointer(*connection_, XCB_NONE, connection_->root(), 0, 0, 0, 0, static_cast<std::int16_t>(x),
                      static_cast<std::int16_t>(y));
-    waitForReply(*connection_, xcb_get_input_focus_reply, xcb_get_input_focus(*connection_));
+    connection_->roundTrip();
   }
   void movePointerAsDevice(int x, int y) {
     xcb_test_fake_input(*connection_, XCB_MOTION_NOTIFY, 0, XCB_CURRENT_TIME, connection_->root(),
                         static_cast<std::int16_t>(x), static_cast<std::int16_t>(y), 0);
-    waitForReply(*connection_, xcb_get_input_focus_reply, xcb_get_input_focus(*connection_));
+    connection_->roundTrip();
+  }
+  void grabServer() const {
+    xcb_grab_server(*connection_);
+    connection_->roundTrip();
   }
   DisplayLayout layout() const { return readDisplayLayout(*connection_); }
 
@@ -62,7 +66,8 @@ class Receiver {
 
   Receiver(const std::string& displayName, const ScreenStreamConfiguration& configuration,
            const ContentFilter& filter)
-      : capture_(displayName), queue_(std::make_shared<ThreadQueue>("receiver")) {
+      : capture_(std::make_shared<X11Server>(displayName)),
+        queue_(std::make_shared<ThreadQueue>("receiver")) {
     stream_ = capture_.createStream(filter, configuration, [this](std::exception_ptr failure) {
       const std::lock_guard guard(lock_);
       stopped_ = failure;
@@ -85,7 +90,7 @@ class Receiver {
   }
 
   static ContentFilter mainDisplayFilter(const std::string& displayName) {
-    X11ScreenCapture capture(displayName);
+    X11ScreenCapture capture(std::make_shared<X11Server>(displayName));
     std::promise<ShareableContent> promise;
     capture.shareableContent(false, false, [&promise](auto content, std::exception_ptr failure) {
       failure ? promise.set_exception(failure) : promise.set_value(*content);

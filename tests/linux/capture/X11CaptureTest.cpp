@@ -171,6 +171,40 @@ TEST(X11CaptureTest, EndOfTheServerIsTold) {
   EXPECT_EQ(receiver.update(sized(320, 180)), "The stream is not running.");
 }
 
+TEST(X11CaptureTest, ServerThatHangsIsToldAndHoldsUpNothing) {
+  XServer server(320, 180);
+  Receiver receiver(server.displayName(), sized(320, 180));
+  Receiver stopped(server.displayName(), sized(320, 180));
+  Receiver late(server.displayName(), sized(320, 180));
+  ASSERT_EQ(receiver.start(), "");
+  ASSERT_EQ(stopped.start(), "");
+  server.hang();
+  // The screen is still, so that only the sign of life asks for anything.
+  EXPECT_EQ(late.start(), "The X display " + server.displayName() + " does not answer.");
+  EXPECT_EQ(receiver.waitForStop(), "The X display " + server.displayName() + " has stopped answering.");
+  EXPECT_NE(stopped.waitForStop(), "");
+  server.goOn();
+  Receiver again(server.displayName(), sized(320, 180));
+  ASSERT_EQ(again.start(), "");
+  // A stop does not wait for the limit.
+  server.hang();
+  std::this_thread::sleep_for(1200ms);  // a sign of life is being waited for
+  const auto asked = std::chrono::steady_clock::now();
+  EXPECT_EQ(again.stop(), "");
+  EXPECT_LT(std::chrono::steady_clock::now() - asked, 1s);
+}
+
+TEST(X11CaptureTest, ScreenIsSeenWhileAnotherClientHasGrabbedTheServer) {
+  XServer server(320, 180);
+  Receiver receiver(server.displayName(), sized(320, 180));
+  ASSERT_EQ(receiver.start(), "");
+  Painter grabbing(server.displayName());
+  grabbing.grabServer();
+  grabbing.fill({0, 0, 320, 180}, kRed);
+  EXPECT_TRUE(
+      receiver.waitForPicture([](const PixelBuffer& picture) { return isColour(picture, 160, 90, kRed); }));
+}
+
 TEST(X11CaptureTest, EndOfTheDisplayIsTold) {
   XServer server(1600, 600);
   Painter painter(server.displayName());
@@ -181,7 +215,7 @@ TEST(X11CaptureTest, EndOfTheDisplayIsTold) {
   const X11Display& right = layout.displays[1];
   painter.fill({0, 0, 800, 600}, kRed);
   painter.fill({800, 0, 800, 600}, kGreen);
-  X11ScreenCapture capture(server.displayName());
+  const X11ScreenCapture capture(std::make_shared<X11Server>(server.displayName()));
   Receiver receiver(server.displayName(), sized(400, 300),
                     capture.filterForDisplay({right.id, layout.bounds(right)}));
   ASSERT_EQ(receiver.start(), "");

@@ -56,8 +56,8 @@ PixelRect moved(const PixelRect& rectangle, int dx, int dy) {
 
 CaptureSession::CaptureSession(const std::string& displayName, const ContentFilter& filter,
                                const ScreenStreamConfiguration& configuration,
-                               std::function<void()> onRelease)
-    : reader_(displayName), onRelease_(std::move(onRelease)), pacer_(Duration{}) {
+                               std::function<void()> onRelease, std::shared_ptr<X11Interrupt> interrupt)
+    : reader_(displayName, std::move(interrupt)), onRelease_(std::move(onRelease)), pacer_(Duration{}) {
   setConfiguration(configuration);
   setFilter(filter);
 }
@@ -150,6 +150,8 @@ std::optional<VideoSample> CaptureSession::next(Duration now, bool isRequested) 
     }
   }
   if (!isRepeatDue || !pool_->hasPicture() || mustReadLayout_) return std::nullopt;
+  // The repeats of a still screen must not hide that the server hangs.
+  reader_.requireAnswer();
   const Duration time = pacer_.timeOf(now);
   pacer_.delivered(time, 0);
   if (isRequested) pacer_.startedAnew();

@@ -19,9 +19,11 @@ namespace kestrune::linux_platform {
 /// CLOCK_MONOTONIC. Confined to the stream's thread. Throws an X11Error when the display is gone.
 class CaptureSession {
  public:
-  /// `onRelease` is called on any thread when the receiver lets go of a picture.
+  /// `onRelease` is called on any thread when the receiver lets go of a picture. `interrupt` ends waits for
+  /// the server.
   CaptureSession(const std::string& displayName, const ContentFilter& filter,
-                 const ScreenStreamConfiguration& configuration, std::function<void()> onRelease);
+                 const ScreenStreamConfiguration& configuration, std::function<void()> onRelease,
+                 std::shared_ptr<X11Interrupt> interrupt);
 
   /// Both throw an X11Error and change nothing if they cannot be served. The next picture is whole.
   void setConfiguration(const ScreenStreamConfiguration& configuration);

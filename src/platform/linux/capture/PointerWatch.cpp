@@ -51,6 +51,7 @@ unsigned int send(const X11Connection& connection, std::uint8_t opcode, bool has
 PointerWatch::PointerWatch(const X11Connection& connection) {
   const auto extension = connection.extension(inputExtension);
   if (!extension) return;
+  const X11Connection::LimitedWait wait(connection);
   const unsigned int version = send(connection, kQueryVersion, true, QueryVersionRequest{});
   xcb_generic_error_t* error = nullptr;
   const XcbOwned<void> reply(xcb_wait_for_reply(connection, version, &error));
@@ -64,8 +65,7 @@ void PointerWatch::setOn(const X11Connection& connection, bool isOn) {
   SelectEventsRequest select;
   select.window = connection.root();
   select.mask = isOn ? 1U << kRawMotion : 0;
-  const XcbOwned<xcb_generic_error_t> refused(
-      xcb_request_check(connection, xcb_void_cookie_t{send(connection, kSelectEvents, false, select)}));
+  const auto refused = connection.check({send(connection, kSelectEvents, false, select)});
   if (refused) opcode_.reset();
 }
 

@@ -1,7 +1,6 @@
 #include "platform/linux/capture/ScreenReader.h"
 
 #include <xcb/damage.h>
-#include <xcb/randr.h>
 #include <xcb/shm.h>
 #include <xcb/xfixes.h>
 
@@ -24,8 +23,10 @@ std::size_t bytesOf(const PixelRect& part) {
 
 }  // namespace
 
-ScreenReader::ScreenReader(const std::string& displayName)
-    : connection_(X11Connection::open(displayName)), pointerWatch_(*connection_) {
+ScreenReader::ScreenReader(const std::string& displayName, std::shared_ptr<X11Interrupt> interrupt)
+    : connection_(X11Connection::open(displayName, std::move(interrupt))),
+      layoutWatch_(*connection_),
+      pointerWatch_(*connection_) {
   requireReadablePixels();
   subscribe();
 }
@@ -68,28 +69,14 @@ void ScreenReader::subscribe() {
   xcb_xfixes_select_cursor_input(connection(), connection().root(),
                                  XCB_XFIXES_CURSOR_NOTIFY_MASK_DISPLAY_CURSOR);
 
-  if (const auto randr = connection().extension(xcb_randr_id)) {
-    randrEvent_ = randr->firstEvent;
-    xcb_randr_select_input(connection(), connection().root(),
-                           XCB_RANDR_NOTIFY_MASK_SCREEN_CHANGE | XCB_RANDR_NOTIFY_MASK_CRTC_CHANGE |
-                               XCB_RANDR_NOTIFY_MASK_OUTPUT_CHANGE);
-  }
-  const std::uint32_t wantsStructure = XCB_EVENT_MASK_STRUCTURE_NOTIFY;
-  xcb_change_window_attributes(connection(), connection().root(), XCB_CW_EVENT_MASK, &wantsStructure);
-
   // Each event names an area that was not damaged before: no question has to be asked to learn what to read,
   // and drawing over and over in one place while a picture waits for its time tells nothing and costs
   // nothing.
   damageId_ = xcb_generate_id(connection());
-  const XcbOwned<xcb_generic_error_t> refused(
-      xcb_request_check(connection(), xcb_damage_create_checked(connection(), damageId_, connection().root(),
-                                                                XCB_DAMAGE_REPORT_LEVEL_DELTA_RECTANGLES)));
+  const auto refused = connection().check(xcb_damage_create_checked(
+      connection(), damageId_, connection().root(), XCB_DAMAGE_REPORT_LEVEL_DELTA_RECTANGLES));
   if (refused) throw X11Error("The X display refuses to be watched: " + describe(refused.get()) + ".");
   if (connection().isBroken()) failLost();
-}
-
-void ScreenReader::failLost() const {
-  throw X11Error("The connection to the X display was lost.");
 }
 
 void ScreenReader::readEvents() {
@@ -116,9 +103,7 @@ void ScreenReader::handle(const xcb_generic_event_t& event) {
     ++damageNews_;
   } else if (type == cursorEvent_ || pointerWatch_.isMotion(event)) {
     cursorMayHaveChanged_ = true;
-  } else if (type == XCB_CONFIGURE_NOTIFY ||
-             (randrEvent_ >= 0 && (type == randrEvent_ + XCB_RANDR_SCREEN_CHANGE_NOTIFY ||
-                                   type == randrEvent_ + XCB_RANDR_NOTIFY))) {
+  } else if (layoutWatch_.isChange(event)) {
     layoutChanged_ = true;
   } else if (type == 0) {
     kLog.debug("X error: " + describe(&reinterpret_cast<const xcb_generic_error_t&>(event)));
@@ -133,6 +118,10 @@ DisplayLayout ScreenReader::layout() const {
   DisplayLayout present = readDisplayLayout(connection());
   if (connection().isBroken()) failLost();
   return present;
+}
+
+void ScreenReader::requireAnswer() const {
+  if (!connection().roundTrip()) failLost();
 }
 
 void ScreenReader::forgetDamage() {

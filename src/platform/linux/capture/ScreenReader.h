@@ -17,12 +17,12 @@ namespace kestrune::linux_platform {
 /// Confined to one thread; operations throw an X11Error once the connection is lost.
 class ScreenReader {
  public:
-  /// Throws an X11Error that says what the server lacks.
-  explicit ScreenReader(const std::string& displayName);
+  /// Throws an X11Error that says what the server lacks. `interrupt` ends waits for the server.
+  ScreenReader(const std::string& displayName, std::shared_ptr<X11Interrupt> interrupt);
   ~ScreenReader();
 
   /// Readable when there may be events.
-  int fd() const { return xcb_get_file_descriptor(connection()); }
+  int fd() const { return connection().descriptor(); }
   /// Takes in what the server has told, without waiting.
   void readEvents();
   /// The same for what has been received already; whether it was anything.
@@ -30,6 +30,8 @@ class ScreenReader {
   /// Whether displays came, went or changed since the last call.
   bool takeLayoutChange();
   DisplayLayout layout() const;
+  /// Asks the server for a sign of life.
+  void requireAnswer() const;
 
   /// Damage is told for this part of the root window only.
   void watch(const PixelRect& area) { watched_ = area; }
@@ -64,13 +66,13 @@ class ScreenReader {
   void handle(const xcb_generic_event_t& event);
   bool readShared(const std::vector<PixelRect>& parts, const PartHandler& onPart);
   bool readOverSocket(const std::vector<PixelRect>& parts, const PartHandler& onPart);
-  [[noreturn]] void failLost() const;
+  [[noreturn]] void failLost() const { connection().failLost(); }
 
   const std::unique_ptr<X11Connection> connection_;
+  const DisplayLayoutWatch layoutWatch_;
   PointerWatch pointerWatch_;
   std::uint8_t damageEvent_ = 0;
   std::uint8_t cursorEvent_ = 0;
-  int randrEvent_ = -1;
   std::uint32_t damageId_ = 0;
   PixelRect watched_;
   DirtyRegion damage_;

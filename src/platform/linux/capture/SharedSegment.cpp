@@ -59,8 +59,7 @@ bool SharedSegment::attachMemoryFile() {
   }
   const xcb_shm_seg_t id = xcb_generate_id(connection_);
   // xcb closes the descriptor once it is sent.
-  const XcbOwned<xcb_generic_error_t> error(
-      xcb_request_check(connection_, xcb_shm_attach_fd_checked(connection_, id, fd, 0)));
+  const auto error = connection_.check(xcb_shm_attach_fd_checked(connection_, id, fd, 0));
   if (error || connection_.isBroken()) {
     munmap(memory, size_);
     return false;
@@ -78,8 +77,8 @@ bool SharedSegment::attachSystemV() {
   const xcb_shm_seg_t id = xcb_generate_id(connection_);
   // shmat fails with the same -1 as mmap.
   if (memory != MAP_FAILED) {
-    const XcbOwned<xcb_generic_error_t> error(xcb_request_check(
-        connection_, xcb_shm_attach_checked(connection_, id, static_cast<std::uint32_t>(identifier), 0)));
+    const auto error =
+        connection_.check(xcb_shm_attach_checked(connection_, id, static_cast<std::uint32_t>(identifier), 0));
     isAttached = !error && !connection_.isBroken();
     if (!isAttached) shmdt(memory);
   }

@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "platform/linux/capture/CaptureSession.h"
-#include "platform/linux/capture/EventFd.h"
+#include "platform/linux/x11/EventFd.h"
 
 namespace kestrune::linux_platform {
 
@@ -39,9 +39,9 @@ void complete(const StreamCompletion& completion, std::exception_ptr outcome) {
 /// Shared by the stream's owner, its thread and the samples that are on their way.
 class X11CaptureStream::Core : public std::enable_shared_from_this<Core> {
  public:
-  Core(std::string displayName, const ContentFilter& filter, const ScreenStreamConfiguration& configuration,
-       StopHandler onStopped)
-      : displayName_(std::move(displayName)),
+  Core(std::shared_ptr<X11Server> server, const ContentFilter& filter,
+       const ScreenStreamConfiguration& configuration, StopHandler onStopped)
+      : server_(std::move(server)),
         onStopped_(std::move(onStopped)),
         filter_(filter),
         configuration_(configuration) {}
@@ -90,7 +90,8 @@ class X11CaptureStream::Core : public std::enable_shared_from_this<Core> {
   void completeStart(std::exception_ptr outcome);
   void finish(const std::exception_ptr& reason);
 
-  const std::string displayName_;
+  const std::shared_ptr<X11Server> server_;
+  const std::shared_ptr<X11Interrupt> interrupt_ = std::make_shared<X11Interrupt>();
   const StopHandler onStopped_;
   const std::shared_ptr<EventFd> wake_ = std::make_shared<EventFd>();
   std::atomic<bool> isFrameRequested_{false};
@@ -131,6 +132,7 @@ void X11CaptureStream::Core::stop(StreamCompletion completion) {
       state_ = State::stopping;
       stopCompletions_.push_back(std::move(completion));
       wake_->signal();
+      interrupt_->interrupt();
       return;
     }
   }
@@ -164,6 +166,7 @@ void X11CaptureStream::Core::endFromOwner() {
     thread = std::move(thread_);
   }
   wake_->signal();
+  interrupt_->interrupt();
   if (!thread.joinable()) return;
   if (thread.get_id() == std::this_thread::get_id()) {
     thread.detach();
@@ -195,7 +198,8 @@ void X11CaptureStream::Core::capture() {
       filter = filter_;
       configuration = configuration_;
     }
-    session.emplace(displayName_, filter, configuration, [wake = wake_] { wake->signal(); });
+    session.emplace(
+        server_->displayName(), filter, configuration, [wake = wake_] { wake->signal(); }, interrupt_);
   }
   bool isRequested = false;
   while (runCommands(*session)) {
@@ -207,7 +211,10 @@ void X11CaptureStream::Core::capture() {
     } else {
       sleep(*session, isRequested);
     }
-    if (session->takeContentChange() && onContentChanged_) onContentChanged_();
+    // Whoever is told asks the server's state for the new layout: it must be there.
+    if (session->takeContentChange() && onContentChanged_) {
+      server_->refresh([handler = onContentChanged_](const X11Server::State&) { handler(); });
+    }
   }
 }
 
@@ -290,9 +297,9 @@ void X11CaptureStream::Core::finish(const std::exception_ptr& reason) {
   for (const StreamCompletion& completion : stopCompletions) complete(completion, nullptr);
 }
 
-X11CaptureStream::X11CaptureStream(std::string displayName, const ContentFilter& filter,
+X11CaptureStream::X11CaptureStream(std::shared_ptr<X11Server> server, const ContentFilter& filter,
                                    const ScreenStreamConfiguration& configuration, StopHandler onStopped)
-    : core_(std::make_shared<Core>(std::move(displayName), filter, configuration, std::move(onStopped))) {}
+    : core_(std::make_shared<Core>(std::move(server), filter, configuration, std::move(onStopped))) {}
 
 X11CaptureStream::~X11CaptureStream() {
   core_->endFromOwner();

@@ -1,24 +1,18 @@
 #pragma once
 
 #include <memory>
-#include <string>
 
 #include "platform/ScreenStream.h"
-
-namespace kestrune {
-class ThreadQueue;
-}
+#include "platform/linux/x11/X11Server.h"
 
 namespace kestrune::linux_platform {
 
 /// Captures displays of an X server. Whole displays only: X shows windows, but a stream of one is refused.
 class X11ScreenCapture final : public ScreenCapture {
  public:
-  /// An empty name means the DISPLAY of the environment.
-  explicit X11ScreenCapture(std::string displayName = {});
-  ~X11ScreenCapture() override;
+  explicit X11ScreenCapture(std::shared_ptr<X11Server> server);
 
-  /// Completes on a thread of its own. X knows no desktop windows apart from the display, so the two flags
+  /// Completes on the server's thread. X knows no desktop windows apart from the display, so the two flags
   /// change nothing.
   void shareableContent(bool excludingDesktopWindows, bool onScreenWindowsOnly,
                         ContentCompletion completion) override;
@@ -29,8 +23,7 @@ class X11ScreenCapture final : public ScreenCapture {
                                              ScreenStream::StopHandler onStopped) override;
 
  private:
-  const std::string displayName_;
-  const std::unique_ptr<ThreadQueue> queue_;  // "x11-content"
+  const std::shared_ptr<X11Server> server_;
 };
 
 }  // namespace kestrune::linux_platform

@@ -1,38 +1,28 @@
 #pragma once
 
 #include <memory>
-#include <mutex>
-#include <string>
 
 #include "platform/PrivacyPermissions.h"
-#include "platform/linux/x11/X11Connection.h"
+#include "platform/linux/x11/X11Server.h"
 
 namespace kestrune::linux_platform {
 
 /// What an X server lets this process do. X has no question for the user: who may connect may capture and
-/// post input, unless the server withholds its screen (SECURITY, XACE) or was built without XTEST. Each call
-/// is one short exchange over a connection that is kept. Any thread may call.
+/// post input, unless the server withholds its screen (SECURITY, XACE) or was built without XTEST. Asked when
+/// the connection is made, and true until it breaks (X11Server).
 class X11PrivacyPermissions final : public PrivacyPermissions {
  public:
-  /// An empty name means the DISPLAY of the environment.
-  explicit X11PrivacyPermissions(std::string displayName = {});
-  ~X11PrivacyPermissions() override;
+  explicit X11PrivacyPermissions(std::shared_ptr<const X11Server> server);
 
-  /// Reads one pixel of the root window.
+  /// Whether a pixel of the root window could be read.
   bool isScreenCaptureAllowed() const override;
-  /// Asks for XTEST.
+  /// Whether there is XTEST.
   bool isTrustedForInput() const override;
   /// There is nothing to ask; says in the log what is missing.
   void promptForInputTrust() override;
 
  private:
-  /// Runs `question` on the kept connection, once more on a new one if that turned out to be dead.
-  template <class Question>
-  bool ask(Question question) const;
-
-  const std::string displayName_;
-  mutable std::mutex lock_;  // guards connection_
-  mutable std::unique_ptr<X11Connection> connection_;
+  const std::shared_ptr<const X11Server> server_;
 };
 
 }  // namespace kestrune::linux_platform

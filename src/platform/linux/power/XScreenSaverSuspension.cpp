@@ -17,8 +17,7 @@ std::optional<std::string> XScreenSaverSuspension::hold() {
                      xcb_screensaver_query_version(*connection, XCB_SCREENSAVER_MAJOR_VERSION,
                                                    XCB_SCREENSAVER_MINOR_VERSION));
     if (!version) return "the X server does not tell the version of its screen saver";
-    const XcbOwned<xcb_generic_error_t> refusal(
-        xcb_request_check(*connection, xcb_screensaver_suspend_checked(*connection, 1)));
+    const auto refusal = connection->check(xcb_screensaver_suspend_checked(*connection, 1));
     if (refusal || connection->isBroken()) {
       return "the X server does not suspend its screen saver: " + describe(refusal.get());
     }
@@ -41,7 +40,7 @@ void XScreenSaverSuspension::advance() {
 }
 
 void XScreenSaverSuspension::addDescriptors(std::vector<pollfd>& waited) const {
-  if (connection_) waited.push_back({xcb_get_file_descriptor(*connection_), POLLIN, 0});
+  if (connection_) waited.push_back({connection_->descriptor(), POLLIN, 0});
 }
 
 }  // namespace kestrune::linux_platform

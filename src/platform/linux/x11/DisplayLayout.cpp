@@ -115,4 +115,24 @@ DisplayLayout readDisplayLayout(const X11Connection& connection) {
   return layout;
 }
 
+DisplayLayoutWatch::DisplayLayoutWatch(const X11Connection& connection) {
+  if (const auto randr = connection.extension(xcb_randr_id)) {
+    randrEvent_ = randr->firstEvent;
+    xcb_randr_select_input(connection, connection.root(),
+                           XCB_RANDR_NOTIFY_MASK_SCREEN_CHANGE | XCB_RANDR_NOTIFY_MASK_CRTC_CHANGE |
+                               XCB_RANDR_NOTIFY_MASK_OUTPUT_CHANGE);
+  }
+  // Monitors that a client makes or removes are announced in this way only.
+  const std::uint32_t wantsStructure = XCB_EVENT_MASK_STRUCTURE_NOTIFY;
+  xcb_change_window_attributes(connection, connection.root(), XCB_CW_EVENT_MASK, &wantsStructure);
+  connection.flush();
+}
+
+bool DisplayLayoutWatch::isChange(const xcb_generic_event_t& event) const {
+  const int type = event.response_type & 0x7f;
+  if (type == XCB_CONFIGURE_NOTIFY) return true;
+  return randrEvent_ &&
+         (type == *randrEvent_ + XCB_RANDR_SCREEN_CHANGE_NOTIFY || type == *randrEvent_ + XCB_RANDR_NOTIFY);
+}
+
 }  // namespace kestrune::linux_platform

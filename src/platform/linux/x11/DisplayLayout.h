@@ -31,4 +31,17 @@ struct DisplayLayout {
 /// displays if the connection is broken. Outputs that show the same area (mirrors) are one display.
 DisplayLayout readDisplayLayout(const X11Connection& connection);
 
+/// Makes the server announce changes of its displays on a connection, and knows those announcements. Whoever
+/// uses it reads the connection's events.
+class DisplayLayoutWatch {
+ public:
+  explicit DisplayLayoutWatch(const X11Connection& connection);
+
+  /// Whether the layout may be another one since.
+  bool isChange(const xcb_generic_event_t& event) const;
+
+ private:
+  std::optional<std::uint8_t> randrEvent_;
+};
+
 }  // namespace kestrune::linux_platform

@@ -1,16 +1,28 @@
 #include "platform/linux/x11/X11Connection.h"
 
+#include <pthread.h>
+#include <sys/socket.h>
+#include <xcb/xtest.h>
+
+#include <algorithm>
 #include <array>
+#include <atomic>
+#include <system_error>
+#include <thread>
+#include <utility>
 
 namespace kestrune::linux_platform {
 
 namespace {
 
-std::string connectFailure(const std::string& displayName, int code) {
+std::string nameOf(const std::string& displayName) {
   // Nothing in this program changes its environment.
   const char* fromEnvironment = std::getenv("DISPLAY");  // NOLINT(concurrency-mt-unsafe)
-  std::string name = displayName;
-  if (name.empty() && fromEnvironment != nullptr) name = fromEnvironment;
+  if (displayName.empty() && fromEnvironment != nullptr) return fromEnvironment;
+  return displayName;
+}
+
+std::string connectFailure(const std::string& name, int code) {
   if (name.empty()) return "No X display is set (DISPLAY is empty).";
   switch (code) {
     case XCB_CONN_CLOSED_PARSE_ERR:
@@ -22,15 +34,100 @@ std::string connectFailure(const std::string& displayName, int code) {
   }
 }
 
+std::string noAnswer(const std::string& name) {
+  return "The X display " + name + " does not answer.";
+}
+
 }  // namespace
 
-std::unique_ptr<X11Connection> X11Connection::open(const std::string& displayName) {
+void X11Interrupt::interrupt() {
+  const std::lock_guard guard(lock_);
+  isInterrupted_ = true;
+  for (const int descriptor : descriptors_) shutdown(descriptor, SHUT_RDWR);
+  changed_.notify_all();
+}
+
+bool X11Interrupt::isInterrupted() const {
+  const std::lock_guard guard(lock_);
+  return isInterrupted_;
+}
+
+/// xcb_connect() with a limit. It waits for the server on a thread of its own, which closes the connection
+/// itself if nobody waits for it any more.
+class X11Connection::Attempt {
+ public:
+  /// Null if there was no answer in time. Throws an X11Error if it may not wait.
+  static xcb_connection_t* connect(const std::string& name, const std::shared_ptr<X11Interrupt>& interrupt,
+                                   int& screen) {
+    auto attempt = std::make_shared<Attempt>();
+    attempt->interrupt_ = interrupt;
+    // Those left behind by a server that hangs; they end when it goes on, or goes.
+    constexpr int kMostAttempts = 8;
+    static std::atomic<int> attempts{0};
+    if (attempts.fetch_add(1) >= kMostAttempts) {
+      --attempts;
+      return nullptr;
+    }
+    try {
+      std::thread([attempt, name] {
+        pthread_setname_np(pthread_self(), "x11-connect");
+        attempt->run(name);
+        --attempts;
+      }).detach();
+    } catch (const std::system_error& failure) {
+      --attempts;
+      throw X11Error(std::string("There is no thread left to connect to the X display: ") + failure.what());
+    }
+    return attempt->take(screen);
+  }
+
+ private:
+  void run(const std::string& name) {
+    // One at a time: libXau keeps the name of the authority file in a buffer of its own.
+    static std::mutex oneAtATime;
+    const std::lock_guard turn(oneAtATime);
+    {
+      const std::lock_guard guard(interrupt_->lock_);
+      if (isAbandoned_) return;
+    }
+    int screen = 0;
+    xcb_connection_t* connection = xcb_connect(name.empty() ? nullptr : name.c_str(), &screen);
+    {
+      const std::lock_guard guard(interrupt_->lock_);
+      if (!isAbandoned_) {
+        connection_ = std::exchange(connection, nullptr);
+        screen_ = screen;
+      }
+      interrupt_->changed_.notify_all();
+    }
+    if (connection != nullptr) xcb_disconnect(connection);
+  }
+
+  xcb_connection_t* take(int& screen) {
+    std::unique_lock guard(interrupt_->lock_);
+    interrupt_->changed_.wait_for(guard, X11Watchdog::kAnswerLimit,
+                                  [this] { return connection_ != nullptr || interrupt_->isInterrupted_; });
+    isAbandoned_ = true;
+    screen = screen_;
+    return std::exchange(connection_, nullptr);
+  }
+
+  std::shared_ptr<X11Interrupt> interrupt_;  // its lock guards the rest
+  xcb_connection_t* connection_ = nullptr;
+  int screen_ = 0;
+  bool isAbandoned_ = false;
+};
+
+std::unique_ptr<X11Connection> X11Connection::open(const std::string& displayName,
+                                                   std::shared_ptr<X11Interrupt> interrupt) {
+  if (!interrupt) interrupt = std::make_shared<X11Interrupt>();
+  const std::string name = nameOf(displayName);
   int screenNumber = 0;
-  xcb_connection_t* connection =
-      xcb_connect(displayName.empty() ? nullptr : displayName.c_str(), &screenNumber);
+  xcb_connection_t* connection = Attempt::connect(name, interrupt, screenNumber);
+  if (connection == nullptr) throw X11Error(noAnswer(name));
   if (const int code = xcb_connection_has_error(connection); code != 0) {
     xcb_disconnect(connection);
-    throw X11Error(connectFailure(displayName, code));
+    throw X11Error(connectFailure(name, code));
   }
   xcb_screen_iterator_t screens = xcb_setup_roots_iterator(xcb_get_setup(connection));
   while (screenNumber > 0 && screens.rem > 0) {
@@ -39,19 +136,66 @@ std::unique_ptr<X11Connection> X11Connection::open(const std::string& displayNam
   }
   if (screens.rem == 0) {
     xcb_disconnect(connection);
-    throw X11Error(connectFailure(displayName, XCB_CONN_CLOSED_INVALID_SCREEN));
+    throw X11Error(connectFailure(name, XCB_CONN_CLOSED_INVALID_SCREEN));
   }
-  return std::unique_ptr<X11Connection>(new X11Connection(connection, screens.data));
+  std::unique_ptr<X11Connection> opened(
+      new X11Connection(connection, screens.data, name, std::move(interrupt)));
+  // A window manager may grab the server until a button is released that is released over this connection,
+  // and what it draws meanwhile is to be seen.
+  if (opened->extension(xcb_test_id)) {
+    xcb_test_grab_control(*opened, 1);
+    opened->flush();
+  }
+  if (opened->isBroken()) throw X11Error(noAnswer(name));
+  return opened;
+}
+
+X11Connection::X11Connection(xcb_connection_t* connection, xcb_screen_t* screen, std::string name,
+                             std::shared_ptr<X11Interrupt> interrupt)
+    : connection_(connection),
+      screen_(screen),
+      name_(std::move(name)),
+      watchdog_(X11Watchdog::shared()),
+      line_(watchdog_->add(xcb_get_file_descriptor(connection))),
+      interrupt_(std::move(interrupt)) {
+  const std::lock_guard guard(interrupt_->lock_);
+  interrupt_->descriptors_.push_back(descriptor());
+  if (interrupt_->isInterrupted_) shutdown(descriptor(), SHUT_RDWR);
 }
 
 X11Connection::~X11Connection() {
+  watchdog_->remove(line_);
+  {
+    const std::lock_guard guard(interrupt_->lock_);
+    std::erase(interrupt_->descriptors_, descriptor());
+  }
   xcb_disconnect(connection_);
 }
 
+void X11Connection::failLost() const {
+  if (isHung()) throw X11Error("The X display " + name_ + " has stopped answering.");
+  throw X11Error("The connection to the X display was lost.");
+}
+
 std::optional<X11Connection::Extension> X11Connection::extension(xcb_extension_t& id) const {
+  const LimitedWait wait(*this);
   const xcb_query_extension_reply_t* reply = xcb_get_extension_data(connection_, &id);
   if (reply == nullptr || reply->present == 0) return std::nullopt;
   return Extension{reply->major_opcode, reply->first_event, reply->first_error};
+}
+
+void X11Connection::flush() const {
+  const LimitedWait wait(*this);
+  xcb_flush(connection_);
+}
+
+XcbOwned<xcb_generic_error_t> X11Connection::check(xcb_void_cookie_t request) const {
+  const LimitedWait wait(*this);
+  return XcbOwned<xcb_generic_error_t>(xcb_request_check(connection_, request));
+}
+
+bool X11Connection::roundTrip() const {
+  return waitForReply(*this, xcb_get_input_focus_reply, xcb_get_input_focus(connection_)) != nullptr;
 }
 
 std::string describe(const xcb_generic_error_t* error) {
