@@ -26,7 +26,8 @@ class InputEvent {
   virtual ~InputEvent() = default;
   /// Makes a keyboard event carry this text (UTF-16) in place of what its key code would give.
   virtual void setUnicodeString(std::u16string_view text) = 0;
-  /// Injects the event into the system as if it came from hardware. Events of one thread keep their order.
+  /// Injects the event into the system as if it came from hardware. Does not wait for the system; events of
+  /// one thread keep their order.
   virtual void post() = 0;
 };
 
@@ -53,13 +54,15 @@ struct SystemDefinedEvent {
   std::int64_t data2 = 0;
 };
 
-/// Input injection. Any thread may call; each operation is safe against others at the same time.
+/// Input injection. Any thread may call; each operation is safe against others at the same time, and none
+/// waits for the system.
 class InputEvents {
  public:
   virtual ~InputEvents() = default;
   /// A source on the state of the hardware (kCGEventSourceStateHIDSystemState); null where there is none.
   virtual std::unique_ptr<InputEventSource> createSource() = 0;
-  /// The present position of the pointer in global points.
+  /// The newest known position of the pointer in global points: where posted events have put it, or what the
+  /// system last told. Each call asks the system for a newer one; nothing if none is known.
   virtual std::optional<Point> cursorLocation() = 0;
   /// Null where the system cannot make it.
   virtual std::unique_ptr<InputEvent> systemDefinedEvent(const SystemDefinedEvent& description) = 0;

@@ -43,7 +43,7 @@ std::shared_ptr<StreamCoordinator> composeCoordinator(std::shared_ptr<SerialQueu
   dependencies.bundle = bundle;
   dependencies.permissions = std::make_shared<X11PrivacyPermissions>(server);
   dependencies.displays = displays;
-  dependencies.inputEvents = std::make_shared<XTestInputEvents>();
+  dependencies.inputEvents = std::make_shared<XTestInputEvents>(server);
   dependencies.network = std::make_shared<AsioNetwork>();
   dependencies.screenCapture =
       std::make_shared<SystemScreenCapture>(std::make_shared<X11ScreenCapture>(server));

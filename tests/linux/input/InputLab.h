@@ -70,15 +70,21 @@ class KeyboardView {
     key(code, true);
     key(code, false);
   }
+  bool isHeld(xcb_keycode_t code) const {
+    const auto keys = waitForReply(*connection_, xcb_query_keymap_reply, xcb_query_keymap(*connection_));
+    return (keys->keys[code / 8] >> (code % 8) & 1) != 0;
+  }
   /// Modifiers and buttons in force.
   unsigned state() const {
     return waitForReply(*connection_, xcb_query_pointer_reply,
                         xcb_query_pointer(*connection_, connection_->root()))
         ->mask;
   }
-  void sync() const {
-    waitForReply(*connection_, xcb_get_input_focus_reply, xcb_get_input_focus(*connection_));
+  void grabServer() const {
+    xcb_grab_server(*connection_);
+    sync();
   }
+  void sync() const { connection_->roundTrip(); }
 
  private:
   const std::unique_ptr<X11Connection> connection_;

@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <array>
 #include <memory>
@@ -15,6 +16,7 @@ using namespace kestrune::testing;
 
 constexpr xcb_keycode_t kCapsLock = 66;  // on the evdev keyboards of the test servers
 constexpr xcb_keycode_t kLeftShift = 50;
+constexpr xcb_keycode_t kSpace = 65;
 const std::string kGreeting =
     "Gr\u00FC\u00DFe \U0001F44B \u65E5\u672C\u8A9E, \u041F\u0440\u0438\u0432\u0435\u0442! e\u0301 "
     "#@[]{}~^`\"'";
@@ -67,7 +69,7 @@ class TextTypingTest : public ::testing::Test {
   /// Types into a terminal; what came of it.
   std::string typed(const std::string& text) {
     const Terminal terminal(server);
-    XTestInputEvents events(server.displayName());
+    XTestInputEvents events(std::make_shared<X11Server>(server.displayName()));
     typeInChunks(events, text);
     // As long as something comes: a loss ends the wait early enough.
     eventually([&] { return terminal.typed().size() >= text.size() / 2; });
@@ -99,7 +101,7 @@ TEST_F(TextTypingTest, HeldAndLockedModifiersDoNotSpoilTheTextAndAreBackAfterwar
 
 TEST_F(TextTypingTest, LineEndsAndTabsAreKeysAndOtherControlsAreNothing) {
   const Terminal terminal(server);
-  XTestInputEvents events(server.displayName());
+  XTestInputEvents events(std::make_shared<X11Server>(server.displayName()));
   typeInChunks(events, "a\nb\r\nc\td\x01\x7F.");
   EXPECT_EQ(terminal.typedLike("a\rb\rc\td."), "a\rb\rc\td.");
 }
@@ -109,23 +111,23 @@ TEST_F(TextTypingTest, ManyRandomSignsArriveWithoutALoss) {
   EXPECT_EQ(typed(text), text);
 }
 
-TEST_F(TextTypingTest, LettersOfTheLayoutInUseNeedNoLentKey) {
+TEST_F(TextTypingTest, LettersOfTheLayoutInUseBorrowNoKeyCode) {
   ASSERT_EQ(server.run("setxkbmap ru"), 0);
   const auto before = keyboard.mapping();
   const Terminal terminal(server);
-  XTestInputEvents events(server.displayName());
+  XTestInputEvents events(std::make_shared<X11Server>(server.displayName()));
   const std::string text = "\u041F\u0440\u0438\u0432\u0435\u0442";
   typeInChunks(events, text);
   EXPECT_EQ(terminal.typedLike(text), text);
   EXPECT_EQ(keyboard.mapping(), before);
 }
 
-TEST_F(TextTypingTest, LentKeysAreGivenBackAtTheEnd) {
+TEST_F(TextTypingTest, BorrowedKeyCodesAreGivenBackAtTheEnd) {
   const auto before = keyboard.mapping();
   // Also in the middle of a long text; the destructor has returned only when they are back.
   for (std::uint32_t seed = 1; seed < 6; ++seed) {
     {
-      XTestInputEvents events(server.displayName());
+      XTestInputEvents events(std::make_shared<X11Server>(server.displayName()));
       typeInChunks(events, randomText(seed == 1 ? 20 : 200, seed));
       EXPECT_TRUE(eventually([&] { return keyboard.mapping() != before; }));
     }
@@ -133,21 +135,37 @@ TEST_F(TextTypingTest, LentKeysAreGivenBackAtTheEnd) {
   }
 }
 
-TEST_F(TextTypingTest, LentKeysOfAProcessThatDiedAreTakenBack) {
-  const auto before = keyboard.mapping();
-  const pid_t child = fork();
+TEST(TextTypingCrashTest, WhatAProcessThatDiedHeldAndBorrowedIsReleasedAndGivenBack) {
+  const XServer server(800, 600);
+  int ready[2];
+  ASSERT_EQ(pipe(ready), 0);
+  const pid_t child = fork();  // while this process has no other thread
   if (child == 0) {
-    XTestInputEvents events(server.displayName());
+    char byte = 0;
+    if (read(ready[0], &byte, 1) != 1) _exit(1);
+    XTestInputEvents events(std::make_shared<X11Server>(server.displayName()));
     typeText(events, u"\u4E2D\u6587");
+    const auto source = events.createSource();
+    source->mouseEvent(MouseEventType::rightDown, {5, 5}, MouseButton::right)->post();
+    source->mouseEvent(MouseEventType::rightUp, {5, 5}, MouseButton::right)->post();
+    source->keyboardEvent(49, true)->post();
+    source->mouseEvent(MouseEventType::leftDown, {5, 5}, MouseButton::left)->post();
     const KeyboardView view(server);
-    eventually([&] { return view.mapping() != before; });
-    _exit(0);  // no destructor runs, as in a crash
+    eventually([&] { return (view.state() & XCB_BUTTON_MASK_1) != 0; });
+    raise(SIGKILL);
   }
+  const KeyboardView keyboard(server);
+  const auto before = keyboard.mapping();
+  keyboard.key(kLeftShift, true);  // of somebody else
+  ASSERT_EQ(write(ready[1], "", 1), 1);
   waitpid(child, nullptr, 0);
   EXPECT_NE(keyboard.mapping(), before);
-  XTestInputEvents events(server.displayName());
-  EXPECT_NE(events.createSource(), nullptr);
-  EXPECT_EQ(keyboard.mapping(), before);
+  EXPECT_EQ(keyboard.state(), unsigned{XCB_BUTTON_MASK_1} | unsigned{XCB_MOD_MASK_SHIFT});
+  EXPECT_TRUE(keyboard.isHeld(kSpace));
+  const XTestInputEvents next(std::make_shared<X11Server>(server.displayName()));
+  EXPECT_TRUE(eventually([&] { return keyboard.mapping() == before; }));
+  EXPECT_EQ(keyboard.state(), unsigned{XCB_MOD_MASK_SHIFT});
+  EXPECT_FALSE(keyboard.isHeld(kSpace));
 }
 
 }  // namespace

@@ -5,13 +5,13 @@
 #include <thread>
 
 #include "linux/input/InputLab.h"
+#include "platform/linux/input/InputBacklog.h"
 #include "platform/linux/input/XTestInputEvents.h"
 
 namespace kestrune::linux_platform {
 namespace {
 
 using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 using namespace kestrune::testing;
 
 constexpr xcb_keysym_t kPlaySymbol = 0x1008FF14;
@@ -37,45 +37,52 @@ class XTestInputEventsTest : public ::testing::Test {
   std::vector<std::string> takenUntil(Condition isEnough) {
     std::vector<std::string> lines;
     EXPECT_TRUE(eventually([&] {
-      for (auto& line : taken()) lines.push_back(std::move(line));
+      for (auto& line : window.take()) lines.push_back(std::move(line));
       return isEnough(lines);
     }));
     return lines;
   }
 
-  /// What has come of everything posted until now, once; of text only as far as it has been typed.
-  std::vector<std::string> taken() {
-    // An answer on the connection of the events: the server has handled what was posted before.
-    events.cursorLocation();
-    return window.take();
+  /// The next `count` lines. What came too much comes first the next time.
+  std::vector<std::string> taken(std::size_t count) {
+    return takenUntil([count](const auto& lines) { return lines.size() >= count; });
+  }
+  bool isPointerSeenAt(Point position) {
+    return eventually([&] { return events.cursorLocation() == position; });
   }
 
   XServer server{800, 600};
   RecordingWindow window{server};
-  XTestInputEvents events{server.displayName()};
+  XTestInputEvents events{std::make_shared<X11Server>(server.displayName())};
 };
 
 TEST_F(XTestInputEventsTest, PointerMovesDragsAndClicks) {
   mouse(MouseEventType::moved, 10, 20);
   mouse(MouseEventType::leftDown, 10, 20);
   mouse(MouseEventType::leftDragged, 110.4, 120.6);
+  // At once, whether or not it was sent.
   EXPECT_EQ(events.cursorLocation(), (Point{110, 121}));
   mouse(MouseEventType::leftUp, 110.4, 120.6);
   mouse(MouseEventType::rightDown, 30, 40, MouseButton::right);
   mouse(MouseEventType::rightUp, 30, 40, MouseButton::right);
-  EXPECT_THAT(taken(), ElementsAre("motion 10,20 state 0", "press 1", "motion 110,121 state 256", "release 1",
-                                   "motion 30,40 state 0", "press 3", "release 3"));
+  EXPECT_THAT(taken(7), ElementsAre("motion 10,20 state 0", "press 1", "motion 110,121 state 256",
+                                    "release 1", "motion 30,40 state 0", "press 3", "release 3"));
 
   // The right and lower edges themselves are one pixel outside.
   mouse(MouseEventType::moved, 800, 600);
-  EXPECT_EQ(events.cursorLocation(), (Point{799, 599}));
+  EXPECT_TRUE(isPointerSeenAt({799, 599}));
   mouse(MouseEventType::moved, 1e300, -1e300);
-  EXPECT_EQ(events.cursorLocation(), (Point{799, 0}));
+  EXPECT_TRUE(isPointerSeenAt({799, 0}));
+  // Somebody else moves it.
+  xcb_warp_pointer(window.keyboard().connection(), 0, window.keyboard().connection().root(), 0, 0, 0, 0, 7,
+                   8);
+  window.keyboard().sync();
+  EXPECT_TRUE(isPointerSeenAt({7, 8}));
 }
 
 TEST_F(XTestInputEventsTest, PixelsCollectIntoStepsOfTheWheel) {
   mouse(MouseEventType::moved, 5, 5);
-  taken();
+  taken(1);
   struct Row {
     std::int32_t wheel1, wheel2;
     std::vector<int> buttons;
@@ -96,7 +103,7 @@ TEST_F(XTestInputEventsTest, PixelsCollectIntoStepsOfTheWheel) {
       expected.push_back("press " + std::to_string(button));
       expected.push_back("release " + std::to_string(button));
     }
-    EXPECT_EQ(taken(), expected) << row.wheel1 << " " << row.wheel2;
+    EXPECT_EQ(taken(expected.size()), expected) << row.wheel1 << " " << row.wheel2;
   }
 }
 
@@ -108,13 +115,13 @@ TEST_F(XTestInputEventsTest, NamedKeysOnAnyLayout) {
     ASSERT_EQ(server.run(std::string("setxkbmap ") + layout), 0);
     for (const auto& [code, symbol] : keys) {
       pressKey(events, code);
-      EXPECT_THAT(taken(), ElementsAre("key 0x" + symbol + " down", "key 0x" + symbol + " up")) << layout;
+      EXPECT_THAT(taken(2), ElementsAre("key 0x" + symbol + " down", "key 0x" + symbol + " up")) << layout;
     }
   }
-  // A layout without Latin letters lends a key for f.
+  // A layout without Latin letters has no key for f.
   ASSERT_EQ(server.run("setxkbmap ru"), 0);
   pressKey(events, 3);
-  EXPECT_THAT(taken(), ElementsAre("key 0x66 down", "key 0x66 up"));
+  EXPECT_THAT(taken(2), ElementsAre("key 0x66 down", "key 0x66 up"));
   EXPECT_EQ(events.createSource()->keyboardEvent(99, true), nullptr);
 }
 
@@ -123,7 +130,7 @@ TEST_F(XTestInputEventsTest, PlayKeyEvenWhereTheKeyboardHasNone) {
     if (!hasKey) window.keyboard().unmap(kPlaySymbol);
     events.systemDefinedEvent(playKey(true))->post();
     events.systemDefinedEvent(playKey(false))->post();
-    EXPECT_THAT(taken(), ElementsAre("key 0x1008ff14 down", "key 0x1008ff14 up"));
+    EXPECT_THAT(taken(2), ElementsAre("key 0x1008ff14 down", "key 0x1008ff14 up"));
   }
   auto unknown = playKey(true);
   unknown.data1 = 0x110A00;
@@ -166,6 +173,59 @@ TEST_F(XTestInputEventsTest, LostServerIsARefusalAndNoCrash) {
   typeText(events, u"\u4E2D");
   EXPECT_TRUE(eventually([&] { return events.createSource() == nullptr; }));
   EXPECT_EQ(events.cursorLocation(), std::nullopt);
+}
+
+TEST_F(XTestInputEventsTest, ReleaseArrivesWhileTheServerIsGrabbedForTheDrag) {
+  mouse(MouseEventType::leftDown, 10, 20);
+  // As a window manager that draws the outline of the window that is dragged.
+  const KeyboardView grabbing(server);
+  ASSERT_TRUE(eventually([&] { return grabbing.state() == unsigned{XCB_BUTTON_MASK_1}; }));
+  grabbing.grabServer();
+  mouse(MouseEventType::leftDragged, 50, 60);
+  mouse(MouseEventType::leftUp, 50, 60);
+  EXPECT_TRUE(eventually([&] { return grabbing.state() == 0; }));
+}
+
+TEST_F(XTestInputEventsTest, ServerThatHangsHoldsUpNobodyAndLeavesNothingHeld) {
+  mouse(MouseEventType::leftDown, 10, 20);
+  ASSERT_TRUE(eventually([&] { return window.keyboard().state() != 0; }));
+  server.hang();
+  const auto begin = std::chrono::steady_clock::now();
+  // More than the socket takes.
+  for (int count = 0; count < 4 * static_cast<int>(InputBacklog::kMostWaiting); ++count) {
+    mouse(MouseEventType::leftDragged, count % 700, 30);
+    events.cursorLocation();
+  }
+  mouse(MouseEventType::leftUp, 70, 80);
+  // A round trip for each would take the rest of the day.
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(2));
+  // Those who wait for an answer give up; the button that they hold is released by the next connection.
+  EXPECT_TRUE(eventually([&] { return events.createSource() == nullptr; }));
+  server.goOn();
+  EXPECT_TRUE(eventually([&] { return window.keyboard().state() == 0; }));
+  EXPECT_TRUE(eventually([&] { return events.createSource() != nullptr; }));
+}
+
+TEST(InputBacklogTest, OverflowTakesMovesAndNeverARelease) {
+  InputBacklog backlog;
+  using Kind = QueuedInput::Kind;
+  constexpr auto kMost = InputBacklog::kMostWaiting;
+  EXPECT_TRUE(backlog.push({Kind::press, 1, {}}));
+  for (std::size_t count = 1; count < kMost; ++count) EXPECT_TRUE(backlog.push({Kind::move, 0, {}}));
+  EXPECT_FALSE(backlog.push({Kind::release, 1, {}}));  // took the place of a move
+  for (std::uint32_t key = 2; key < kMost; ++key) EXPECT_FALSE(backlog.push({Kind::press, key, {}}));
+  // Presses alone are left: no room, but for the releases that they need, each once.
+  EXPECT_FALSE(backlog.push({Kind::move, 0, {}}));
+  EXPECT_FALSE(backlog.push({Kind::press, kMost, {}}));
+  EXPECT_FALSE(backlog.push({Kind::release, kMost, {}}));
+  for (int time = 0; time < 2; ++time) backlog.push({Kind::release, 2, {}});
+  std::vector<std::pair<Kind, std::uint32_t>> waiting;
+  while (const auto next = backlog.pop()) waiting.emplace_back(next->kind, next->control);
+  ASSERT_EQ(waiting.size(), kMost + 1);
+  EXPECT_EQ(waiting[0], std::pair(Kind::press, 1U));
+  EXPECT_EQ(waiting[1], std::pair(Kind::release, 1U));
+  EXPECT_EQ(waiting[2], std::pair(Kind::press, 2U));
+  EXPECT_EQ(waiting.back(), std::pair(Kind::release, 2U));
 }
 
 }  // namespace

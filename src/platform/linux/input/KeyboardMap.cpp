@@ -6,77 +6,50 @@
 #undef explicit
 
 #include <algorithm>
-#include <string_view>
 #include <thread>
 
 namespace kestrune::linux_platform {
 namespace {
 
-// A client that has not come to an event within this time reads a wrong symbol if the key is lent anew.
+// A client that has not come to an event within this time reads a wrong symbol if the key code is used anew.
 // Terminals and toolkits handle events within a few milliseconds; a busy browser takes tens.
 constexpr Duration kSettlingTime = std::chrono::milliseconds(250);
 // Enough for a text of 200 characters in a script of many signs to wait seldom, few enough to leave a full
 // keyboard alone.
-constexpr std::size_t kMostLentKeys = 64;
+constexpr std::size_t kMostBorrowed = 64;
 
 }  // namespace
 
-KeyboardMap::KeyboardMap(X11Connection& connection, std::shared_ptr<const Clock> clock)
-    : connection_(connection), clock_(std::move(clock)) {
-  constexpr std::string_view kName = "_KESTRUNE_LENT_KEYS";
-  const auto atom =
-      waitForReply(connection_, xcb_intern_atom_reply,
-                   xcb_intern_atom(connection_, 0, static_cast<std::uint16_t>(kName.size()), kName.data()));
-  if (!atom) return;
-  lentKeys_ = atom->atom;
-  becomeLender();
-  if (isLender_) takeBackFromTheDead();
+KeyboardMap::KeyboardMap(X11Connection& connection, InputJournal& journal, std::shared_ptr<const Clock> clock)
+    : connection_(connection), journal_(journal), clock_(std::move(clock)) {
+  giveBackLeftBehind();
 }
 
 KeyboardMap::~KeyboardMap() {
   giveBack(Duration::zero());
 }
 
-void KeyboardMap::becomeLender() {
-  const auto owner = waitForReply(connection_, xcb_get_selection_owner_reply,
-                                  xcb_get_selection_owner(connection_, lentKeys_));
-  if (!owner || owner->owner != XCB_NONE) return;  // another one is alive: its codes are its own business
-  const auto window = xcb_generate_id(connection_);
-  xcb_create_window(connection_, 0, window, connection_.root(), -1, -1, 1, 1, 0, XCB_WINDOW_CLASS_INPUT_ONLY,
-                    XCB_COPY_FROM_PARENT, 0, nullptr);
-  xcb_set_selection_owner(connection_, window, lentKeys_, XCB_CURRENT_TIME);
-  isLender_ = true;
-}
-
-void KeyboardMap::takeBackFromTheDead() {
-  const auto left = waitForReply(
-      connection_, xcb_get_property_reply,
-      xcb_get_property(connection_, 1, connection_.root(), lentKeys_, XCB_ATOM_CARDINAL, 0, kMostLentKeys));
-  if (!left || left->format != 8 || !refresh()) return;
-  const auto* codes = static_cast<const xcb_keycode_t*>(xcb_get_property_value(left.get()));
-  for (int index = 0; index < xcb_get_property_value_length(left.get()); ++index) {
-    if (codes[index] < firstCode_) continue;
-    // Only codes that gave nothing are lent. Whoever has mapped one since has given it several symbols, or a
-    // symbol that is not of the range for Unicode.
-    const auto symbols = symbolsOf(codes[index]);
-    const bool isLent = std::all_of(symbols.begin(), symbols.end(), [&](auto symbol) {
+void KeyboardMap::giveBackLeftBehind() {
+  const auto left = journal_.readBorrowed();
+  if (left.empty() || !refresh()) return;
+  for (const xcb_keycode_t code : left) {
+    if (code < firstCode_) continue;
+    // Only codes that gave nothing are borrowed. Whoever has mapped one since has given it several symbols,
+    // or a symbol that is not of the range for Unicode.
+    const auto symbols = symbolsOf(code);
+    const bool isBorrowed = std::all_of(symbols.begin(), symbols.end(), [&](auto symbol) {
       return symbol == symbols.front() || symbol == XCB_NO_SYMBOL;
     });
-    if (isLent && symbols.front() != XCB_NO_SYMBOL) map(codes[index], {XCB_NO_SYMBOL});
+    if (isBorrowed && symbols.front() != XCB_NO_SYMBOL) map(code, {XCB_NO_SYMBOL});
   }
+  note(0);
 }
 
-void KeyboardMap::noteLent(xcb_keycode_t next) {
-  if (!isLender_) return;
+void KeyboardMap::note(xcb_keycode_t next) {
   std::vector<xcb_keycode_t> codes;
-  for (const auto& lent : lent_) codes.push_back(lent.first);
+  for (const auto& each : borrowed_) codes.push_back(each.first);
   if (next != 0) codes.push_back(next);
-  if (codes.empty()) {
-    xcb_delete_property(connection_, connection_.root(), lentKeys_);
-  } else {
-    xcb_change_property(connection_, XCB_PROP_MODE_REPLACE, connection_.root(), lentKeys_, XCB_ATOM_CARDINAL,
-                        8, static_cast<std::uint32_t>(codes.size()), codes.data());
-  }
+  journal_.noteBorrowed(codes);
 }
 
 bool KeyboardMap::refresh() {
@@ -118,14 +91,14 @@ std::optional<KeyboardMap::Key> KeyboardMap::ownKey(xkb_keysym_t symbol) const {
   for (std::size_t level = 0; level < 2; ++level) {
     for (std::size_t index = *firstColumn_ + level; index < symbols_.size(); index += symbolsPerCode_) {
       const auto code = static_cast<xcb_keycode_t>(firstCode_ + index / symbolsPerCode_);
-      if (symbols_[index] == symbol && !lent_.contains(code)) return Key{code, level == 1};
+      if (symbols_[index] == symbol && !borrowed_.contains(code)) return Key{code, level == 1};
     }
   }
   return std::nullopt;
 }
 
 std::optional<xcb_keycode_t> KeyboardMap::spareCode() const {
-  if (lent_.size() >= kMostLentKeys) return std::nullopt;
+  if (borrowed_.size() >= kMostBorrowed) return std::nullopt;
   // From the top: the low codes are those of real keyboards.
   for (int code = firstCode_ + static_cast<int>(symbols_.size() / symbolsPerCode_) - 1; code >= firstCode_;
        --code) {
@@ -134,7 +107,7 @@ std::optional<xcb_keycode_t> KeyboardMap::spareCode() const {
     const bool isEmpty = std::all_of(symbols.begin(), symbols.end(), [](auto symbol) { return symbol == 0; });
     const bool isModifier =
         std::find(modifierKeys_.begin(), modifierKeys_.end(), candidate) != modifierKeys_.end();
-    if (isEmpty && !isModifier && !lent_.contains(candidate)) return candidate;
+    if (isEmpty && !isModifier && !borrowed_.contains(candidate)) return candidate;
   }
   return std::nullopt;
 }
@@ -142,15 +115,15 @@ std::optional<xcb_keycode_t> KeyboardMap::spareCode() const {
 bool KeyboardMap::map(xcb_keycode_t code, const std::vector<xcb_keysym_t>& symbols) {
   const auto cookie = xcb_change_keyboard_mapping_checked(
       connection_, 1, code, static_cast<std::uint8_t>(symbols.size()), symbols.data());
-  const XcbOwned<xcb_generic_error_t> error(xcb_request_check(connection_, cookie));
+  const auto error = connection_.check(cookie);
   return !error && !connection_.isBroken();
 }
 
 std::optional<KeyboardMap::Key> KeyboardMap::anyKey(xkb_keysym_t symbol) {
   const Duration now = clock_->continuousNow();
-  for (auto& [code, lent] : lent_) {
-    if (lent.symbol != symbol) continue;
-    lent.lastUse = now;
+  for (auto& [code, each] : borrowed_) {
+    if (each.symbol != symbol) continue;
+    each.lastUse = now;
     return Key{code, false};
   }
   auto code = spareCode();
@@ -158,33 +131,35 @@ std::optional<KeyboardMap::Key> KeyboardMap::anyKey(xkb_keysym_t symbol) {
   if (code) {
     original = symbolsOf(*code);
   } else {
-    const auto oldest = std::min_element(lent_.begin(), lent_.end(), [](const auto& a, const auto& b) {
-      return a.second.lastUse < b.second.lastUse;
-    });
-    if (oldest == lent_.end()) return std::nullopt;
+    const auto oldest =
+        std::min_element(borrowed_.begin(), borrowed_.end(),
+                         [](const auto& a, const auto& b) { return a.second.lastUse < b.second.lastUse; });
+    if (oldest == borrowed_.end()) return std::nullopt;
     const Duration wait = oldest->second.lastUse + kSettlingTime - now;
     if (wait > Duration::zero()) std::this_thread::sleep_for(wait);
     code = oldest->first;
     original = oldest->second.original;
   }
   // The same symbol on both levels: neither Shift nor a lock changes what the key gives.
-  noteLent(*code);
+  note(*code);
   if (!map(*code, {symbol, symbol})) return std::nullopt;
-  lent_.insert_or_assign(*code, Lent{symbol, std::move(original), clock_->continuousNow()});
+  borrowed_.insert_or_assign(*code, Borrowed{symbol, std::move(original), clock_->continuousNow()});
   return Key{*code, false};
 }
 
 void KeyboardMap::giveBack(Duration idle) {
   const Duration now = clock_->continuousNow();
-  for (auto entry = lent_.begin(); entry != lent_.end();) {
+  bool isChanged = false;
+  for (auto entry = borrowed_.begin(); entry != borrowed_.end();) {
     if (now - entry->second.lastUse < idle) {
       ++entry;
       continue;
     }
     map(entry->first, entry->second.original);
-    entry = lent_.erase(entry);
+    entry = borrowed_.erase(entry);
+    isChanged = true;
   }
-  noteLent(0);
+  if (isChanged) note(0);
 }
 
 }  // namespace kestrune::linux_platform

@@ -108,7 +108,7 @@ void TextTyper::type(std::u16string_view text) {
     if (!key || (key->needsShift && !shift)) key = map_.anyKey(*symbol);
     if (key) press(*key, shift ? shift->code : xcb_keycode_t{0});
   }
-  xcb_flush(connection_);
+  connection_.flush();
 }
 
 }  // namespace kestrune::linux_platform

@@ -8,13 +8,12 @@
 
 namespace kestrune::linux_platform {
 
-/// Types text as key presses, in any script and whatever the user's layout is. Not for several threads at
-/// once.
+/// Types text as key presses, in any script and whatever the user's layout is. Confined to one thread.
 ///
-/// Each code point is its own key press: of a key of the layout where it has one, else of a lent key.
-/// Modifiers that are held or locked are lifted meanwhile, since they would turn letters
-/// into commands or capitals. Line feed and carriage return press Return, a tab presses Tab; other control
-/// characters are left out.
+/// Each code point is its own key press: of a key of the layout where it has one, else of a borrowed key
+/// code. Modifiers that are held or locked are lifted meanwhile, since they would turn letters into commands
+/// or capitals. Line feed and carriage return press Return, a tab presses Tab; other control characters are
+/// left out.
 class TextTyper {
  public:
   TextTyper(X11Connection& connection, KeyboardMap& map) : connection_(connection), map_(map) {}
