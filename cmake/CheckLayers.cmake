@@ -1,5 +1,5 @@
-# Holds every #include below src/ to the layers: apps -> ui -> coordination -> services -> model -> support ->
-# ports -> runtime. Nothing includes what stands beside it or above it.
+# Holds every #include below src/ to the layers: apps -> ui -> coordination -> services -> viewer -> model ->
+# support -> ports -> runtime. Nothing includes what stands beside it or above it.
 # usage: cmake [-D ROOT=<source directory>] -P cmake/CheckLayers.cmake; with failures it ends with an error.
 
 cmake_minimum_required(VERSION 3.25)
@@ -7,22 +7,27 @@ if(NOT ROOT)
   cmake_path(GET CMAKE_CURRENT_LIST_DIR PARENT_PATH ROOT)
 endif()
 
-set(services access browser capture hosted input server services)
-set(below_services coordination/model platform/support platform runtime)
+set(services access browser capture hosted input server system)
+set(routes server hosted)
+set(below_services model platform/support platform runtime)
 
 # allowed_<folder>: what it may include beside itself. A folder without a list has no place in the layers yet.
 set(allowed_runtime "")
 set(allowed_platform runtime)
 set(allowed_platform/support platform runtime)
-set(allowed_coordination/model platform/support platform runtime)
+set(allowed_model platform/support platform runtime)
+set(allowed_viewer ${below_services})
 foreach(service ${services})
   set(allowed_${service} ${below_services})
 endforeach()
-set(allowed_coordination ${services} ${below_services})
+foreach(route ${routes})
+  list(APPEND allowed_${route} viewer)
+endforeach()
+set(allowed_coordination ${services} viewer ${below_services})
 set(allowed_ui coordination ${allowed_coordination})
 set(allowed_adapter platform/support platform runtime)
 # What adapters may share, if their CMakeLists.txt links it.
-set(shared_adapters platform/linux/files platform/linux/pixel platform/linux/x11)
+set(shared_adapters platform/linux/audio platform/linux/files platform/linux/pixel platform/linux/x11)
 
 # Headers of the operating system that the queues, the log and the clock need.
 set(system_headers_of_runtime pthread.h unistd.h)
@@ -32,7 +37,7 @@ set(failures)
 # folder_of(<path> <variable>): the layer of a path below src/: its longest known folder.
 function(folder_of path result)
   set(${result} "" PARENT_SCOPE)
-  if(path MATCHES "^(platform/linux/[^/]+|platform/support|coordination/model)/")
+  if(path MATCHES "^(platform/linux/[^/]+|platform/support)/")
     set(${result} ${CMAKE_MATCH_1} PARENT_SCOPE)
   elseif(path MATCHES "^([^/]+)/")
     set(${result} ${CMAKE_MATCH_1} PARENT_SCOPE)

@@ -6,11 +6,11 @@
 
 #include "server/HTTPRequest.h"
 #include "server/HTTPResponse.h"
-#include "server/MediaFrames.h"
-#include "server/ViewerControl.h"
-#include "server/ViewerMessages.h"
 #include "server/WebSocketCodec.h"
 #include "support/WebSocketPeer.h"
+#include "viewer/MediaFrames.h"
+#include "viewer/ViewerControl.h"
+#include "viewer/ViewerMessages.h"
 
 namespace kestrune {
 namespace {

@@ -4,8 +4,8 @@
 #include <string>
 #include <variant>
 
-#include "coordination/model/KestruneError.h"
-#include "coordination/model/StreamSettings.h"
+#include "model/KestruneError.h"
+#include "model/StreamSettings.h"
 #include "platform/Bytes.h"
 #include "platform/CompressionSession.h"
 

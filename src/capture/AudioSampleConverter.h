@@ -1,7 +1,7 @@
 #pragma once
 
-#include "coordination/model/MediaPackets.h"
-#include "coordination/model/StreamSettings.h"
+#include "model/MediaPackets.h"
+#include "model/StreamSettings.h"
 #include "platform/AudioSample.h"
 
 namespace kestrune {

@@ -4,9 +4,9 @@
 #include <string>
 
 #include "capture/CaptureDimensions.h"
-#include "coordination/model/CaptureSource.h"
-#include "coordination/model/RemoteControl.h"
-#include "coordination/model/StreamSettings.h"
+#include "model/CaptureSource.h"
+#include "model/RemoteControl.h"
+#include "model/StreamSettings.h"
 #include "platform/Displays.h"
 #include "platform/ScreenStream.h"
 

@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 
-#include "coordination/model/StreamMetrics.h"
+#include "model/StreamMetrics.h"
 #include "runtime/Clock.h"
 
 namespace kestrune {

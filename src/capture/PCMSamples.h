@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <span>
 
-#include "coordination/model/StreamSettings.h"
+#include "model/StreamSettings.h"
 #include "platform/AudioSample.h"
 #include "platform/Bytes.h"
 

@@ -6,7 +6,7 @@
 #include <string_view>
 #include <utility>
 
-#include "coordination/model/KestruneError.h"
+#include "model/KestruneError.h"
 #include "platform/Bundle.h"
 #include "platform/ScreenStream.h"
 #include "runtime/Task.h"

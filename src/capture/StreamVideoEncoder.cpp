@@ -8,7 +8,7 @@
 #include <variant>
 
 #include "capture/AnnexB.h"
-#include "coordination/model/KestruneError.h"
+#include "model/KestruneError.h"
 #include "runtime/Log.h"
 
 namespace kestrune {

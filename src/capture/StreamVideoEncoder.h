@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "capture/CaptureDimensions.h"
-#include "coordination/model/MediaPackets.h"
-#include "coordination/model/StreamSettings.h"
+#include "model/MediaPackets.h"
+#include "model/StreamSettings.h"
 #include "platform/CompressionSession.h"
 #include "platform/PixelTransfer.h"
 #include "runtime/FailureLog.h"

@@ -2,11 +2,11 @@
 
 #include "access/TokenStore.h"
 #include "input/RemoteControlService.h"
-#include "server/AudioChunkStore.h"
 #include "server/StreamingServer.h"
-#include "server/VideoPacketStore.h"
 #include "server/ViewerTokenSource.h"
-#include "services/SleepAssertion.h"
+#include "system/SleepAssertion.h"
+#include "viewer/AudioChunkStore.h"
+#include "viewer/VideoPacketStore.h"
 
 namespace kestrune {
 namespace {

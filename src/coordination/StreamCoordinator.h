@@ -9,11 +9,11 @@
 #include <vector>
 
 #include "capture/ScreenCaptureService.h"
-#include "coordination/model/CaptureSource.h"
-#include "coordination/model/RemoteControl.h"
-#include "coordination/model/StreamMetrics.h"
-#include "coordination/model/StreamPhase.h"
-#include "coordination/model/StreamSettings.h"
+#include "model/CaptureSource.h"
+#include "model/RemoteControl.h"
+#include "model/StreamMetrics.h"
+#include "model/StreamPhase.h"
+#include "model/StreamSettings.h"
 #include "platform/Activities.h"
 #include "platform/Bundle.h"
 #include "platform/CompressionSession.h"

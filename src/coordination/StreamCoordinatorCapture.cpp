@@ -1,6 +1,6 @@
 #include "coordination/StreamCoordinator.h"
-#include "coordination/model/KestruneError.h"
 #include "input/RemoteControlService.h"
+#include "model/KestruneError.h"
 #include "runtime/Log.h"
 
 namespace kestrune {

@@ -1,6 +1,6 @@
 #include "coordination/StreamCoordinator.h"
 #include "runtime/Log.h"
-#include "services/SleepAssertion.h"
+#include "system/SleepAssertion.h"
 
 namespace kestrune {
 namespace {

@@ -2,7 +2,7 @@
 #include <charconv>
 
 #include "coordination/StreamCoordinator.h"
-#include "coordination/model/PreferenceKeys.h"
+#include "model/PreferenceKeys.h"
 #include "runtime/Log.h"
 
 namespace kestrune {

@@ -3,7 +3,7 @@
 
 #include "access/TokenStore.h"
 #include "coordination/StreamCoordinator.h"
-#include "coordination/model/KestruneError.h"
+#include "model/KestruneError.h"
 #include "platform/support/Url.h"
 #include "runtime/Log.h"
 #include "server/StreamingServer.h"

@@ -1,7 +1,7 @@
 #include "coordination/StreamCoordinator.h"
 #include "runtime/Log.h"
 #include "server/StreamingServer.h"
-#include "services/SleepAssertion.h"
+#include "system/SleepAssertion.h"
 
 namespace kestrune {
 namespace {

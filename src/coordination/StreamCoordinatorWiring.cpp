@@ -3,8 +3,8 @@
 
 #include "coordination/StreamCoordinator.h"
 #include "input/RemoteControlService.h"
-#include "server/AudioChunkStore.h"
 #include "server/StreamingServer.h"
+#include "viewer/AudioChunkStore.h"
 
 /// Who hears whom. Callbacks hold their targets weakly, so that no service keeps another alive.
 namespace kestrune {

@@ -2,7 +2,7 @@
 
 #include <optional>
 
-#include "coordination/model/RemoteControl.h"
+#include "model/RemoteControl.h"
 #include "platform/Displays.h"
 
 namespace kestrune {

@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "coordination/model/RemoteControl.h"
+#include "model/RemoteControl.h"
 #include "platform/Displays.h"
 #include "platform/InputEvents.h"
 #include "platform/PrivacyPermissions.h"

@@ -8,8 +8,8 @@
 
 #include "platform/Network.h"
 #include "runtime/SerialQueue.h"
-#include "server/OutboundQueue.h"
 #include "server/ReceiveBuffer.h"
+#include "viewer/OutboundQueue.h"
 
 namespace kestrune {
 

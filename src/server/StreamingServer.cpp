@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "coordination/model/KestruneError.h"
+#include "model/KestruneError.h"
 #include "server/ServerLog.h"
 #include "server/StreamingServerTurns.h"
 

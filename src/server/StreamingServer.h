@@ -9,23 +9,23 @@
 #include <string>
 #include <vector>
 
-#include "coordination/model/MediaPackets.h"
-#include "coordination/model/RemoteControl.h"
-#include "coordination/model/StreamMetrics.h"
-#include "coordination/model/StreamSettings.h"
+#include "model/MediaPackets.h"
+#include "model/RemoteControl.h"
+#include "model/StreamMetrics.h"
+#include "model/StreamSettings.h"
 #include "platform/Bundle.h"
 #include "platform/Network.h"
 #include "runtime/Clock.h"
-#include "server/AudioChunkStore.h"
 #include "server/AuthenticationRateLimiter.h"
 #include "server/ClientContext.h"
 #include "server/HTTPRequest.h"
 #include "server/HTTPResponse.h"
 #include "server/StreamingServerSnapshot.h"
-#include "server/VideoPacketStore.h"
-#include "server/ViewerControl.h"
 #include "server/ViewerTokenSource.h"
 #include "server/WebSocketCodec.h"
+#include "viewer/AudioChunkStore.h"
+#include "viewer/VideoPacketStore.h"
+#include "viewer/ViewerControl.h"
 
 namespace kestrune {
 

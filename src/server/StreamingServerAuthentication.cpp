@@ -2,7 +2,7 @@
 #include "runtime/Error.h"
 #include "server/ServerLog.h"
 #include "server/StreamingServer.h"
-#include "server/ViewerMessages.h"
+#include "viewer/ViewerMessages.h"
 
 namespace kestrune {
 

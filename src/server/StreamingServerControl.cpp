@@ -2,7 +2,7 @@
 #include <utility>
 
 #include "server/StreamingServerTurns.h"
-#include "server/ViewerMessages.h"
+#include "viewer/ViewerMessages.h"
 
 namespace kestrune {
 namespace {

@@ -1,9 +1,9 @@
 #include <utility>
 
-#include "server/MediaFrames.h"
 #include "server/ServerLog.h"
 #include "server/StreamingServerTurns.h"
-#include "server/ViewerMessages.h"
+#include "viewer/MediaFrames.h"
+#include "viewer/ViewerMessages.h"
 
 namespace kestrune {
 

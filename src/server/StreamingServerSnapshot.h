@@ -4,7 +4,7 @@
 #include <optional>
 #include <string>
 
-#include "coordination/model/StreamMetrics.h"
+#include "model/StreamMetrics.h"
 
 namespace kestrune {
 

@@ -4,7 +4,7 @@
 #include <array>
 #include <utility>
 
-#include "server/BigEndian.h"
+#include "viewer/BigEndian.h"
 
 namespace kestrune {
 namespace {

@@ -7,10 +7,10 @@
 #include <string_view>
 
 #include "runtime/Log.h"
-#include "runtime/ManualTime.h"
 #include "server/StreamingServer.h"
 #include "support/FakeBundle.h"
 #include "support/FakeNetwork.h"
+#include "support/ManualTime.h"
 #include "support/WebSocketPeer.h"
 
 namespace kestrune {

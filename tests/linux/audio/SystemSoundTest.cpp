@@ -11,7 +11,7 @@
 #include "Tone.h"
 #include "capture/PCMConverter.h"
 #include "platform/linux/audio/SoxrSampleRateConverter.h"
-#include "platform/linux/audio/SystemScreenCapture.h"
+#include "platform/linux/stream/SystemScreenCapture.h"
 #include "runtime/ThreadQueue.h"
 #include "support/CapturedLog.h"
 #include "support/FakeScreenCapture.h"

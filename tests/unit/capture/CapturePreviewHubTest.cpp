@@ -6,8 +6,8 @@
 #include <vector>
 
 #include "capture/CapturePreviewHub.h"
-#include "runtime/ManualTime.h"
 #include "runtime/ThreadQueue.h"
+#include "support/ManualTime.h"
 
 namespace kestrune {
 namespace {

@@ -7,13 +7,13 @@
 
 #include "capture/CaptureContent.h"
 #include "capture/ScreenCaptureService.h"
-#include "coordination/model/KestruneError.h"
-#include "runtime/ManualTime.h"
+#include "model/KestruneError.h"
 #include "runtime/ThreadQueue.h"
 #include "support/CapturedLog.h"
 #include "support/FakeCompression.h"
 #include "support/FakePixelTransfer.h"
 #include "support/FakeScreenCapture.h"
+#include "support/ManualTime.h"
 
 namespace kestrune {
 namespace {

@@ -4,10 +4,10 @@
 
 #include "capture/AnnexB.h"
 #include "capture/StreamVideoEncoder.h"
-#include "runtime/ManualTime.h"
 #include "support/CapturedLog.h"
 #include "support/FakeCompression.h"
 #include "support/FakePixelTransfer.h"
+#include "support/ManualTime.h"
 
 namespace kestrune {
 namespace {

@@ -8,8 +8,7 @@
 
 #include "access/TokenStore.h"
 #include "coordination/StreamCoordinator.h"
-#include "coordination/model/KestruneError.h"
-#include "runtime/ManualTime.h"
+#include "model/KestruneError.h"
 #include "support/CapturedLog.h"
 #include "support/FakeActivities.h"
 #include "support/FakeBundle.h"
@@ -20,6 +19,7 @@
 #include "support/FakePixelTransfer.h"
 #include "support/FakePreferences.h"
 #include "support/FakeScreenCapture.h"
+#include "support/ManualTime.h"
 #include "support/WebSocketPeer.h"
 
 namespace kestrune {

@@ -1,5 +1,5 @@
 #include "CoordinatorFixture.h"
-#include "coordination/model/PreferenceKeys.h"
+#include "model/PreferenceKeys.h"
 
 namespace kestrune {
 namespace {

@@ -1,9 +1,9 @@
 #include <gtest/gtest.h>
 
-#include "coordination/model/KestruneError.h"
-#include "coordination/model/RemoteControl.h"
-#include "coordination/model/StreamPhase.h"
-#include "coordination/model/StreamSettings.h"
+#include "model/KestruneError.h"
+#include "model/RemoteControl.h"
+#include "model/StreamPhase.h"
+#include "model/StreamSettings.h"
 
 namespace kestrune {
 namespace {

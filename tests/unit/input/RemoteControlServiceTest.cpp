@@ -6,8 +6,8 @@
 #include "input/ControlTargetMapping.h"
 #include "input/RemoteControlService.h"
 #include "platform/support/Encoding.h"
-#include "runtime/ManualTime.h"
 #include "support/FakeInputEvents.h"
+#include "support/ManualTime.h"
 
 namespace kestrune {
 namespace {

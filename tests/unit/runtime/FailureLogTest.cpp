@@ -1,8 +1,8 @@
 #include <gmock/gmock.h>
 
 #include "runtime/FailureLog.h"
-#include "runtime/ManualTime.h"
 #include "support/CapturedLog.h"
+#include "support/ManualTime.h"
 
 namespace kestrune {
 namespace {

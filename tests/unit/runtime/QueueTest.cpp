@@ -8,9 +8,9 @@
 #include <vector>
 
 #include "runtime/Log.h"
-#include "runtime/ManualTime.h"
 #include "runtime/Published.h"
 #include "runtime/ThreadQueue.h"
+#include "support/ManualTime.h"
 
 namespace kestrune {
 namespace {

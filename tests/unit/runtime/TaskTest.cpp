@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
-#include "runtime/ManualTime.h"
 #include "runtime/Task.h"
 #include "runtime/ThreadQueue.h"
+#include "support/ManualTime.h"
 
 namespace kestrune {
 namespace {

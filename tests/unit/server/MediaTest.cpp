@@ -1,10 +1,10 @@
 #include <gmock/gmock.h>
 
-#include "server/AudioChunkStore.h"
 #include "server/AuthenticationRateLimiter.h"
-#include "server/BoundedFrameQueue.h"
-#include "server/MediaFrames.h"
-#include "server/VideoPacketStore.h"
+#include "viewer/AudioChunkStore.h"
+#include "viewer/BoundedFrameQueue.h"
+#include "viewer/MediaFrames.h"
+#include "viewer/VideoPacketStore.h"
 
 namespace kestrune {
 namespace {

@@ -7,12 +7,12 @@
 #include <utility>
 #include <vector>
 
-#include "coordination/model/KestruneError.h"
-#include "runtime/ManualTime.h"
+#include "model/KestruneError.h"
 #include "server/StreamingServer.h"
 #include "support/CapturedLog.h"
 #include "support/FakeBundle.h"
 #include "support/FakeNetwork.h"
+#include "support/ManualTime.h"
 #include "support/WebSocketPeer.h"
 
 namespace kestrune {

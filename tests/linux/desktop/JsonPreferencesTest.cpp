@@ -1,0 +1,252 @@
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <future>
+#include <limits>
+#include <mutex>
+#include <vector>
+
+#include "platform/linux/desktop/JsonPreferences.h"
+#include "platform/linux/files/PrivateDirectory.h"
+#include "runtime/ThreadQueue.h"
+#include "support/CapturedLog.h"
+#include "support/ChildProcess.h"
+#include "support/ManualTime.h"
+#include "support/TemporaryDirectory.h"
+
+namespace kestrune::linux_platform {
+namespace {
+
+namespace fs = std::filesystem;
+
+class JsonPreferencesTest : public ::testing::Test {
+ protected:
+  const TemporaryDirectory top_;
+  const fs::path directory_ = top_.path() / "config" / "kestrune";
+  const fs::path file_ = directory_ / "preferences.json";
+  const std::shared_ptr<ManualTime> time_ = ManualTime::make();
+  const std::shared_ptr<SerialQueue> writer_ = time_->makeQueue("preferences");
+  const std::string before_ = "{\n  \"key\": 1\n}\n";
+  /// With the first value in the file.
+  std::unique_ptr<JsonPreferences> withOneValue(std::shared_ptr<SerialQueue> writer,
+                                                std::chrono::milliseconds limit = std::chrono::seconds(10)) {
+    writeText(file_, before_);
+    return std::make_unique<JsonPreferences>(directory_, std::move(writer), limit);
+  }
+};
+
+/// A disk that answers when it is let.
+class SlowDisk {
+ public:
+  explicit SlowDisk(SerialQueue& writer) {
+    writer.post([answer = answer_.get_future()]() mutable { answer.wait(); });
+  }
+  void answer() { answer_.set_value(); }
+
+ private:
+  std::promise<void> answer_;
+};
+
+TEST_F(JsonPreferencesTest, ValuesKeepTheirTypes) {
+  const std::vector<std::pair<std::string, PreferenceValue>> values = {
+      {"flag", true}, {"whole", std::numeric_limits<std::int64_t>::min()},       {"real", 0.1},
+      {"round", 2.0}, {"text", std::string("Gr\u00fc\u00dfe \"\U0001F44B\"\n")},
+  };
+  {
+    JsonPreferences preferences(directory_);
+    EXPECT_FALSE(preferences.value("flag"));
+    for (const auto& [key, value] : values) preferences.set(key, value);
+  }
+  JsonPreferences preferences(directory_);
+  for (const auto& [key, value] : values) EXPECT_EQ(preferences.value(key), value) << key;
+  preferences.remove("flag");
+  EXPECT_FALSE(preferences.value("flag"));
+  EXPECT_EQ(modeOf(file_), 0600u);
+  EXPECT_EQ(modeOf(directory_), 0700u);
+}
+
+TEST_F(JsonPreferencesTest, KeepsWhatItDoesNotKnow) {
+  writeText(file_, R"({"later":{"a":[1,null]},"twice":1,"large":18446744073709551615,"twice":2})");
+  {
+    JsonPreferences preferences(directory_);
+    EXPECT_FALSE(preferences.value("later"));
+    EXPECT_EQ(preferences.value("twice"), PreferenceValue(std::int64_t{2}));
+    preferences.set("twice", std::int64_t{3});
+  }
+  EXPECT_EQ(readText(file_),
+            "{\n  \"later\": {\"a\":[1,null]},\n  \"twice\": 3,\n  \"large\": 18446744073709551615\n}\n");
+}
+
+TEST_F(JsonPreferencesTest, SetsAsideWhatIsNoObject) {
+  int count = 0;
+  for (const auto* text : {"{\"codec\":", "[1]", "", "\xFF\xFE"}) {
+    const CapturedLog log;
+    writeText(file_, text);
+    {
+      JsonPreferences preferences(directory_);
+      EXPECT_FALSE(preferences.value("codec"));
+      preferences.set("codec", std::string("hevc"));
+    }
+    const std::string aside = "preferences.json.invalid" + (count ? "." + std::to_string(count) : "");
+    EXPECT_TRUE(log.mentions(aside));
+    EXPECT_EQ(readText(directory_ / aside), text);
+    EXPECT_EQ(JsonPreferences(directory_).value("codec"), PreferenceValue(std::string("hevc")));
+    ++count;
+  }
+}
+
+TEST_F(JsonPreferencesTest, WhatOthersWriteIsMergedAndTold) {
+  std::vector<std::string> told;
+  JsonPreferences preferences(directory_, writer_);
+  preferences.set("mine", std::int64_t{1});
+  preferences.set("both", std::int64_t{1});
+  time_->advance(JsonPreferences::kWriteDelay);
+  preferences.observeExternalChanges(time_->makeQueue(), [&](const auto& keys) { told = keys; });
+  // Before the watch has told of it, a value is written: neither side loses.
+  writeText(file_, R"({"theirs": [1], "both": 2, "kind": "x"})");
+  preferences.set("both", std::int64_t{3});
+  time_->advance(JsonPreferences::kWriteDelay);
+  EXPECT_EQ(readText(file_), "{\n  \"theirs\": [1],\n  \"both\": 3,\n  \"kind\": \"x\"\n}\n");
+  EXPECT_EQ(told, (std::vector<std::string>{"mine", "kind", "theirs"}));
+  EXPECT_FALSE(preferences.value("mine"));
+  EXPECT_EQ(preferences.value("kind"), PreferenceValue("x"));
+}
+
+TEST_F(JsonPreferencesTest, ABrokenFileIsLeftToItsAuthor) {
+  const CapturedLog log;
+  std::vector<std::string> told;
+  {
+    JsonPreferences preferences(directory_, writer_);
+    preferences.set("codec", std::string("hevc"));
+    time_->advance(JsonPreferences::kWriteDelay);
+    preferences.observeExternalChanges(time_->makeQueue(), [&](const auto& keys) { told = keys; });
+    writeText(file_, "{\"codec\": \"h2");
+    time_->advance(std::chrono::seconds(1));  // the look at the file that begins the observation
+    EXPECT_TRUE(log.mentions("is ignored until"));
+    preferences.set("rate", std::int64_t{30});
+    time_->advance(JsonPreferences::kWriteDelay);
+    EXPECT_EQ(readText(file_), "{\"codec\": \"h2");
+    EXPECT_EQ(preferences.value("codec"), PreferenceValue("hevc"));
+    EXPECT_TRUE(told.empty());
+
+    writeText(file_, R"({"codec": "h264"})");
+    preferences.set("wide", true);
+    time_->advance(JsonPreferences::kWriteDelay);
+    EXPECT_EQ(readText(file_), "{\n  \"codec\": \"h264\",\n  \"rate\": 30,\n  \"wide\": true\n}\n");
+    EXPECT_EQ(told, std::vector<std::string>{"codec"});
+
+    writeText(file_, "{,");
+    preferences.set("rate", std::int64_t{60});
+  }
+  // Nobody mended it: at the end both are kept.
+  EXPECT_EQ(readText(directory_ / "preferences.json.invalid"), "{,");
+  EXPECT_EQ(JsonPreferences(directory_).value("rate"), PreferenceValue(std::int64_t{60}));
+}
+
+TEST_F(JsonPreferencesTest, EditorsAreNoticedHoweverTheySave) {
+  ThreadQueue queue("observer");
+  const auto line = std::shared_ptr<SerialQueue>(std::shared_ptr<void>(), &queue);
+  JsonPreferences preferences(directory_);
+  const auto setAndStore = [&](std::int64_t value) {
+    preferences.set("key", value);
+    EXPECT_TRUE(
+        testing::eventually([&] { return readText(file_).ends_with(std::to_string(value) + "\n}\n"); }));
+  };
+  setAndStore(0);
+  std::mutex lock;
+  std::condition_variable changed;
+  std::int64_t seen = 0;
+  int calls = 0;
+  preferences.observeExternalChanges(line, [&](const auto& keys) {
+    const std::lock_guard guard(lock);
+    EXPECT_EQ(keys, std::vector<std::string>{"key"});
+    seen = std::get<std::int64_t>(*preferences.value("key"));
+    ++calls;
+    changed.notify_all();
+  });
+  const auto waitFor = [&](std::int64_t value) {
+    std::unique_lock guard(lock);
+    return changed.wait_for(guard, std::chrono::seconds(10), [&] { return seen == value; });
+  };
+  writeText(file_, R"({"key": 1})");  // in place
+  EXPECT_TRUE(waitFor(1));
+  setAndStore(2);  // our own writing is no news
+  writeText(directory_ / ".edited", R"({"key": 3})");
+  fs::rename(directory_ / ".edited", file_);
+  EXPECT_TRUE(waitFor(3));
+  const std::lock_guard guard(lock);
+  EXPECT_EQ(calls, 2);
+}
+
+TEST_F(JsonPreferencesTest, WithoutAFileValuesLiveInMemory) {
+  writeText(top_.path() / "blocked", "a file where the directory should be");
+  const CapturedLog log;
+  JsonPreferences preferences(top_.path() / "blocked", writer_);
+  EXPECT_TRUE(log.mentions("cannot be read"));
+  preferences.set("key", true);
+  time_->advance(std::chrono::hours(1));
+  EXPECT_EQ(log.lines().size(), 2u);  // not one for each try
+  EXPECT_TRUE(log.mentions("cannot be written"));
+  EXPECT_EQ(preferences.value("key"), PreferenceValue(true));
+  fs::remove(top_.path() / "blocked");
+  time_->advance(std::chrono::minutes(1));
+  EXPECT_TRUE(fs::exists(top_.path() / "blocked" / "preferences.json"));
+}
+
+TEST_F(JsonPreferencesTest, AnUnchangedValueIsNotWritten) {
+  JsonPreferences preferences(directory_, writer_);
+  preferences.set("key", 1.5);
+  time_->advance(JsonPreferences::kWriteDelay);
+  fs::remove(file_);
+  preferences.set("key", 1.5);
+  time_->advance(JsonPreferences::kWriteDelay);
+  EXPECT_FALSE(fs::exists(file_));
+}
+
+TEST_F(JsonPreferencesTest, ManyChangesAreOneWriteALittleLater) {
+  const auto preferences = withOneValue(writer_);
+  for (std::int64_t value = 0; value < 1000; ++value) preferences->set("key", value);
+  EXPECT_EQ(time_->pendingDelayedWork(), 1u);
+  EXPECT_EQ(preferences->value("key"), PreferenceValue(std::int64_t{999}));
+  EXPECT_EQ(readText(file_), before_);
+  time_->advance(JsonPreferences::kWriteDelay);
+  EXPECT_EQ(readText(file_), "{\n  \"key\": 999\n}\n");
+}
+
+TEST_F(JsonPreferencesTest, ALockedFileHoldsUpNobodyAndIsWrittenOnceItIsFree) {
+  const CapturedLog log;
+  const auto preferences = withOneValue(writer_);
+  auto locked = PrivateDirectory(directory_).lock();
+  preferences->set("key", true);
+  time_->advance(std::chrono::minutes(10));
+  EXPECT_EQ(readText(file_), before_);
+  EXPECT_EQ(log.lines().size(), 1u);
+  EXPECT_TRUE(log.mentions("locked by another program"));
+  locked.reset();
+  time_->advance(std::chrono::minutes(1));
+  EXPECT_NE(readText(file_), before_);
+  EXPECT_TRUE(log.mentions("written again"));
+}
+
+TEST_F(JsonPreferencesTest, NothingIsLostAtTheEndUnlessTheDiskIsStuck) {
+  const CapturedLog log;
+  const auto writer = std::make_shared<ThreadQueue>("slow");
+  SlowDisk disk(*writer);
+  auto preferences = withOneValue(writer);
+  preferences->set("late", true);
+  writeText(file_, R"({"key": 2})");
+  disk.answer();
+  preferences.reset();
+  EXPECT_EQ(readText(file_), "{\n  \"key\": 2,\n  \"late\": true\n}\n");
+  EXPECT_TRUE(log.lines().empty());
+
+  SlowDisk stuck(*writer);
+  preferences = withOneValue(writer, std::chrono::milliseconds(1));
+  preferences->set("late", true);
+  preferences.reset();
+  EXPECT_TRUE(log.mentions("does not answer"));
+  stuck.answer();
+}
+
+}  // namespace
+}  // namespace kestrune::linux_platform

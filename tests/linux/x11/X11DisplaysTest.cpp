@@ -1,0 +1,62 @@
+#include <gtest/gtest.h>
+
+#include "platform/linux/x11/X11Displays.h"
+#include "platform/linux/x11/X11PrivacyPermissions.h"
+#include "support/XServerFixture.h"
+
+namespace kestrune::linux_platform {
+namespace {
+
+using testing::eventually;
+using testing::XServer;
+
+TEST(X11DisplaysTest, KeepsAnOutputsIdentifierThroughModeSwitches) {
+  XServer server(800, 600, XServer::Kind::xvnc);
+  const X11Displays displays(std::make_shared<X11Server>(server.displayName()));
+  const auto mainDisplay = displays.mainDisplay();
+  ASSERT_TRUE(mainDisplay);
+  EXPECT_EQ(displays.activeDisplays(), (std::vector<DisplayID>{*mainDisplay}));
+  EXPECT_EQ(displays.bounds(*mainDisplay), (Rect{0, 0, 800, 600}));
+  EXPECT_EQ(displays.bounds(*mainDisplay + 1), Rect{});
+  ASSERT_EQ(server.run("xrandr -s 1280x720"), 0);
+  EXPECT_TRUE(eventually([&] { return displays.bounds(*mainDisplay) == Rect{0, 0, 1280, 720}; }));
+  EXPECT_EQ(displays.mainDisplay(), mainDisplay);
+}
+
+TEST(X11DisplaysTest, GlobalPointsStartAtTheMainDisplay) {
+  XServer server(1600, 600);
+  const X11Displays displays(std::make_shared<X11Server>(server.displayName()));
+  ASSERT_TRUE(displays.mainDisplay());
+  // Two monitors side by side, the right one primary.
+  ASSERT_EQ(server.run("xrandr --setmonitor LEFT 800/200x600/150+0+0 none"), 0);
+  ASSERT_EQ(server.run("xrandr --setmonitor *RIGHT 800/200x600/150+800+0 screen"), 0);
+  ASSERT_TRUE(eventually([&] { return displays.activeDisplays().size() == 2; }));
+  const auto all = displays.activeDisplays();
+  EXPECT_EQ(all.front(), displays.mainDisplay());
+  EXPECT_EQ(displays.bounds(all[0]), (Rect{0, 0, 800, 600}));
+  EXPECT_EQ(displays.bounds(all[1]), (Rect{-800, 0, 800, 600}));
+}
+
+TEST(X11DisplaysTest, PermissionsAreWhatTheServerGrants) {
+  XServer server(320, 200);
+  const auto known = std::make_shared<X11Server>(server.displayName());
+  const X11Displays displays(known);
+  const X11PrivacyPermissions permissions(known);
+  EXPECT_TRUE(permissions.isScreenCaptureAllowed());
+  EXPECT_TRUE(permissions.isTrustedForInput());
+  ASSERT_TRUE(displays.mainDisplay());
+  // What is known stays known, and is to be had at once, while nobody answers.
+  server.hang();
+  EXPECT_TRUE(permissions.isScreenCaptureAllowed() && permissions.isTrustedForInput());
+  EXPECT_TRUE(displays.mainDisplay());
+  EXPECT_EQ(X11Server(server.displayName()).state()->failure,
+            "The X display " + server.displayName() + " does not answer.");
+  server.kill();
+  EXPECT_TRUE(eventually([&] { return !permissions.isScreenCaptureAllowed(); }));
+  EXPECT_FALSE(permissions.isTrustedForInput());
+  EXPECT_FALSE(displays.mainDisplay());
+  EXPECT_TRUE(displays.activeDisplays().empty());
+}
+
+}  // namespace
+}  // namespace kestrune::linux_platform
