@@ -29,6 +29,8 @@ set(allowed_adapter platform/support platform runtime)
 # What adapters may share, if their CMakeLists.txt links it.
 set(shared_adapters platform/linux/audio platform/linux/files platform/linux/pixel platform/linux/x11)
 
+file(GLOB all_adapters RELATIVE ${ROOT}/src ${ROOT}/src/platform/linux/*)
+
 # Headers of the operating system that the queues, the log and the clock need.
 set(system_headers_of_runtime pthread.h unistd.h)
 
@@ -39,6 +41,8 @@ function(folder_of path result)
   set(${result} "" PARENT_SCOPE)
   if(path MATCHES "^(platform/linux/[^/]+|platform/support)/")
     set(${result} ${CMAKE_MATCH_1} PARENT_SCOPE)
+  elseif(path MATCHES "^platform/linux/")
+    set(${result} platform/linux PARENT_SCOPE)
   elseif(path MATCHES "^([^/]+)/")
     set(${result} ${CMAKE_MATCH_1} PARENT_SCOPE)
   endif()
@@ -68,6 +72,8 @@ foreach(file ${files})
   set(is_adapter FALSE)
   if(folder STREQUAL "apps")
     set(is_app TRUE)
+  elseif(folder STREQUAL "platform/linux")
+    set(allowed ${all_adapters} platform runtime)  # assembles the adapters
   elseif(folder MATCHES "^platform/linux/")
     set(is_adapter TRUE)
     set(allowed ${allowed_adapter})

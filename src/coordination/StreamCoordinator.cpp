@@ -1,103 +1,51 @@
 #include "coordination/StreamCoordinator.h"
 
-#include "access/TokenStore.h"
-#include "input/RemoteControlService.h"
-#include "server/StreamingServer.h"
-#include "server/ViewerTokenSource.h"
-#include "system/SleepAssertion.h"
-#include "viewer/AudioChunkStore.h"
-#include "viewer/VideoPacketStore.h"
+#include <utility>
+
+#include "coordination/CoordinatorParts.h"
 
 namespace kestrune {
-namespace {
 
-constexpr Logger kLog("App");
-
-/// The server asks for the token through an interface of its own, so that services stay apart.
-class StoredTokenSource final : public ViewerTokenSource {
- public:
-  explicit StoredTokenSource(std::shared_ptr<TokenStore> store) : store_(std::move(store)) {}
-  std::string token() override { return store_->token(); }
-
- private:
-  const std::shared_ptr<TokenStore> store_;
-};
-
-ScreenCaptureService::Dependencies captureDependencies(const StreamCoordinatorDependencies& from,
-                                                       std::shared_ptr<CapturePreviewHub> previewHub) {
-  ScreenCaptureService::Dependencies to;
-  to.previewHub = std::move(previewHub);
-  to.capture = from.screenCapture;
-  to.audioConverter = from.audioConverter;
-  to.displays = from.displays;
-  to.clock = from.clock;
-  to.compression = from.compression;
-  to.pixelTransfer = from.pixelTransfer;
-  to.callbackQueue = from.mainQueue;
-  to.makeQueue = from.makeQueue;
-  to.picker = from.picker;
-  to.bundleIdentifier = from.bundle->bundleIdentifier();
-  return to;
-}
-
-}  // namespace
-
-std::shared_ptr<StreamCoordinator> StreamCoordinator::make(StreamCoordinatorDependencies dependencies) {
-  std::shared_ptr<StreamCoordinator> coordinator(new StreamCoordinator(std::move(dependencies)));
+std::shared_ptr<StreamCoordinator> StreamCoordinator::make(const Platform& platform,
+                                                           std::shared_ptr<SerialQueue> mainQueue,
+                                                           std::uint16_t viewerPort) {
+  std::shared_ptr<StreamCoordinator> coordinator(
+      new StreamCoordinator(std::make_unique<CoordinatorParts>(platform, std::move(mainQueue), viewerPort)));
   coordinator->connect();
   return coordinator;
 }
 
-StreamCoordinator::StreamCoordinator(StreamCoordinatorDependencies dependencies)
-    : previewHub(std::make_shared<CapturePreviewHub>(dependencies.mainQueue)),
-      dependencies_(std::move(dependencies)),
-      mainQueue_(dependencies_.mainQueue),
-      defaults_(dependencies_.defaults),
-      tokenStore_(dependencies_.tokenStore),
-      sleepAssertion_(std::make_unique<SleepAssertion>(dependencies_.activities)),
-      captureFailureLog_(kLog, dependencies_.clock) {
-  refreshLaunchAtLoginStatus();
-  loadPreferences();
-  settingObservations_.push_back(preventMacSleep.observe([this](bool) { updateSleepAssertion(); }));
-  screenCapturePermissionGranted = dependencies_.permissions->isScreenCaptureAllowed();
-  remoteControlPermissionGranted = dependencies_.permissions->isTrustedForInput();
-  captureService_ = std::make_shared<ScreenCaptureService>(captureDependencies(dependencies_, previewHub));
-  server_ = std::make_shared<StreamingServer>(
-      dependencies_.network, dependencies_.bundle, std::make_shared<StoredTokenSource>(tokenStore_),
-      std::make_shared<AudioChunkStore>(), std::make_shared<VideoPacketStore>(), dependencies_.clock,
-      dependencies_.viewerPort);
-  remoteControlService_ =
-      std::make_shared<RemoteControlService>(dependencies_.inputEvents, dependencies_.displays,
-                                             dependencies_.permissions, mainQueue_, dependencies_.clock);
+StreamCoordinator::StreamCoordinator(std::unique_ptr<CoordinatorParts> parts)
+    : parts_(std::move(parts)),
+      phase(parts_->lifecycle.phase()),
+      selectedSource(parts_->source.selectedSource()),
+      metrics(parts_->telemetry->metrics()),
+      localViewerURL(parts_->viewerAddress.local()),
+      lastError(parts_->errors.lastError()),
+      isCapturing(parts_->capture.isCapturing()),
+      isRemoteStartArmed(parts_->lifecycle.isRemoteStartArmed()),
+      isRemoteStartBusy(parts_->lifecycle.isRemoteStartBusy()),
+      screenCapturePermissionGranted(parts_->permissions.screenCaptureGranted()),
+      remoteControlPermissionGranted(parts_->permissions.remoteControlGranted()),
+      isUpdatingStreamSettings(parts_->liveSettings.isUpdatingStreamSettings()),
+      launchAtLoginEnabled(parts_->launchAtLogin.isEnabled()),
+      launchAtLoginNeedsApproval(parts_->launchAtLogin.needsApproval()),
+      streamDisplayMode(parts_->settings.streamDisplayMode()),
+      profile(parts_->settings.profile()),
+      frameRate(parts_->settings.frameRate()),
+      videoCodec(parts_->settings.videoCodec()),
+      bitRate(parts_->settings.bitRate()),
+      videoEncoderKind(parts_->settings.videoEncoderKind()),
+      audioChannelMode(parts_->settings.audioChannelMode()),
+      preventMacSleep(parts_->settings.preventMacSleep()),
+      previewHub(parts_->previewHub) {
+  parts_->startFlow = [this](Task<void> flow) { return startFlow(std::move(flow)); };
 }
 
 StreamCoordinator::~StreamCoordinator() = default;
 
-void StreamCoordinator::connect() {
-  remoteControlService_->setEnabled(true);
-  wireCapture();
-  wireServer();
-  wireRemoteControl();
-  observePreferences();
-  announceStreamSettings();
-  refreshViewerURLs();
-}
-
-bool StreamCoordinator::canChangeSource() const {
-  return (!ownsActiveResources_ || isRemoteStartArmed) && !isRemoteStartBusy && !isCapturing;
-}
-
-bool StreamCoordinator::canEditStreamSettings() const {
-  return !isUpdatingStreamSettings && phase->value != StreamPhase::Case::starting &&
-         phase->value != StreamPhase::Case::recovering;
-}
-
-bool StreamCoordinator::canChangeDisplayMode() const {
-  return !ownsActiveResources_ && !isCapturing && !isRemoteStartBusy;
-}
-
 TaskHandle StreamCoordinator::startFlow(Task<void> flow) {
-  return startTask(mainQueue_, keepingAlive(shared_from_this(), std::move(flow)));
+  return startTask(parts_->mainQueue, keepingAlive(shared_from_this(), std::move(flow)));
 }
 
 Task<void> StreamCoordinator::keepingAlive([[maybe_unused]] std::shared_ptr<StreamCoordinator> self,
@@ -106,10 +54,50 @@ Task<void> StreamCoordinator::keepingAlive([[maybe_unused]] std::shared_ptr<Stre
   co_await body;
 }
 
-Task<void> StreamCoordinator::awaitAndClear(TaskHandle& slot) {
-  const TaskHandle task = slot;
-  co_await task.finished();
-  if (slot == task) slot.reset();
+bool StreamCoordinator::canChangeSource() const {
+  return parts_->canChangeSource();
+}
+bool StreamCoordinator::canEditStreamSettings() const {
+  return parts_->canEditStreamSettings();
+}
+bool StreamCoordinator::canChangeDisplayMode() const {
+  return parts_->canChangeDisplayMode();
+}
+
+Task<void> StreamCoordinator::selectDefaultDisplayIfNeeded() {
+  return parts_->source.selectDefaultDisplayIfNeeded();
+}
+Task<void> StreamCoordinator::startServing() {
+  return parts_->lifecycle.startServing();
+}
+Task<void> StreamCoordinator::stop() {
+  return parts_->lifecycle.stop();
+}
+Task<void> StreamCoordinator::prepareForTermination() {
+  return parts_->lifecycle.prepareForTermination();
+}
+Task<void> StreamCoordinator::teardown() {
+  return parts_->lifecycle.teardown();
+}
+
+Task<void> StreamCoordinator::applyStreamSettings(StreamProfile newProfile, StreamFrameRate newFrameRate,
+                                                  std::optional<StreamVideoCodec> newCodec,
+                                                  std::optional<StreamBitRate> newBitRate,
+                                                  std::optional<StreamVideoEncoderKind> newEncoderKind) {
+  return parts_->liveSettings.applyStreamSettings(newProfile, newFrameRate, newCodec, newBitRate,
+                                                  newEncoderKind);
+}
+void StreamCoordinator::setPreventMacSleep(bool prevents) {
+  parts_->settings.setPreventMacSleep(prevents);
+}
+void StreamCoordinator::setLaunchAtLogin(bool enabled) {
+  parts_->launchAtLogin.set(enabled);
+}
+void StreamCoordinator::refreshLaunchAtLoginStatus() {
+  parts_->launchAtLogin.refresh();
+}
+void StreamCoordinator::setPhase(StreamPhase next) {
+  parts_->lifecycle.setPhase(std::move(next));
 }
 
 }  // namespace kestrune

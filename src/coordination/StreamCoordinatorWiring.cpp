@@ -1,12 +1,13 @@
 #include <atomic>
 #include <memory>
 
+#include "coordination/CoordinatorParts.h"
 #include "coordination/StreamCoordinator.h"
 #include "input/RemoteControlService.h"
 #include "server/StreamingServer.h"
-#include "viewer/AudioChunkStore.h"
 
-/// Who hears whom. Callbacks hold their targets weakly, so that no service keeps another alive.
+/// The table of callbacks from the services. Callbacks hold their targets weakly, so that no service keeps
+/// another alive.
 namespace kestrune {
 namespace {
 
@@ -20,7 +21,7 @@ auto directly(const std::shared_ptr<Target>& target, Body body) {
   };
 }
 
-/// The same for a remote input, which answers eventFailed once nobody is there to take it.
+/// The same for a remote input, which answers eventFailed once its target is gone.
 template <class Body>
 auto input(const std::shared_ptr<RemoteControlService>& target, Body body) {
   return [weak = std::weak_ptr<RemoteControlService>(target), body](auto&&... arguments) {
@@ -32,89 +33,106 @@ auto input(const std::shared_ptr<RemoteControlService>& target, Body body) {
 
 }  // namespace
 
-/// A callback for any thread: `body(coordinator, arguments...)` has a turn of its own on the main queue.
+/// A callback for any thread: `body(parts, arguments...)` has a turn of its own on the main queue.
 template <class Body>
 auto StreamCoordinator::onMainQueue(Body body) {
-  return [queue = mainQueue_, weak = weak_from_this(), body](auto... arguments) {
+  return [queue = parts_->mainQueue, weak = weak_from_this(), body](auto... arguments) {
     queue->post([weak, body, ... held = std::move(arguments)] {
-      if (const auto self = weak.lock()) body(*self, held...);
+      if (const auto self = weak.lock()) body(*self->parts_, held...);
     });
   };
 }
 
-/// The same for what a viewer can send as fast as the road carries it: what finds several turns waiting is
-/// dropped, since it would say what they say.
+/// The same for what a viewer can send as fast as the connection carries it: beyond kMostWaitingTurns waiting
+/// turns, which say the same, a further one is dropped.
 template <class Body>
 auto StreamCoordinator::onMainQueueWhileFew(Body body) {
-  return [queue = mainQueue_, weak = weak_from_this(), body,
+  return [queue = parts_->mainQueue, weak = weak_from_this(), body,
           waiting = std::make_shared<std::atomic<int>>(0)](auto... arguments) {
     if (*waiting >= kMostWaitingTurns) return;
     ++*waiting;
     queue->post([weak, body, waiting, ... held = std::move(arguments)] {
       --*waiting;
-      if (const auto self = weak.lock()) body(*self, held...);
+      if (const auto self = weak.lock()) body(*self->parts_, held...);
     });
   };
 }
 
+void StreamCoordinator::connect() {
+  parts_->remoteControl->setEnabled(true);
+  wireCapture();
+  wireServer();
+  wireRemoteControl();
+  parts_->preferences->observeExternalChanges(parts_->mainQueue, [weak = weak_from_this()](const auto& keys) {
+    if (const auto self = weak.lock()) {
+      self->parts_->liveSettings.takeEdited(keys, self->canChangeDisplayMode());
+    }
+  });
+  parts_->liveSettings.announce();
+  parts_->viewerAddress.refresh();
+}
+
 /// The capture service calls back on the main queue already, in the order of the events.
 void StreamCoordinator::wireCapture() {
-  const auto self = shared_from_this();
+  const std::shared_ptr<CoordinatorParts> parts(shared_from_this(), parts_.get());  // shares our life
   ScreenCaptureCallbacks callbacks;
-  callbacks.onSourceChanged = directly(
-      self, [](auto& coordinator, auto source) { coordinator.handleSourceChanged(std::move(source)); });
+  callbacks.onSourceChanged =
+      directly(parts, [](auto& to, auto source) { to.source.handleSourceChanged(std::move(source)); });
   callbacks.onControlTargetChanged =
-      directly(remoteControlService_, [](auto& control, auto target) { control.setTarget(target); });
-  callbacks.onVideoPacket = directly(
-      self, [](auto& coordinator, auto packet) { coordinator.handleVideoPacket(std::move(packet)); });
+      directly(parts_->remoteControl, [](auto& to, auto target) { to.setTarget(target); });
+  callbacks.onVideoPacket = [watch = std::weak_ptr(parts_->encodingWatch),
+                             routes = std::weak_ptr(parts_->routes)](const EncodedVideoPacket& packet) {
+    if (const auto alive = watch.lock()) alive->notePacket();
+    if (const auto alive = routes.lock()) alive->broadcastVideo(packet);
+  };
   callbacks.onAudioChunk =
-      directly(server_->audioStore(), [](auto& store, auto chunk) { store.append(std::move(chunk)); });
+      directly(parts_->routes, [](auto& to, auto chunk) { to.broadcastAudio(std::move(chunk)); });
   callbacks.onMetricsChanged =
-      directly(self, [](auto& coordinator, const auto& record) { coordinator.applyCaptureMetrics(record); });
+      directly(parts_->telemetry, [](auto& to, const auto& record) { to.applyCaptureMetrics(record); });
   callbacks.onError =
-      directly(self, [](auto& coordinator, const auto& failure) { coordinator.handleCaptureError(failure); });
-  callbacks.onCaptureStopped = directly(self, [](auto& coordinator, auto failure) {
-    coordinator.startFlow(coordinator.handleCaptureStopped(std::move(failure)));
+      directly(parts_->encodingWatch, [](auto& to, const auto& failure) { to.handleCaptureError(failure); });
+  callbacks.onCaptureStopped = directly(parts, [](auto& to, auto failure) {
+    to.startFlow(to.lifecycle.handleCaptureStopped(std::move(failure)));
   });
-  captureService_->setCallbacks(std::move(callbacks));
+  parts_->captureService->setCallbacks(std::move(callbacks));
 }
 
 /// The server calls back on its own queue.
 void StreamCoordinator::wireServer() {
-  server_->onStreamStartRequested =
-      onMainQueueWhileFew([](auto& self) { self.startFlow(self.handleStreamStartRequest()); });
-  server_->onViewerConnectionChanged =
-      onMainQueue([](auto& self, bool connected, bool) { self.handleLocalViewerChange(connected); });
-  server_->onKeyframeRequested = directly(captureService_, [](auto& capture) { capture.requestKeyframe(); });
-  server_->onStreamSettingsChanged =
-      onMainQueueWhileFew([](auto& self, StreamProfile active, StreamFrameRate) {
-        self.startFlow(self.takeViewerSettings(active));
-      });
-  server_->onVideoCodecFallbackRequested =
-      onMainQueueWhileFew([](auto& self) { self.startFlow(self.fallBackToH264()); });
-  server_->onViewerTelemetry =
-      onMainQueueWhileFew([](auto& self, const auto& telemetry) { self.handleViewerTelemetry(telemetry); });
+  StreamingServer& server = *parts_->server;
+  server.onStreamStartRequested =
+      onMainQueueWhileFew([](auto& to) { to.startFlow(to.lifecycle.handleStreamStartRequest()); });
+  server.onViewerConnectionChanged =
+      onMainQueue([](auto& to, bool connected, bool) { to.viewers->handleLocalViewerChange(connected); });
+  server.onKeyframeRequested = directly(parts_->captureService, [](auto& to) { to.requestKeyframe(); });
+  server.onStreamSettingsChanged = onMainQueueWhileFew([](auto& to, StreamProfile active, StreamFrameRate) {
+    to.startFlow(to.liveSettings.takeViewerSettings(active));
+  });
+  server.onVideoCodecFallbackRequested =
+      onMainQueueWhileFew([](auto& to) { to.startFlow(to.liveSettings.fallBackToH264()); });
+  server.onViewerTelemetry = onMainQueueWhileFew(
+      [](auto& to, const auto& telemetry) { to.telemetry->takeViewerTelemetry(telemetry); });
 }
 
 /// Remote input goes from the server's queue straight into the system, past the main queue and its state.
 void StreamCoordinator::wireRemoteControl() {
-  const auto& control = remoteControlService_;
+  const auto& control = parts_->remoteControl;
+  StreamingServer& server = *parts_->server;
   using Phase = RemotePointerPhase;
-  server_->onRemoteTap = input(control, [](auto& to, double x, double y) { return to.tap(x, y); });
-  server_->onRemotePointer =
+  server.onRemoteTap = input(control, [](auto& to, double x, double y) { return to.tap(x, y); });
+  server.onRemotePointer =
       input(control, [](auto& to, Phase step, double x, double y) { return to.pointer(step, x, y); });
-  server_->onRemoteMove = input(control, [](auto& to, double dx, double dy, double sensitivity) {
+  server.onRemoteMove = input(control, [](auto& to, double dx, double dy, double sensitivity) {
     return to.move(dx, dy, sensitivity);
   });
-  server_->onRemoteClick =
-      input(control, [](auto& to, RemoteMouseButton button) { return to.click(button); });
-  server_->onRemoteButton = input(control, [](auto& to, bool down) { return to.setButton(down); });
-  server_->onRemoteScroll = input(control, [](auto& to, double dx, double dy) { return to.scroll(dx, dy); });
-  server_->onRemoteText = input(control, [](auto& to, const std::string& text) { return to.typeText(text); });
-  server_->onRemoteKey = input(control, [](auto& to, const std::string& key) { return to.pressKey(key); });
-  server_->onRemotePlayPause = input(control, [](auto& to) { return to.togglePlayPause(); });
-  server_->onRemoteFullscreen = input(control, [](auto& to) { return to.pressKey("f"); });
-  server_->onRemoteControlEnded = directly(control, [](auto& to) { to.releaseButton(); });
+  server.onRemoteClick = input(control, [](auto& to, RemoteMouseButton button) { return to.click(button); });
+  server.onRemoteButton = input(control, [](auto& to, bool down) { return to.setButton(down); });
+  server.onRemoteScroll = input(control, [](auto& to, double dx, double dy) { return to.scroll(dx, dy); });
+  server.onRemoteText = input(control, [](auto& to, const std::string& text) { return to.typeText(text); });
+  server.onRemoteKey = input(control, [](auto& to, const std::string& key) { return to.pressKey(key); });
+  server.onRemotePlayPause = input(control, [](auto& to) { return to.togglePlayPause(); });
+  server.onRemoteFullscreen = input(control, [](auto& to) { return to.pressKey("f"); });
+  server.onRemoteControlEnded = directly(control, [](auto& to) { to.releaseButton(); });
 }
 
 }  // namespace kestrune

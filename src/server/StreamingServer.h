@@ -26,6 +26,7 @@
 #include "viewer/AudioChunkStore.h"
 #include "viewer/VideoPacketStore.h"
 #include "viewer/ViewerControl.h"
+#include "viewer/ViewerRoute.h"
 
 namespace kestrune {
 
@@ -40,14 +41,10 @@ namespace kestrune {
 /// At most one authenticated viewer is active. A viewer that is slow loses video frames, oldest first, and is
 /// given a keyframe to go on from; it never receives a frame whose reference was lost. What is queued for it
 /// is bounded by kVideoModeBudget and kControlModeBudget (OutboundQueue.h), plus one message in flight.
-class StreamingServer : public std::enable_shared_from_this<StreamingServer> {
+class StreamingServer final : public ViewerRoute, public std::enable_shared_from_this<StreamingServer> {
  public:
   static constexpr std::uint16_t kDefaultPort = 8080;
 
-  /// Null on success, else the failure: KestruneError::alreadyRunning, operationFailed with the system's
-  /// words (an address in use, for example), serverNotReady, or what the token source threw.
-  using StartCompletion = MoveOnlyFunction<void(std::exception_ptr failure)>;
-  using StopCompletion = MoveOnlyFunction<void()>;
   using SnapshotCompletion = MoveOnlyFunction<void(StreamingServerSnapshot)>;
   /// May be called once, from any thread, also after the viewer or the server has gone.
   using IssueReportCompletion = std::function<void(ViewerIssueReportResult)>;
@@ -56,7 +53,7 @@ class StreamingServer : public std::enable_shared_from_this<StreamingServer> {
                   std::shared_ptr<ViewerTokenSource> tokenSource, std::shared_ptr<AudioChunkStore> audioStore,
                   std::shared_ptr<VideoPacketStore> videoStore, std::shared_ptr<const Clock> clock,
                   std::uint16_t port = kDefaultPort);
-  ~StreamingServer();
+  ~StreamingServer() override;
   StreamingServer(const StreamingServer&) = delete;
   StreamingServer& operator=(const StreamingServer&) = delete;
 
@@ -91,21 +88,24 @@ class StreamingServer : public std::enable_shared_from_this<StreamingServer> {
   const std::string& localURL() const { return localURL_; }
   const std::shared_ptr<AudioChunkStore>& audioStore() const { return audioStore_; }
 
-  /// Completes when the listener is ready or has failed. If stop() overtakes it, the completion is destroyed
-  /// uncalled.
-  void start(StartCompletion completion);
+  /// Completes when the listener is ready or has failed: KestruneError::alreadyRunning, operationFailed with
+  /// the system's words (an address in use, for example), serverNotReady, or what the token source threw. If
+  /// stop() overtakes it, the completion is destroyed uncalled.
+  void start(StartCompletion completion) override;
   /// Completes when everything is torn down: connections cut, stores and counters cleared. The settings, the
   /// rate limit and the audio numbers go on.
-  void stop(StopCompletion completion);
+  void stop(StopCompletion completion) override;
   void snapshot(SnapshotCompletion completion);
 
   /// Stores what is active and tells the viewer.
-  void updateStreamSettings(StreamProfile profile, StreamFrameRate frameRate, StreamVideoCodec codec);
-  void updateRemoteStreamState(RemoteStreamState state, std::optional<std::string> message);
-  void updateRemoteCursorState(RemoteCursorState state);
-  void updateHostDiagnostics(HostDiagnostics diagnostics);
+  void updateStreamSettings(StreamProfile profile, StreamFrameRate frameRate,
+                            StreamVideoCodec codec) override;
+  void updateRemoteStreamState(RemoteStreamState state, std::optional<std::string> message) override;
+  void updateRemoteCursorState(RemoteCursorState state) override;
+  void updateHostDiagnostics(HostDiagnostics diagnostics) override;
   /// Sends the packet to the viewer, if there is one that can take it. The payload is shared, not copied.
-  void broadcastVideo(EncodedVideoPacket packet);
+  void broadcastVideo(EncodedVideoPacket packet) override;
+  void broadcastAudio(AudioPCMChunk chunk) override;
 
  private:
   using Client = std::shared_ptr<ClientContext>;

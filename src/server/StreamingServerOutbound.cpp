@@ -43,6 +43,10 @@ void StreamingServer::broadcastVideo(EncodedVideoPacket packet) {
   postToSelf([packet = std::move(packet)](StreamingServer& server) { server.broadcastNow(packet); });
 }
 
+void StreamingServer::broadcastAudio(AudioPCMChunk chunk) {
+  audioStore_->append(std::move(chunk));
+}
+
 void StreamingServer::broadcastNow(const EncodedVideoPacket& packet) {
   videoStore_->append(packet);
   const auto viewer = activeViewer();

@@ -16,9 +16,9 @@
 #include <string_view>
 #include <utility>
 
-#include "Composition.h"
 #include "HeadlessApplication.h"
 #include "TerminationSignals.h"
+#include "platform/linux/LinuxPlatform.h"
 #include "runtime/Log.h"
 
 namespace {
@@ -110,14 +110,16 @@ int runProgram(const Options& options) {
     printLine("Error", portTakenMessage(options.port));
     return kStartFailed;
   }
-  auto coordinator = composeCoordinator(mainQueue, options.port);
-  if (!coordinator) {
+  const Platform platform = linux_platform::makeLinuxPlatform();
+  if (!platform.displays->mainDisplay()) {
     printLine(
         "Error",
         "No display could be opened. Set DISPLAY to an X display that this user may use, then try again.");
     return kStartFailed;
   }
-  *application = std::make_shared<HeadlessApplication>(mainQueue, std::move(coordinator), options.port);
+  setMainBundle(platform.bundle);
+  *application = std::make_shared<HeadlessApplication>(
+      mainQueue, StreamCoordinator::make(platform, mainQueue, options.port), options.port);
   (*application)->launch(!options.isSmokeTest);
   mainQueue->run();
   const int exitCode = (*application)->exitCode();

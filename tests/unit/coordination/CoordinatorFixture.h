@@ -6,7 +6,6 @@
 #include <string>
 #include <vector>
 
-#include "access/TokenStore.h"
 #include "coordination/StreamCoordinator.h"
 #include "model/KestruneError.h"
 #include "support/CapturedLog.h"
@@ -54,24 +53,23 @@ class CoordinatorTest : public testing::Test {
   }
 
   void make() {
-    StreamCoordinatorDependencies dependencies;
-    dependencies.mainQueue = mainQueue;
-    dependencies.clock = time;
-    dependencies.defaults = preferences;
-    dependencies.tokenStore = std::make_shared<TokenStore>(
-        std::make_shared<CredentialHelperClient>(credentials), std::make_shared<FixedRandom>());
-    dependencies.bundle = std::make_shared<FakeBundle>();
-    dependencies.permissions = permissions;
-    dependencies.displays = displays;
-    dependencies.inputEvents = input;
-    dependencies.network = network;
-    dependencies.screenCapture = screen;
-    dependencies.compression = compression;
-    dependencies.pixelTransfer = std::make_shared<FakePixelTransferFactory>();
-    dependencies.activities = activities;
-    dependencies.loginItem = loginItem;
-    dependencies.makeQueue = [this](std::string label) { return time->makeQueue(std::move(label)); };
-    coordinator = StreamCoordinator::make(std::move(dependencies));
+    Platform platform;
+    platform.clock = time;
+    platform.makeQueue = [this](std::string label) { return time->makeQueue(std::move(label)); };
+    platform.bundle = std::make_shared<FakeBundle>();
+    platform.preferences = preferences;
+    platform.credentials = credentials;
+    platform.random = std::make_shared<FixedRandom>();
+    platform.displays = displays;
+    platform.permissions = permissions;
+    platform.inputEvents = input;
+    platform.screenCapture = screen;
+    platform.compression = compression;
+    platform.pixelTransfer = std::make_shared<FakePixelTransferFactory>();
+    platform.network = network;
+    platform.activities = activities;
+    platform.loginItem = loginItem;
+    coordinator = StreamCoordinator::make(platform, mainQueue);
     observation =
         coordinator->phase.observe([this](const StreamPhase& phase) { phases.push_back(phase.title()); });
     time->runReady();

@@ -48,15 +48,15 @@ TEST_F(CoordinatorPowerTest, TheSettingTakesEffectAtOnceAndIsStored) {
   preferences->set(kKey, false);
   launch();
   EXPECT_THAT(activities->begun, IsEmpty());
-  coordinator->preventMacSleep = true;
+  coordinator->setPreventMacSleep(true);
   EXPECT_TRUE(activities->isHeld());
   EXPECT_EQ(stored(), PreferenceValue(true));
-  coordinator->preventMacSleep = false;
+  coordinator->setPreventMacSleep(false);
   EXPECT_FALSE(activities->isHeld());
   EXPECT_EQ(stored(), PreferenceValue(false));
 
   run(coordinator->teardown());
-  coordinator->preventMacSleep = true;  // nothing is up
+  coordinator->setPreventMacSleep(true);  // nothing is up
   EXPECT_FALSE(activities->isHeld());
 }
 

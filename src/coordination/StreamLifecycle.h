@@ -1,0 +1,88 @@
+#pragma once
+
+#include <exception>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "coordination/CaptureControl.h"
+#include "coordination/ErrorReport.h"
+#include "coordination/PhaseMachine.h"
+#include "coordination/TaskSlot.h"
+#include "coordination/ViewerRoutes.h"
+#include "model/CaptureSource.h"
+
+namespace kestrune {
+
+/// Decides when the server and capture start and stop, and what the phase and the viewers' stream state are.
+/// Main queue only; its tasks need an owner that keeps it alive.
+class StreamLifecycle {
+ public:
+  /// What it asks of the other parts, and tells them.
+  struct Joints {
+    std::function<bool()> requirePermissions;
+    std::function<bool()> hasSource;
+    std::function<bool()> isViewerConnected;
+    std::function<void()> onServerStarted;
+    std::function<void()> onArmed;
+    /// Capture is about to stop, or has stopped by itself: nothing the viewer holds may stay held.
+    std::function<void()> onStreamEnding;
+    /// The standby is reached again after a stream.
+    std::function<void()> onStreamEnded;
+    std::function<void()> onTeardownBegan;
+    std::function<void()> onTornDown;
+  };
+
+  StreamLifecycle(FlowStarter startFlow, CaptureControl& capture, std::shared_ptr<ViewerRoutes> routes,
+                  ErrorReport& errors, Joints joints);
+
+  const Observable<StreamPhase>& phase() const { return phase_.phase(); }
+  /// A viewer's request may start capture.
+  const Observable<bool>& isRemoteStartArmed() const { return isRemoteStartArmed_; }
+  /// The server or capture is being started, or capture is on its way back to standby.
+  const Observable<bool>& isRemoteStartBusy() const { return isRemoteStartBusy_; }
+  /// The server is up.
+  bool ownsActiveResources() const { return ownsActiveResources_; }
+  bool isTearingDown() const { return isTearingDown_; }
+
+  /// See StreamCoordinator.
+  Task<void> startServing();
+  Task<void> stop();
+  Task<void> prepareForTermination();
+  Task<void> teardown();
+  void setPhase(StreamPhase next) { phase_.set(std::move(next)); }
+
+  /// The one decision about a viewer's request to start, on any route.
+  Task<void> handleStreamStartRequest();
+  /// The capture stream has ended by itself.
+  Task<void> handleCaptureStopped(std::exception_ptr failure);
+  void handleSourceReported();
+  void handleViewerChanged(bool isPresent);
+  void handleEncodingUnneeded();
+
+ private:
+  Task<void> runStartup(Task<void> body);
+  Task<void> armingBody();
+  Task<void> captureBody();
+  Task<void> returnToStandby();
+  Task<void> runTeardown();
+  Task<void> endStartup();
+  StreamPhase restingPhase() const;
+  void publishRemoteError(const std::string& message, bool record);
+
+  const FlowStarter startFlow_;
+  CaptureControl& capture_;
+  const std::shared_ptr<ViewerRoutes> routes_;
+  ErrorReport& errors_;
+  const Joints joints_;
+  PhaseMachine phase_;
+  Published<bool> isRemoteStartArmed_;
+  Published<bool> isRemoteStartBusy_;
+  TaskSlot startupTask_;
+  TaskSlot teardownTask_;
+  bool ownsActiveResources_ = false;
+  bool isTearingDown_ = false;
+};
+
+}  // namespace kestrune

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <functional>
+#include <utility>
+
+#include "runtime/Task.h"
+
+namespace kestrune {
+
+/// Starts a flow on the main queue that keeps its owner alive until it ends.
+using FlowStarter = std::function<TaskHandle(Task<void> flow)>;
+
+/// The place of a task of which one at a time may run. A task that has ended leaves its place free by itself.
+class TaskSlot {
+ public:
+  bool isRunning() const { return task_ && !task_.isFinished(); }
+  void hold(TaskHandle task) { task_ = std::move(task); }
+  /// Asks the task to end; it runs until it has.
+  void cancel() const { task_.cancel(); }
+  /// For a task that nobody has to wait for.
+  void cancelAndForget() {
+    task_.cancel();
+    task_.reset();
+  }
+  /// Returns when the task that is there now has ended.
+  Task<void> join() const {
+    const TaskHandle task = task_;
+    co_await task.finished();
+  }
+
+ private:
+  TaskHandle task_;
+};
+
+}  // namespace kestrune

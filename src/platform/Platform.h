@@ -1,0 +1,53 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "platform/Activities.h"
+#include "platform/Bundle.h"
+#include "platform/CompressionSession.h"
+#include "platform/Credentials.h"
+#include "platform/Displays.h"
+#include "platform/InputEvents.h"
+#include "platform/LoginItem.h"
+#include "platform/Network.h"
+#include "platform/PixelTransfer.h"
+#include "platform/Preferences.h"
+#include "platform/PrivacyPermissions.h"
+#include "platform/RandomSource.h"
+#include "platform/SampleRateConverter.h"
+#include "platform/ScreenStream.h"
+#include "runtime/Clock.h"
+#include "runtime/SerialQueue.h"
+
+namespace kestrune {
+
+/// Every port of the program. One function assembles the adapters of an operating system
+/// (platform/linux/LinuxPlatform.h), one the fakes of the tests (tests/support/FakePlatform.h). Nothing is
+/// null unless it says so.
+struct Platform {
+  std::shared_ptr<const Clock> clock;
+  /// Makes a queue with a thread of its own.
+  std::function<std::shared_ptr<SerialQueue>(std::string label)> makeQueue;
+
+  std::shared_ptr<const Bundle> bundle;
+  std::shared_ptr<Preferences> preferences;
+  std::shared_ptr<CredentialConnector> credentials;
+  std::shared_ptr<RandomSource> random;
+
+  std::shared_ptr<const Displays> displays;
+  std::shared_ptr<PrivacyPermissions> permissions;
+  std::shared_ptr<InputEvents> inputEvents;
+  std::shared_ptr<ScreenCapture> screenCapture;
+  std::shared_ptr<ContentSharingPicker> picker;                      // may be null
+  std::shared_ptr<SampleRateConverterFactory> sampleRateConverters;  // null: no sound
+  std::shared_ptr<CompressionSessionFactory> compression;
+  std::shared_ptr<PixelTransferFactory> pixelTransfer;
+
+  std::shared_ptr<Network> network;
+  std::shared_ptr<Activities> activities;
+  std::shared_ptr<LoginItem> loginItem;
+};
+
+}  // namespace kestrune

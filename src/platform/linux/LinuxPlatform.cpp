@@ -1,0 +1,45 @@
+#include "platform/linux/LinuxPlatform.h"
+
+#include "platform/linux/audio/SoxrSampleRateConverter.h"
+#include "platform/linux/capture/X11ScreenCapture.h"
+#include "platform/linux/credentials/HelperCredentialConnector.h"
+#include "platform/linux/credentials/SystemRandomSource.h"
+#include "platform/linux/desktop/AutostartLoginItem.h"
+#include "platform/linux/desktop/DirectoryBundle.h"
+#include "platform/linux/desktop/JsonPreferences.h"
+#include "platform/linux/desktop/SystemActivities.h"
+#include "platform/linux/input/XTestInputEvents.h"
+#include "platform/linux/network/AsioNetwork.h"
+#include "platform/linux/pixel/LibyuvPixelTransfer.h"
+#include "platform/linux/stream/SystemScreenCapture.h"
+#include "platform/linux/video/SoftwareCompressionSessionFactory.h"
+#include "platform/linux/x11/X11Displays.h"
+#include "platform/linux/x11/X11PrivacyPermissions.h"
+#include "platform/linux/x11/X11Server.h"
+#include "runtime/ThreadQueue.h"
+
+namespace kestrune::linux_platform {
+
+Platform makeLinuxPlatform() {
+  const auto server = std::make_shared<X11Server>();
+  Platform platform;
+  platform.clock = systemClock();
+  platform.makeQueue = [](std::string label) { return std::make_shared<ThreadQueue>(std::move(label)); };
+  platform.bundle = DirectoryBundle::ofRunningProgram();
+  platform.preferences = std::make_shared<JsonPreferences>();
+  platform.credentials = std::make_shared<HelperCredentialConnector>();
+  platform.random = std::make_shared<SystemRandomSource>();
+  platform.displays = std::make_shared<X11Displays>(server);
+  platform.permissions = std::make_shared<X11PrivacyPermissions>(server);
+  platform.inputEvents = std::make_shared<XTestInputEvents>(server);
+  platform.screenCapture = std::make_shared<SystemScreenCapture>(std::make_shared<X11ScreenCapture>(server));
+  platform.sampleRateConverters = std::make_shared<SoxrSampleRateConverterFactory>();
+  platform.compression = std::make_shared<SoftwareCompressionSessionFactory>();
+  platform.pixelTransfer = std::make_shared<LibyuvPixelTransferFactory>();
+  platform.network = std::make_shared<AsioNetwork>();
+  platform.activities = std::make_shared<SystemActivities>();
+  platform.loginItem = std::make_shared<AutostartLoginItem>();
+  return platform;
+}
+
+}  // namespace kestrune::linux_platform
