@@ -1,6 +1,9 @@
 #include "capture/AnnexB.h"
 
+#include <algorithm>
 #include <array>
+#include <optional>
+#include <span>
 #include <utility>
 
 namespace kestrune {
@@ -20,6 +23,8 @@ namespace annexb {
 namespace {
 
 constexpr std::array<std::uint8_t, 4> kStartCode{0, 0, 0, 1};
+/// The prefix that a start code can take the place of.
+constexpr int kLengthPrefix = 4;
 
 void appendStartCode(Bytes& bytes) {
   bytes.insert(bytes.end(), kStartCode.begin(), kStartCode.end());
@@ -44,15 +49,27 @@ constexpr CodecReader kHEVCReader{
     &VideoFormatDescription::hevcSummary, &VideoFormatDescription::hevcParameterSet,
     "Unable to read H.265 parameter sets", "Unable to read an H.265 parameter set"};
 
-}  // namespace
-
-bool isKeyframe(const EncodedSample& sample) {
-  if (!sample.attachments || sample.attachments->empty()) return true;
-  const auto& notSync = sample.attachments->front().notSync;
-  if (!notSync) return true;
-  const bool* value = std::get_if<bool>(&*notSync);
-  return value == nullptr || !*value;
+/// Calls `visit(position, length)` for each unit of length-prefixed `data`, where the unit's own bytes begin
+/// at `position`, until the end or the failure that is returned. `visit` may write over the prefix.
+template <class Visit>
+std::optional<H264AnnexBError> forEachUnit(ByteView data, int nalHeaderLength, Visit visit) {
+  using Case = H264AnnexBError::Case;
+  if (nalHeaderLength < 1 || nalHeaderLength > 4) return H264AnnexBError(Case::invalidNALUnitHeaderLength);
+  const auto prefix = static_cast<std::size_t>(nalHeaderLength);
+  for (std::size_t position = 0; position < data.size();) {
+    if (data.size() - position < prefix) return H264AnnexBError(Case::truncatedNALUnit);
+    std::size_t length = 0;
+    for (const std::uint8_t byte : data.subspan(position, prefix)) length = length << 8 | byte;
+    if (length == 0) return H264AnnexBError(Case::emptyNALUnit);
+    position += prefix;
+    if (length > data.size() - position) return H264AnnexBError(Case::truncatedNALUnit);
+    visit(position, length);
+    position += length;
+  }
+  return std::nullopt;
 }
+
+}  // namespace
 
 ParameterSetsResult parameterSets(const VideoFormatDescription& format, StreamVideoCodec codec) {
   const CodecReader& reader = codec == StreamVideoCodec::hevc ? kHEVCReader : kH264Reader;
@@ -70,41 +87,22 @@ ParameterSetsResult parameterSets(const VideoFormatDescription& format, StreamVi
   return result;
 }
 
-BytesResult sampleData(const EncodedSample& sample) {
-  if (!sample.data) return H264AnnexBError(H264AnnexBError::Case::missingDataBuffer);
-  Bytes bytes(sample.data->length());
-  if (const MediaStatus status = sample.data->copy(0, bytes); status != 0) {
-    return H264AnnexBError::blockBufferReadFailed(status);
-  }
-  return bytes;
-}
-
 BytesResult annexBUnits(ByteView data, int nalHeaderLength) {
-  using Case = H264AnnexBError::Case;
-  if (nalHeaderLength < 1 || nalHeaderLength > 4) return H264AnnexBError(Case::invalidNALUnitHeaderLength);
-  const auto prefix = static_cast<std::size_t>(nalHeaderLength);
-
   Bytes output;
   output.reserve(data.size());
-  while (!data.empty()) {
-    if (data.size() < prefix) return H264AnnexBError(Case::truncatedNALUnit);
-    std::size_t length = 0;
-    for (const std::uint8_t byte : data.first(prefix)) length = length << 8 | byte;
-    if (length == 0) return H264AnnexBError(Case::emptyNALUnit);
-    data = data.subspan(prefix);
-    if (length > data.size()) return H264AnnexBError(Case::truncatedNALUnit);
+  const auto failure = forEachUnit(data, nalHeaderLength, [&](std::size_t position, std::size_t length) {
     appendStartCode(output);
-    const ByteView unit = data.first(length);
+    const ByteView unit = data.subspan(position, length);
     output.insert(output.end(), unit.begin(), unit.end());
-    data = data.subspan(length);
-  }
+  });
+  if (failure) return *failure;
   return output;
 }
 
 AccessUnitResult assemble(const EncodedSample& sample, StreamVideoCodec codec) {
   AccessUnit unit;
-  unit.isKeyframe = isKeyframe(sample);
-  int nalHeaderLength = 4;
+  unit.isKeyframe = sample.isKeyframe.value_or(true);
+  int nalHeaderLength = kLengthPrefix;
   if (unit.isKeyframe && sample.format) {
     auto sets = parameterSets(*sample.format, codec);
     if (auto* failure = std::get_if<KestruneError>(&sets)) return std::move(*failure);
@@ -113,17 +111,25 @@ AccessUnitResult assemble(const EncodedSample& sample, StreamVideoCodec codec) {
     nalHeaderLength = read.nalHeaderLength;
   }
 
-  const auto data = sampleData(sample);
-  if (const auto* failure = std::get_if<H264AnnexBError>(&data)) return *failure;
-  auto units = annexBUnits(std::get<Bytes>(data), nalHeaderLength);
-  if (const auto* failure = std::get_if<H264AnnexBError>(&units)) return *failure;
-
-  Bytes& converted = std::get<Bytes>(units);
-  if (unit.payload.empty()) {
-    unit.payload = std::move(converted);
-  } else {
-    unit.payload.insert(unit.payload.end(), converted.begin(), converted.end());
+  if (!sample.data) return H264AnnexBError(H264AnnexBError::Case::missingDataBuffer);
+  const std::size_t begin = unit.payload.size();
+  unit.payload.resize(begin + sample.data->length());
+  const auto data = std::span(unit.payload).subspan(begin);
+  if (const MediaStatus status = sample.data->copy(0, data); status != 0) {
+    return H264AnnexBError::blockBufferReadFailed(status);
   }
+  if (nalHeaderLength == kLengthPrefix) {
+    const auto failure = forEachUnit(data, nalHeaderLength, [data](std::size_t position, std::size_t) {
+      std::ranges::copy(kStartCode, data.subspan(position - kStartCode.size()).begin());
+    });
+    if (failure) return *failure;
+    return unit;
+  }
+  auto units = annexBUnits(data, nalHeaderLength);
+  if (const auto* failure = std::get_if<H264AnnexBError>(&units)) return *failure;
+  unit.payload.resize(begin);
+  const Bytes& converted = std::get<Bytes>(units);
+  unit.payload.insert(unit.payload.end(), converted.begin(), converted.end());
   return unit;
 }
 

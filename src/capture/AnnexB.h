@@ -65,20 +65,15 @@ using ParameterSetsResult = std::variant<ParameterSets, KestruneError>;
 using BytesResult = std::variant<Bytes, H264AnnexBError>;
 using AccessUnitResult = std::variant<AccessUnit, H264AnnexBError, KestruneError>;
 
-/// True unless the first attachment dictionary states as a boolean that the sample is no sync sample.
-bool isKeyframe(const EncodedSample& sample);
-
 /// All parameter sets in the order of the description; an `operationFailed` with the status otherwise.
 ParameterSetsResult parameterSets(const VideoFormatDescription& format, StreamVideoCodec codec);
-
-/// The sample's bytes in one piece.
-BytesResult sampleData(const EncodedSample& sample);
 
 /// Replaces each length prefix of `nalHeaderLength` bytes (1 to 4) by a start code. Nothing in, nothing out.
 BytesResult annexBUnits(ByteView data, int nalHeaderLength);
 
 /// The whole of one sample: parameter sets if it is a keyframe with a format description, then its units.
-/// Samples without one of these are read with length prefixes of 4 bytes.
+/// Samples without one of these are read with length prefixes of 4 bytes. A sample whose encoder does not say
+/// that it is no keyframe is one. With prefixes of 4 bytes the sample's bytes are copied once.
 AccessUnitResult assemble(const EncodedSample& sample, StreamVideoCodec codec);
 
 }  // namespace annexb

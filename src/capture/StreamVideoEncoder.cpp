@@ -1,7 +1,6 @@
 #include "capture/StreamVideoEncoder.h"
 
 #include <algorithm>
-#include <limits>
 #include <optional>
 #include <string>
 #include <utility>
@@ -39,15 +38,6 @@ EncoderSpecification encoderSpecification(StreamVideoEncoderKind kind) {
       break;
   }
   return specification;
-}
-
-/// Fraction dropped; what has no place in the result is held at its ends.
-std::uint64_t microseconds(std::optional<double> seconds) {
-  const double value = seconds.value_or(0) * 1'000'000;
-  if (!(value > 0)) return 0;
-  // 2^64 as a double: the largest value that is out of range.
-  if (value >= 18446744073709551616.0) return std::numeric_limits<std::uint64_t>::max();
-  return static_cast<std::uint64_t>(value);
 }
 
 }  // namespace
@@ -279,8 +269,9 @@ void StreamVideoEncoder::handleOutput(MediaStatus status, const std::shared_ptr<
   }
   failureLog_.succeeded();
   if (!callbacks_.onPacket) return;
+  const std::int64_t time = std::max<std::int64_t>(sample->presentationMicroseconds.value_or(0), 0);
   callbacks_.onPacket({std::make_shared<const Bytes>(std::move(unit->payload)), unit->isKeyframe,
-                       microseconds(sample->presentationSeconds)});
+                       static_cast<std::uint64_t>(time)});
 }
 
 bool StreamVideoEncoder::isCurrent(std::uint64_t generation) const {

@@ -13,7 +13,7 @@
 
 namespace kestrune {
 
-/// Status numbers of the media services; 0 is success.
+/// Status numbers of the media services; 0 is success. Messages show them.
 using MediaStatus = std::int32_t;
 
 enum class VideoCodecType { avc1, hvc1 };
@@ -75,7 +75,8 @@ class VideoFormatDescription {
   virtual ParameterSet hevcParameterSet(std::size_t index) const = 0;
 };
 
-/// The compressed bytes of a sample, possibly in several pieces of memory.
+/// The compressed bytes of a sample, wherever they are. May be the encoder's own memory: readable until the
+/// handler that got the sample returns, and failing from then on.
 class BlockBuffer {
  public:
   virtual ~BlockBuffer() = default;
@@ -84,22 +85,13 @@ class BlockBuffer {
   virtual MediaStatus copy(std::size_t offset, std::span<std::uint8_t> destination) const = 0;
 };
 
-/// One attachment dictionary of a sample, as far as it is read. A value of another type than boolean is kept
-/// as such.
-struct SampleAttachments {
-  struct NotABoolean {
-    friend bool operator==(NotABoolean, NotABoolean) { return true; }
-  };
-  std::optional<std::variant<bool, NotABoolean>> notSync;  // kCMSampleAttachmentKey_NotSync
-};
-
 /// One encoded picture: NAL units, each behind a big-endian length, and what describes them.
 struct EncodedSample {
   bool isDataReady = true;
-  std::optional<std::vector<SampleAttachments>> attachments;
+  std::optional<bool> isKeyframe;  // absent: the encoder did not tell
   std::shared_ptr<const BlockBuffer> data;
   std::shared_ptr<const VideoFormatDescription> format;
-  std::optional<double> presentationSeconds;  // absent: invalid
+  std::optional<std::int64_t> presentationMicroseconds;  // as given to encode()
 };
 
 /// One encoder at one size. Calls come from one queue; output comes on a thread of the session's choice,

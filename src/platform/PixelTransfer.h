@@ -12,7 +12,7 @@ namespace kestrune {
 class PixelBufferPool {
  public:
   struct Result {
-    std::int32_t status = 0;  // CVReturn: 0 on success
+    std::int32_t status = 0;  // 0 on success; messages show it
     std::shared_ptr<PixelBuffer> buffer;
   };
   virtual ~PixelBufferPool() = default;

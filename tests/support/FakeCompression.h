@@ -80,11 +80,11 @@ struct FakeSessionRecord {
 };
 
 inline std::shared_ptr<const EncodedSample> makeFakeSample(Bytes data, bool isKeyframe,
-                                                           std::optional<double> seconds = 0.0) {
+                                                           std::optional<std::int64_t> microseconds = 0) {
   auto sample = std::make_shared<EncodedSample>();
-  sample->attachments = std::vector<SampleAttachments>{{!isKeyframe}};
+  sample->isKeyframe = isKeyframe;
   sample->data = std::make_shared<FakeBlockBuffer>(std::move(data));
-  sample->presentationSeconds = seconds;
+  sample->presentationMicroseconds = microseconds;
   return sample;
 }
 

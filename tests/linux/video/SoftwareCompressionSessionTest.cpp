@@ -62,16 +62,19 @@ class Recording {
 
   const Frame& encode(const SharedPixelBuffer& image, std::int64_t time, bool forceKeyframe = false) {
     const std::size_t before = frames.size();
+    std::shared_ptr<const EncodedSample> kept;
     const MediaStatus status = session->encode(
         image, time, 0, forceKeyframe, [&](MediaStatus outcome, std::shared_ptr<const EncodedSample> sample) {
           EXPECT_EQ(outcome, 0);
           ASSERT_TRUE(sample);
           auto unit = std::get<annexb::AccessUnit>(annexb::assemble(*sample, codec_));
-          EXPECT_EQ(static_cast<std::int64_t>(sample->presentationSeconds.value_or(-1) * 1'000'000), time);
+          EXPECT_EQ(sample->presentationMicroseconds, time);
+          kept = std::move(sample);
           frames.push_back({time, unit.isKeyframe, std::move(unit.payload)});
         });
     EXPECT_EQ(status, 0);
     EXPECT_EQ(frames.size(), before + 1) << "one picture in, one out, at once";
+    EXPECT_EQ(kept->data->length(), 0u) << "the encoder's memory is for the handler alone";
     return frames.back();
   }
 

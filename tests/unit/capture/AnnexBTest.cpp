@@ -10,10 +10,10 @@ using Case = H264AnnexBError::Case;
 
 using Result = annexb::BytesResult;
 
-EncodedSample sampleOf(Bytes data, std::optional<bool> notSync) {
+EncodedSample sampleOf(Bytes data, std::optional<bool> isKeyframe) {
   EncodedSample sample;
   sample.data = std::make_shared<FakeBlockBuffer>(std::move(data));
-  if (notSync) sample.attachments = std::vector<SampleAttachments>{{*notSync}};
+  sample.isKeyframe = isKeyframe;
   return sample;
 }
 
@@ -44,21 +44,6 @@ TEST(AnnexB, ReplacesLengthPrefixesOfEveryWidthAndRefusesWhatIsNoSequenceOfUnits
   }
 }
 
-TEST(AnnexB, EverythingThatDoesNotStateTheOppositeIsAKeyframe) {
-  EncodedSample sample;
-  EXPECT_TRUE(annexb::isKeyframe(sample));
-  sample.attachments.emplace();
-  EXPECT_TRUE(annexb::isKeyframe(sample));
-  auto& notSync = sample.attachments->emplace_back().notSync;
-  EXPECT_TRUE(annexb::isKeyframe(sample));
-  notSync = SampleAttachments::NotABoolean{};
-  EXPECT_TRUE(annexb::isKeyframe(sample));
-  for (const bool value : {false, true}) {
-    notSync = value;
-    EXPECT_EQ(annexb::isKeyframe(sample), !value);
-  }
-}
-
 TEST(AnnexB, ParameterSetsComeInOrderAndFailWithTheCodecsMessages) {
   const auto format = FakeFormatDescription::withSets({{0x67, 1}, {}, {0x68}}, 2);
   const auto sets = std::get<annexb::ParameterSets>(annexb::parameterSets(*format, StreamVideoCodec::h264));
@@ -81,16 +66,17 @@ TEST(AnnexB, AKeyframeCarriesItsParameterSetsAndADeltaFrameIgnoresItsDescription
   const auto assembled = [](const EncodedSample& sample) {
     return std::get<annexb::AccessUnit>(annexb::assemble(sample, StreamVideoCodec::h264));
   };
-  auto key = sampleOf({0, 1, 0x65}, false);
-  key.format = FakeFormatDescription::withSets({{0x67}, {0x68}}, 2);
-  for (int repeat = 0; repeat < 2; ++repeat) {
+  EncodedSample key;
+  for (const int width : {4, 2, 2}) {
+    key = width == 4 ? sampleOf({0, 0, 0, 1, 0x65}, true) : sampleOf({0, 1, 0x65}, std::nullopt);
+    key.format = FakeFormatDescription::withSets({{0x67}, {0x68}}, width);
     const auto unit = assembled(key);
     EXPECT_TRUE(unit.isKeyframe);
     EXPECT_EQ(unit.payload, (Bytes{0, 0, 0, 1, 0x67, 0, 0, 0, 1, 0x68, 0, 0, 0, 1, 0x65}));
   }
 
   // Its description says 2, but a delta frame is read with 4; a description that can't be read is no matter.
-  auto delta = sampleOf({0, 0, 0, 1, 0x41}, true);
+  auto delta = sampleOf({0, 0, 0, 1, 0x41}, false);
   auto broken = FakeFormatDescription::withSets({}, 2);
   broken->summary.status = -1;
   delta.format = broken;
@@ -100,8 +86,8 @@ TEST(AnnexB, AKeyframeCarriesItsParameterSetsAndADeltaFrameIgnoresItsDescription
   auto emptyKey = sampleOf({}, std::nullopt);
   emptyKey.format = key.format;
   EXPECT_EQ(assembled(emptyKey).payload, (Bytes{0, 0, 0, 1, 0x67, 0, 0, 0, 1, 0x68}));
-  EXPECT_EQ(assembled(sampleOf({}, true)).payload, Bytes{});
-  EXPECT_EQ(assembled(sampleOf({0, 0, 0, 1, 0x65}, false)).payload, (Bytes{0, 0, 0, 1, 0x65}));
+  EXPECT_EQ(assembled(sampleOf({}, false)).payload, Bytes{});
+  EXPECT_EQ(assembled(sampleOf({0, 0, 0, 1, 0x65}, true)).payload, (Bytes{0, 0, 0, 1, 0x65}));
 }
 
 TEST(AnnexB, AnyFailureEndsTheAssembly) {
@@ -113,7 +99,7 @@ TEST(AnnexB, AnyFailureEndsTheAssembly) {
   sample.data = std::make_shared<FakeBlockBuffer>(Bytes{0, 0, 0, 1, 9}, -12706);
   EXPECT_EQ(failure(sample), H264AnnexBError::blockBufferReadFailed(-12706));
   EXPECT_NE(failure(sample), H264AnnexBError::blockBufferReadFailed(-1));
-  EXPECT_EQ(failure(sampleOf({0, 0, 0, 1, 9, 0, 0, 0, 0}, true)).value(), Case::emptyNALUnit);
+  EXPECT_EQ(failure(sampleOf({0, 0, 0, 1, 9, 0, 0, 0, 0}, false)).value(), Case::emptyNALUnit);
 }
 
 }  // namespace

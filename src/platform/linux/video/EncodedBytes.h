@@ -1,7 +1,7 @@
 #pragma once
 
-#include <memory>
-#include <optional>
+#include <cstdint>
+#include <span>
 #include <vector>
 
 #include "platform/Bytes.h"
@@ -34,9 +34,18 @@ class ParameterSetDescription final : public VideoFormatDescription {
   std::vector<Bytes> sets_;
 };
 
-/// A sample in one piece of memory.
-std::shared_ptr<const EncodedSample> makeEncodedSample(Bytes units, bool isKeyframe,
-                                                       std::shared_ptr<const VideoFormatDescription> format,
-                                                       std::optional<std::int64_t> presentationMicroseconds);
+/// Bytes in the encoder's memory, until revoke(): whoever kept the sample too long reads nothing. Confined to
+/// the thread of the output handler.
+class BorrowedBlockBuffer final : public BlockBuffer {
+ public:
+  explicit BorrowedBlockBuffer(ByteView bytes) : bytes_(bytes) {}
+
+  std::size_t length() const override { return bytes_.size(); }
+  MediaStatus copy(std::size_t offset, std::span<std::uint8_t> destination) const override;
+  void revoke() { bytes_ = {}; }
+
+ private:
+  ByteView bytes_;
+};
 
 }  // namespace kestrune::linux_platform

@@ -46,7 +46,7 @@ MediaStatus SoftwareCompressionSession::encode(const SharedPixelBuffer& image,
       budget_->creditForFrame(presentationMicroseconds, 1'000'000 / settings_.expectedFrameRate);
   picture.creditKilobitsPerSecond = kilobits(credit * frameRate);
 
-  Encoded encoded = encodePicture(picture);
+  const Encoded encoded = encodePicture(picture);
   if (encoded.status != 0) {
     lastSequence_.reset();
     return encoded.status;
@@ -55,14 +55,25 @@ MediaStatus SoftwareCompressionSession::encode(const SharedPixelBuffer& image,
   budget_->noteEncoded(static_cast<std::int64_t>(encoded.units.size()) * 8,
                        picture.creditKilobitsPerSecond * 1000 / frameRate);
   keyframes_->noteEncoded(encoded.isKeyframe, presentationMicroseconds, isUnchanged);
-  if (!handler) return 0;
+  if (handler) deliver(encoded, presentationMicroseconds, handler);
+  return 0;
+}
+
+void SoftwareCompressionSession::deliver(const Encoded& encoded,
+                                         std::optional<std::int64_t> presentationMicroseconds,
+                                         const OutputHandler& handler) const {
   if (encoded.units.empty()) {
     handler(0, nullptr);
-  } else {
-    handler(0, makeEncodedSample(std::move(encoded.units), encoded.isKeyframe, format_,
-                                 presentationMicroseconds));
+    return;
   }
-  return 0;
+  const auto data = std::make_shared<BorrowedBlockBuffer>(encoded.units);
+  auto sample = std::make_shared<EncodedSample>();
+  sample->isKeyframe = encoded.isKeyframe;
+  sample->data = data;
+  sample->format = format_;
+  sample->presentationMicroseconds = presentationMicroseconds;
+  handler(0, std::move(sample));
+  data->revoke();
 }
 
 MediaStatus SoftwareCompressionSession::completeFrames() {

@@ -43,7 +43,9 @@ class SoftwareCompressionSession : public CompressionSession {
   };
   struct Encoded {
     MediaStatus status = 0;  // other than 0: the encoder took nothing
-    Bytes units;             // length-prefixed; empty if the encoder gave nothing for the picture
+    /// Length-prefixed, in the encoder's memory until its next call; empty if it gave nothing for the
+    /// picture.
+    ByteView units;
     bool isKeyframe = false;
   };
 
@@ -64,6 +66,9 @@ class SoftwareCompressionSession : public CompressionSession {
 
  private:
   enum class Stage { collecting, encoding, ended };
+
+  void deliver(const Encoded& encoded, std::optional<std::int64_t> presentationMicroseconds,
+               const OutputHandler& handler) const;
 
   CompressionSettings settings_;
   Stage stage_ = Stage::collecting;

@@ -4,7 +4,7 @@
 
 namespace kestrune::linux_platform {
 
-/// Statuses of compression sessions, with the numbers that the callers' platform documents (VTErrors.h).
+/// Why a compression session refuses. The numbers are part of the messages that users see and search for.
 inline constexpr MediaStatus kPropertyNotSupported = -12900;
 inline constexpr MediaStatus kParameterError = -12902;
 inline constexpr MediaStatus kInvalidSession = -12903;

@@ -158,7 +158,7 @@ SoftwareCompressionSession::Encoded X264CompressionSession::encodePicture(const 
     return encoded;
   }
   // The payloads of all units of a picture follow each other in memory.
-  if (size > 0) encoded.units.assign(units[0].p_payload, units[0].p_payload + size);
+  if (size > 0) encoded.units = ByteView(units[0].p_payload, static_cast<std::size_t>(size));
   encoded.isKeyframe = size > 0 && output.b_keyframe != 0;
   return encoded;
 }

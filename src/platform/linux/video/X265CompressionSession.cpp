@@ -142,9 +142,10 @@ SoftwareCompressionSession::Encoded X265CompressionSession::encodePicture(const 
     encoded.status = kVideoEncoderMalfunction;
     return encoded;
   }
-  for (std::uint32_t index = 0; produced > 0 && index < count; ++index) {
-    encoded.units.insert(encoded.units.end(), units[index].payload,
-                         units[index].payload + units[index].sizeBytes);
+  if (produced > 0 && count > 0) {
+    // The payloads of all units of a picture follow each other in memory.
+    const x265_nal& last = units[count - 1];
+    encoded.units = ByteView(units[0].payload, last.payload + last.sizeBytes);
   }
   encoded.isKeyframe = produced > 0 && IS_X265_TYPE_I(output.sliceType);
   return encoded;
