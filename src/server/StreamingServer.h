@@ -1,5 +1,7 @@
 #pragma once
 
+#include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <exception>
 #include <functional>
@@ -104,6 +106,8 @@ class StreamingServer final : public ViewerRoute, public std::enable_shared_from
   void updateRemoteCursorState(RemoteCursorState state) override;
   void updateHostDiagnostics(HostDiagnostics diagnostics) override;
   /// Sends the packet to the viewer, if there is one that can take it. The payload is shared, not copied.
+  /// While the queue stands still, as many packets wait for their turn as may wait for a viewer; those beyond
+  /// count as dropped for it.
   void broadcastVideo(EncodedVideoPacket packet) override;
   void broadcastAudio(AudioPCMChunk chunk) override;
 
@@ -182,7 +186,7 @@ class StreamingServer final : public ViewerRoute, public std::enable_shared_from
   void closeClient(const Client& client, WebSocketClose reason);
 
   // Outbound (StreamingServerOutbound.cpp)
-  void broadcastNow(const EncodedVideoPacket& packet);
+  void broadcastNow(const EncodedVideoPacket& packet, std::uint64_t lostBefore);
   void enqueue(OutboundSend send, const Client& client);
   void enqueueText(const std::string& text, const Client& client, OutboundKind kind = OutboundKind::message);
   void pump(const Client& client);
@@ -209,6 +213,9 @@ class StreamingServer final : public ViewerRoute, public std::enable_shared_from
   const std::shared_ptr<const Clock> clock_;
   const std::uint16_t port_;
   const std::string localURL_;
+
+  std::atomic<std::size_t> waitingPackets_{0};  // of broadcastVideo(), for their turn on queue_
+  std::atomic<std::uint64_t> lostPackets_{0};   // that found too many waiting, since the last that did not
 
   // Everything below belongs to queue_.
   StreamProfile activeProfile_ = StreamProfile::balanced;

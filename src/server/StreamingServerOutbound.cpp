@@ -40,17 +40,29 @@ void StreamingServer::updateHostDiagnostics(HostDiagnostics diagnostics) {
 }
 
 void StreamingServer::broadcastVideo(EncodedVideoPacket packet) {
-  postToSelf([packet = std::move(packet)](StreamingServer& server) { server.broadcastNow(packet); });
+  if (waitingPackets_ >= kVideoModeBudget.maxSends) {
+    ++lostPackets_;
+    return;
+  }
+  ++waitingPackets_;
+  postToSelf([packet = std::move(packet), lostBefore = lostPackets_.exchange(0)](StreamingServer& server) {
+    --server.waitingPackets_;
+    server.broadcastNow(packet, lostBefore);
+  });
 }
 
 void StreamingServer::broadcastAudio(AudioPCMChunk chunk) {
   audioStore_->append(std::move(chunk));
 }
 
-void StreamingServer::broadcastNow(const EncodedVideoPacket& packet) {
+void StreamingServer::broadcastNow(const EncodedVideoPacket& packet, std::uint64_t lostBefore) {
   videoStore_->append(packet);
   const auto viewer = activeViewer();
   if (!viewer) return;
+  if (lostBefore > 0) {
+    droppedOutboundFrames_ += lostBefore;
+    requestRecoveryKeyframe(*viewer);
+  }
   if (viewer->awaitingKeyframeAfterDrop) {
     if (!packet.isKeyframe) {
       ++droppedOutboundFrames_;

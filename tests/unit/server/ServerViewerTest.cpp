@@ -218,6 +218,22 @@ TEST_F(ServerViewerTest, ASlowViewerLosesTheOldestVideoAndRecoversAtAKeyframe) {
                           "video key 59"));
 }
 
+TEST_F(ServerViewerTest, PacketsForAStandingQueueAreBoundedAndItsViewerGoesOnAtAKeyframe) {
+  const auto viewer = connectViewer();
+  for (std::size_t index = 0; index < 100; ++index) {
+    server->broadcastVideo({std::make_shared<const Bytes>(1), index == 0, 0});
+  }
+  time->runReady();
+  EXPECT_EQ(received(viewer).size(), 90u);
+  EXPECT_THAT(seen(), IsEmpty());
+  broadcast(1, false);
+  EXPECT_THAT(seen(), ElementsAre("keyframe"));
+  EXPECT_EQ(snapshot().droppedOutboundFrames, 11u);
+  broadcast(2, true);
+  broadcast(3, false);
+  EXPECT_THAT(received(viewer), ElementsAre("video key 11", "video delta 12"));
+}
+
 TEST_F(ServerViewerTest, AFrameOverTheBudgetIsDroppedAloneAndAskedForAgain) {
   const auto viewer = connectViewer();
   enterControlMode(viewer);
