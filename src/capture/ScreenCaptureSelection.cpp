@@ -46,23 +46,16 @@ void ScreenCaptureService::selectFilter(const ContentFilter& filter, std::option
 }
 
 void ScreenCaptureService::select(SharedSelection selection) {
-  SelectionUpdate update;
-  update.next = std::move(selection);
-  {
-    const std::lock_guard guard(stateLock_);
-    update.generation = ++selectionGeneration_;
-    update.stream = stream_;
-    update.before = selection_;
-    nextSelection_ = stream_.platform ? update.next : nullptr;
-    if (!stream_.platform) selection_ = update.next;
-  }
-  if (!update.stream.platform) {
-    announce(update.next);
+  ++selectionGeneration_;
+  if (!stream_) {
+    selection_ = std::move(selection);
+    nextSelection_ = nullptr;
+    announce(selection_);
     return;
   }
-  deliver(&ScreenCaptureCallbacks::onControlTargetChanged, std::optional<RemoteControlTarget>());
-  const std::lock_guard guard(stateLock_);
-  update.previous = pendingSelectionUpdate_;
+  nextSelection_ = std::move(selection);
+  media_->deliver(&ScreenCaptureCallbacks::onControlTargetChanged, std::optional<RemoteControlTarget>());
+  SelectionUpdate update{stream_, selection_, nextSelection_, selectionGeneration_, pendingSelectionUpdate_};
   pendingSelectionUpdate_ =
       startTask(dependencies_.callbackQueue, runSelectionUpdate(shared_from_this(), std::move(update)));
 }
@@ -73,50 +66,43 @@ Task<void> ScreenCaptureService::runSelectionUpdate(std::shared_ptr<ScreenCaptur
   update.previous.reset();
 
   auto change = outcomeOf([&update](StreamCompletion completion) {
-    update.stream.platform->updateContentFilter(update.next->filter, std::move(completion));
+    update.stream->updateContentFilter(update.next->filter, std::move(completion));
   });
   const std::exception_ptr failure = co_await change;
-  bool isLatest = false;
-  bool hasOtherStream = false;
-  StreamSettings settings;
-  {
-    const std::lock_guard guard(self->stateLock_);
-    isLatest = self->selectionGeneration_ == update.generation;
-    hasOtherStream = self->stream_.platform && self->stream_.platform != update.stream.platform;
-    settings = self->settings_;
-    if (isLatest && !failure) self->selection_ = update.next;
-    if (isLatest) self->nextSelection_ = nullptr;
+  const bool isLatest = self->selectionGeneration_ == update.generation;
+  if (isLatest) {
+    if (!failure) self->selection_ = update.next;
+    self->nextSelection_ = nullptr;
+    self->announce(failure ? update.before : update.next);
   }
-  if (isLatest) self->announce(failure ? update.before : update.next);
   if (failure) {
-    self->reportError(
+    self->media_->reportError(
         std::make_exception_ptr(operationFailed("Unable to change the capture source: %@", failure)));
     co_return;
   }
-  if (hasOtherStream) {
+  if (self->stream_ && self->stream_ != update.stream) {
     // The stream was replaced meanwhile, by one of the selection before.
     if (isLatest) self->select(update.next);
     co_return;
   }
 
-  for (bool isSettled = false; !isSettled;) {
+  StreamSettings used;
+  do {
+    used = self->settings_;
     const auto configuration =
-        streamConfiguration(update.next->filter, settings.video.profile, settings.video.frameRate,
-                            settings.audioMode, settings.showsCursor, update.next->capturesProcessAudio);
+        streamConfiguration(update.next->filter, used.video.profile, used.video.frameRate, used.audioMode,
+                            used.showsCursor, update.next->capturesProcessAudio);
     auto resize = outcomeOf([&update, &configuration](StreamCompletion completion) {
-      update.stream.platform->updateConfiguration(configuration, std::move(completion));
+      update.stream->updateConfiguration(configuration, std::move(completion));
     });
     const std::exception_ptr refusal = co_await resize;
     if (refusal) {
-      self->reportError(std::make_exception_ptr(
+      self->media_->reportError(std::make_exception_ptr(
           operationFailed("Unable to resize the changed capture source: %@", refusal)));
       co_return;
     }
     // A change of the settings that was under way may have been overwritten.
-    const std::lock_guard guard(self->stateLock_);
-    const StreamSettings used = std::exchange(settings, self->settings_);
-    isSettled = self->stream_.platform != update.stream.platform || used == settings;
-  }
+  } while (self->stream_ == update.stream && used != self->settings_);
   self->requestKeyframe();
 }
 
@@ -131,38 +117,22 @@ ScreenCaptureService::SharedSelection ScreenCaptureService::following(
   return next;
 }
 
-/// The display may have changed since it was selected.
-ScreenCaptureService::SharedSelection ScreenCaptureService::selectionForStart(SharedSelection selection) {
-  SharedSelection present = following(selection);
-  if (!present) return selection;
-  {
-    const std::lock_guard guard(stateLock_);
-    if (selection_ != selection) return selection;  // start() takes the new one over
-    selection_ = present;
+ScreenCaptureService::SharedSelection ScreenCaptureService::followDisplay() {
+  if (SharedSelection present = following(selection_)) {
+    selection_ = std::move(present);
+    announce(selection_);
   }
-  announce(present);
-  return present;
-}
-
-void ScreenCaptureService::handleContentChanged(const std::shared_ptr<Link>& link) {
-  dependencies_.callbackQueue->post([weak = weak_from_this(), link] {
-    if (const auto self = weak.lock()) self->followContent(link);
-  });
+  return selection_;
 }
 
 /// Asks for pictures of the display's new shape: bars in them would count as part of the display for a viewer
 /// that points at something.
-void ScreenCaptureService::followContent(const std::shared_ptr<Link>& link) {
-  SharedSelection selection;
-  {
-    const std::lock_guard guard(stateLock_);
-    if (stream_.link != link) {
-      link->hasContentChanged = true;  // its start, if that is still under way, sees to it
-      return;
-    }
-    selection = nextSelection_ ? nextSelection_ : selection_;
+void ScreenCaptureService::followContent(const SharedLink& link) {
+  if (link_ != link) {
+    link->hasContentChanged = true;  // its start, if that is still under way, sees to it
+  } else if (auto present = following(newestSelection())) {
+    select(std::move(present));
   }
-  if (auto present = following(selection)) select(std::move(present));
 }
 
 void ScreenCaptureService::announce(const SharedSelection& selection) {
@@ -172,13 +142,12 @@ void ScreenCaptureService::announce(const SharedSelection& selection) {
     source = describeContent(selection->filter, selection->title);
     target = controlTargetOfContent(selection->filter, *dependencies_.displays);
   }
-  deliver(&ScreenCaptureCallbacks::onSourceChanged, std::move(source));
-  deliver(&ScreenCaptureCallbacks::onControlTargetChanged, target);
+  media_->deliver(&ScreenCaptureCallbacks::onSourceChanged, std::move(source));
+  media_->deliver(&ScreenCaptureCallbacks::onControlTargetChanged, target);
 }
 
 bool ScreenCaptureService::clearManagedSelection(DisplayID display) {
-  const std::lock_guard guard(stateLock_);
-  if (stream_.platform || isStarting_ || !selection_ || selection_->managedDisplay != display) return false;
+  if (stream_ || isStarting() || !selection_ || selection_->managedDisplay != display) return false;
   ++selectionGeneration_;
   selection_ = nullptr;
   nextSelection_ = nullptr;
@@ -186,13 +155,8 @@ bool ScreenCaptureService::clearManagedSelection(DisplayID display) {
 }
 
 std::optional<DisplayID> ScreenCaptureService::selectedDisplayID() const {
-  SharedSelection selection;
-  {
-    const std::lock_guard guard(stateLock_);
-    selection = selection_;
-  }
-  if (!selection || selection->managedDisplay) return std::nullopt;
-  return displayOfContent(selection->filter, *dependencies_.displays);
+  if (!selection_ || selection_->managedDisplay) return std::nullopt;
+  return displayOfContent(selection_->filter, *dependencies_.displays);
 }
 
 void ScreenCaptureService::pickerDidUpdate(const ContentFilter& filter) {
@@ -206,7 +170,8 @@ void ScreenCaptureService::pickerDidCancel() {
 
 void ScreenCaptureService::pickerStartDidFail(const std::exception_ptr& failure) {
   setPickerActive(false);
-  reportError(std::make_exception_ptr(operationFailed("Unable to show the screen picker: %@", failure)));
+  media_->reportError(
+      std::make_exception_ptr(operationFailed("Unable to show the screen picker: %@", failure)));
 }
 
 }  // namespace kestrune

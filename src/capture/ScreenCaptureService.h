@@ -1,49 +1,32 @@
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <exception>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 
 #include "capture/AudioSampleConverter.h"
-#include "capture/CaptureMetrics.h"
+#include "capture/CaptureMedia.h"
 #include "capture/CapturePreviewHub.h"
+#include "capture/ScreenCaptureCallbacks.h"
 #include "capture/StreamVideoEncoder.h"
-#include "model/CaptureSource.h"
-#include "model/RemoteControl.h"
 #include "platform/Displays.h"
 #include "platform/ScreenStream.h"
-#include "runtime/FailureLog.h"
 #include "runtime/Task.h"
 
 namespace kestrune {
-
-/// What the capture service tells its owner, all on the callback queue and in the order in which it happened.
-/// Any of them may be empty.
-struct ScreenCaptureCallbacks {
-  std::function<void(std::optional<CaptureSourceDescriptor> source)> onSourceChanged;
-  std::function<void(std::optional<RemoteControlTarget> target)> onControlTargetChanged;
-  std::function<void(EncodedVideoPacket packet)> onVideoPacket;
-  std::function<void(AudioPCMChunk chunk)> onAudioChunk;
-  std::function<void(StreamMetrics metrics)> onMetricsChanged;
-  /// A failure that the stream survives.
-  std::function<void(std::exception_ptr failure)> onError;
-  /// The stream ended by itself; an operationFailed.
-  std::function<void(std::exception_ptr failure)> onCaptureStopped;
-};
 
 /// Holds the one capture stream of the program: the selected source, the running stream of picture and sound,
 /// the encoder that its frames go to, and the counters. Source and stream survive changes of the video
 /// settings, of the selected content, and of the mode of the display that is shown.
 ///
-/// A plain object of its owner; make it with std::make_shared. The owner calls the operations from one queue
-/// at a time, and owns the callback queue at least as long. Those that wait for the system are tasks, which
-/// keep the service alive from their first turn on and throw KestruneError; everything else returns at once.
-/// setVideoEncodingEnabled(), requestKeyframe() and the questions may come from any thread.
+/// A plain object of its owner; make it with std::make_shared. Everything belongs to the callback queue,
+/// which the owner keeps at least as long; what may be called from any thread says so. Operations that wait
+/// for the system are tasks, which keep the service alive from their first turn on and throw KestruneError;
+/// everything else returns at once. What the system reports on its own threads is taken up on the callback
+/// queue.
 class ScreenCaptureService final : public std::enable_shared_from_this<ScreenCaptureService> {
  public:
   static constexpr const char* kVideoQueueLabel = "com.fennwick.Kestrune.capture.video";
@@ -55,7 +38,7 @@ class ScreenCaptureService final : public std::enable_shared_from_this<ScreenCap
     std::shared_ptr<const Clock> clock;
     std::shared_ptr<CompressionSessionFactory> compression;
     std::shared_ptr<PixelTransferFactory> pixelTransfer;
-    /// Every callback runs on it; the main queue in this program.
+    /// The owner's queue; the main queue in this program.
     std::shared_ptr<SerialQueue> callbackQueue;
     /// Makes the two capture queues and one queue for each encoder.
     std::function<std::shared_ptr<SerialQueue>(std::string label)> makeQueue;
@@ -79,7 +62,8 @@ class ScreenCaptureService final : public std::enable_shared_from_this<ScreenCap
   ScreenCaptureService(const ScreenCaptureService&) = delete;
   ScreenCaptureService& operator=(const ScreenCaptureService&) = delete;
 
-  void setCallbacks(ScreenCaptureCallbacks callbacks);
+  /// Once, before the first operation.
+  void setCallbacks(ScreenCaptureCallbacks callbacks) { media_->setCallbacks(std::move(callbacks)); }
 
   /// Selects a whole display, found by its identifier. `managed`: a display that the program made itself;
   /// `capturesProcessAudio`: the program's own sound belongs to the source. Throws operationFailed if the
@@ -100,23 +84,29 @@ class ScreenCaptureService final : public std::enable_shared_from_this<ScreenCap
   Task<void> start(StreamSettings settings);
   /// Changes quality without stopping the stream; without a stream the settings are kept for later. Throws
   /// operationFailed; the stream then goes on as before.
-  Task<void> updateVideoSettings(VideoSettings settings);
+  ///
+  /// `onAccepted` is called once when nothing can refuse the change any more, also where the stream has ended
+  /// meanwhile: behind the last packet of the old encoder, but for one that is being delivered at that
+  /// moment, and before the new encoder can give its first. It is not called for a change that fails, nor in
+  /// a task that was cancelled. It must not throw.
+  Task<void> updateVideoSettings(VideoSettings settings, std::function<void()> onAccepted = {});
   /// Ends the stream. Throws operationFailed if the system failed to; the stream is let go all the same.
   Task<void> stop();
-  bool isRunning() const;
+  bool isRunning() const { return stream_ != nullptr; }
   /// The encoder has failed, and given no packet since. Any thread.
-  bool isEncodingFailing() const { return isEncodingFailing_; }
+  bool isEncodingFailing() const { return media_->isEncodingFailing(); }
 
   /// Whether frames go to the encoder. Turning it on, also once more, gives a keyframe at the next frame, and
   /// asks for that frame.
   void setVideoEncodingEnabled(bool enabled);
   /// The next encoded frame is a keyframe; it is asked for, so that a still screen does not delay it.
-  void requestKeyframe();
+  /// Any thread.
+  void requestKeyframe() { media_->requestKeyframe(); }
 
-  /// The counters of the running stream, or of the last one.
-  StreamMetrics metrics() const { return metrics_.current(); }
+  /// The counters of the running stream, or of the last one. Any thread.
+  StreamMetrics metrics() const { return media_->metrics(); }
 
-  // What the system's picker reports, on the owner's queue.
+  // What the system's picker reports.
   void pickerDidUpdate(const ContentFilter& filter);
   void pickerDidCancel();
   void pickerStartDidFail(const std::exception_ptr& failure);
@@ -129,101 +119,57 @@ class ScreenCaptureService final : public std::enable_shared_from_this<ScreenCap
     bool capturesProcessAudio = false;
   };
   using SharedSelection = std::shared_ptr<const Selection>;
-  /// What the service shares with the outputs of one stream. It outlives the stream, so that a late call of
-  /// the stream's thread never holds the last reference to the stream itself.
-  struct Link {
-    std::atomic<bool> isOpen{true};
-    // Guarded by stateLock_, for a stream whose start is not through:
-    bool hasEnded = false;
-    std::exception_ptr failure;
-    bool hasContentChanged = false;
-  };
-  struct Stream {
-    std::shared_ptr<ScreenStream> platform;  // null: no stream
-    std::shared_ptr<Link> link;
-  };
+  using SharedStream = std::shared_ptr<ScreenStream>;
+  using SharedLink = std::shared_ptr<StreamLink>;
   /// One change of the source on its way.
   struct SelectionUpdate {
-    Stream stream;
+    SharedStream stream;
     SharedSelection before;
     SharedSelection next;
     std::uint64_t generation = 0;
     TaskHandle previous;
   };
-  /// How many values of one kind wait on the callback queue.
-  using Backlog = std::shared_ptr<std::atomic<int>>;
 
+  // Selection (ScreenCaptureSelection.cpp)
   static Task<void> runSelectionUpdate(std::shared_ptr<ScreenCaptureService> self, SelectionUpdate update);
   void select(SharedSelection selection);
   /// The selection with its display's present place and size; null if it says just that.
   SharedSelection following(const SharedSelection& selection) const;
-  void handleContentChanged(const std::shared_ptr<Link>& link);  // any thread
-  void followContent(const std::shared_ptr<Link>& link);
+  /// The same for the selection of a stream that is about to start; announces a new one.
+  SharedSelection followDisplay();
+  void followContent(const SharedLink& link);
   void announce(const SharedSelection& selection);
-  SharedSelection selectionForStart(SharedSelection selection);
-  Stream makeStream(const Selection& selection, const StreamSettings& settings);
+  /// The newest, whether its change is through or not.
+  const SharedSelection& newestSelection() const { return nextSelection_ ? nextSelection_ : selection_; }
+
+  SharedStream makeStream(const Selection& selection, const StreamSettings& settings, const SharedLink& link);
   std::shared_ptr<StreamVideoEncoder> makeEncoder(const VideoSettings& settings);
+  void adopt(SharedStream stream, SharedLink link, std::shared_ptr<StreamVideoEncoder> encoder,
+             StreamSettings settings);
+  /// Lets go of the running stream; gives it, to be ended.
+  SharedStream dropStream();
+  void publish();
+  void handleStreamStopped(const SharedLink& link, const std::exception_ptr& failure);
   void configurePicker(ScreenStream& stream);
   void setPickerActive(bool active);
-  void clearPreview();
-  /// Stops heeding a stream and ends it on the callback queue, since the caller may be the stream's thread.
-  void release(Stream stream);
-
-  void handleVideo(VideoSample sample);                 // on videoQueue_
-  void handleAudio(const AudioSample& sample);          // on audioQueue_
-  void handlePacket(const EncodedVideoPacket& packet);  // on the encoder's output thread
-  void handleStreamStopped(const std::shared_ptr<Link>& link, std::exception_ptr failure);  // any thread
-
-  void reportError(const std::exception_ptr& failure);
-  void reportMetrics(std::optional<StreamMetrics> snapshot);
-  template <class Value>
-  void deliver(std::function<void(Value)> ScreenCaptureCallbacks::*callback, Value value,
-               const Backlog& backlog = nullptr);
+  bool isStarting() const { return !starting_.expired(); }
 
   const Dependencies dependencies_;
-  const std::shared_ptr<SerialQueue> videoQueue_;
-  const std::shared_ptr<SerialQueue> audioQueue_;
-  const Backlog waitingPackets_ = std::make_shared<std::atomic<int>>(0);
-  const Backlog waitingChunks_ = std::make_shared<std::atomic<int>>(0);
-  std::atomic<bool> awaitsKeyframe_{false};  // packets were dropped: only a keyframe can follow
+  const std::shared_ptr<CaptureMedia> media_;
 
-  // Never held together with the lock of the metrics, nor across a call of the system or a callback.
-  mutable std::mutex stateLock_;
-  // Guarded by stateLock_:
-  std::shared_ptr<const ScreenCaptureCallbacks> callbacks_;
   SharedSelection selection_;
-  Stream stream_;
-  std::shared_ptr<StreamVideoEncoder> encoder_;  // set and cleared together with stream_
-  StreamSettings settings_;                      // of the running stream
-  bool isStarting_ = false;
-  bool videoEncodingEnabled_ = false;
-  bool audioErrorReported_ = false;
   /// Counts changes of the selection: a late result of an earlier one changes nothing.
   std::uint64_t selectionGeneration_ = 0;
   TaskHandle pendingSelectionUpdate_;
   SharedSelection nextSelection_;  // of the newest change that is not through
 
-  std::atomic<bool> isEncodingFailing_{false};
-  // Each has a lock of its own:
-  CaptureMetrics metrics_;
-  FailureLog failureLog_;
+  // Set and cleared together:
+  SharedStream stream_;
+  SharedLink link_;
+  std::shared_ptr<StreamVideoEncoder> encoder_;
+  StreamSettings settings_;  // of the running stream
+  bool videoEncodingEnabled_ = false;
+  std::weak_ptr<void> starting_;  // held by a start until it is through, or its task abandoned on any thread
 };
-
-template <class Value>
-void ScreenCaptureService::deliver(std::function<void(Value)> ScreenCaptureCallbacks::*callback, Value value,
-                                   const Backlog& backlog) {
-  std::shared_ptr<const ScreenCaptureCallbacks> callbacks;
-  {
-    const std::lock_guard guard(stateLock_);
-    callbacks = callbacks_;
-  }
-  if (!((*callbacks).*callback)) return;
-  if (backlog) ++*backlog;
-  dependencies_.callbackQueue->post(
-      [callbacks = std::move(callbacks), callback, value = std::move(value), backlog]() mutable {
-        if (backlog) --*backlog;
-        ((*callbacks).*callback)(std::move(value));
-      });
-}
 
 }  // namespace kestrune

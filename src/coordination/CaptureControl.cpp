@@ -26,7 +26,6 @@ Task<void> CaptureControl::startCapture() {
   isCapturing_ = true;
   joints_.onStarted();
   co_await checkCancellation();
-  if (joints_.isViewerConnected()) setVideoEncodingEnabled(true);
 }
 
 Task<void> CaptureControl::stopCapture() {

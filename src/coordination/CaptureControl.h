@@ -18,7 +18,6 @@ class CaptureControl {
     std::function<bool()> requirePermissions;
     /// Starts the stream with the present settings; throws.
     std::function<Task<void>()> startStream;
-    std::function<bool()> isViewerConnected;
     std::function<void()> onStarted;
     /// After every stopCapture(), also one that found nothing to stop.
     std::function<void()> onStopped;
@@ -31,8 +30,7 @@ class CaptureControl {
   /// A stopCapture() is under way; also in the turn between the end of the stream and its consequences.
   bool isStopping() const { return stopsUnderWay_ > 0; }
 
-  /// Starts with encoding off, but for a viewer that is there already. Throws KestruneError, or
-  /// CancellationError with the stream running.
+  /// Starts with encoding off. Throws KestruneError, or CancellationError with the stream running.
   Task<void> startCapture();
   /// Overlapping calls share one run. A failure is logged.
   Task<void> stopCapture();

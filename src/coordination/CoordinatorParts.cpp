@@ -116,7 +116,6 @@ CoordinatorParts::CoordinatorParts(const Platform& platform, std::shared_ptr<Ser
               {.requirePermissions = [this] { return permissions.require(); },
                // The viewer draws the pointer over a display by itself.
                .startStream = [this] { return liveSettings.startStream(!source.isDisplay()); },
-               .isViewerConnected = [this] { return viewers->isConnected().get(); },
                .onStarted =
                    [this] {
                      cursorSync->refreshCursorSync();

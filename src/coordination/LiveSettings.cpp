@@ -82,24 +82,32 @@ Task<void> LiveSettings::run() {
 Task<void> LiveSettings::apply(VideoSettings wanted) {
   const std::uint64_t generation = streamSettingsGeneration_;
   const bool wasCapturing = stream_.isCapturing();
+  // Another source, a teardown or the end of capture makes the outcome stale, good or bad.
+  const auto isStale = [this, generation, wasCapturing] {
+    return streamSettingsGeneration_ != generation || (wasCapturing && !stream_.isCapturing());
+  };
+  const auto accept = [this, wanted, isStale] {
+    if (isStale()) return;
+    settings_.setVideo(wanted);
+    announce();
+    errors_.clear();
+  };
   std::exception_ptr failure;
   try {
-    if (wasCapturing) co_await capture_->updateVideoSettings(wanted);
+    if (wasCapturing) {
+      Task<void> update = capture_->updateVideoSettings(wanted, accept);
+      co_await update;
+    }
     co_await checkCancellation();
+    if (!wasCapturing) accept();
   } catch (const CancellationError&) {
     throw;
   } catch (...) {
     failure = std::current_exception();
   }
-  // Another source, a teardown or the end of capture has made the outcome stale, good or bad.
-  if (streamSettingsGeneration_ != generation || (wasCapturing && !stream_.isCapturing())) co_return;
-  if (failure) {
-    errors_.report(failure);
-  } else {
-    settings_.setVideo(wanted);
-  }
-  announce();  // after a failure too: a viewer may already believe the new values
-  if (!failure) errors_.clear();
+  if (!failure || isStale()) co_return;
+  errors_.report(failure);
+  announce();  // a viewer may already believe the new values
 }
 
 Task<void> LiveSettings::startStream(bool showsCursor) {
@@ -116,7 +124,8 @@ Task<void> LiveSettings::catchUp(VideoSettings used) {
     const VideoSettings wanted = settings_.video();
     std::exception_ptr failure;
     try {
-      co_await capture_->updateVideoSettings(wanted);
+      Task<void> update = capture_->updateVideoSettings(wanted);
+      co_await update;
     } catch (const CancellationError&) {
       throw;
     } catch (...) {

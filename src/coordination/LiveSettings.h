@@ -16,8 +16,9 @@
 namespace kestrune {
 
 /// Brings changed settings into the running stream. Requests that come while one is applied are coalesced:
-/// the newest wins. A running stream changes first and the published settings follow; a change that the
-/// stream refuses leaves them as they are. Main queue only; its tasks need an owner that keeps it alive.
+/// the newest wins. A running stream changes first and the published settings follow, before the first
+/// picture of the new kind; a change that the stream refuses leaves them as they are. Main queue only; its
+/// tasks need an owner that keeps it alive.
 class LiveSettings {
  public:
   using VideoSettings = StoredSettings::VideoSettings;

@@ -72,7 +72,7 @@ void StreamCoordinator::connect() {
   parts_->viewerAddress.refresh();
 }
 
-/// The capture service calls back on the main queue already, in the order of the events.
+/// The capture service calls back on the main queue, but for media, which goes from its thread to the routes.
 void StreamCoordinator::wireCapture() {
   const std::shared_ptr<CoordinatorParts> parts(shared_from_this(), parts_.get());  // shares our life
   ScreenCaptureCallbacks callbacks;

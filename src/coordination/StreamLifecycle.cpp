@@ -115,8 +115,10 @@ Task<void> StreamLifecycle::captureBody() {
     failure = std::current_exception();
   }
   if (!failure) {
-    routes_->setState(RemoteStreamState::streaming);
-    phase_.set(joints_.isViewerConnected() ? Case::streaming : Case::remoteReady);
+    const bool hasViewer = joints_.isViewerConnected();
+    routes_->setState(RemoteStreamState::streaming);  // ahead of the first picture
+    if (hasViewer) capture_.setVideoEncodingEnabled(true);
+    phase_.set(hasViewer ? Case::streaming : Case::remoteReady);
     kLog.notice("Screen capture started from Remote Start standby");
     co_return;
   }
@@ -164,8 +166,8 @@ void StreamLifecycle::handleViewerChanged(bool isPresent) {
   const bool isStarting = phase_.value() == Case::starting;
   const bool hasSource = joints_.hasSource();  // without one there is no way out of `idle`
   if (isPresent && capture_.isCapturing()) {
+    routes_->setState(RemoteStreamState::streaming);  // ahead of the first picture
     capture_.setVideoEncodingEnabled(true);
-    routes_->setState(RemoteStreamState::streaming);
     phase_.set(Case::streaming);
   } else if (isPresent && isRemoteStartArmed_ && !isStarting) {
     routes_->setState(RemoteStreamState::armed);

@@ -139,12 +139,15 @@ class CoordinatorTest : public testing::Test {
     phases.clear();
     return viewer;
   }
-  /// One frame on its way from the screen to the encoder.
-  void showFrame() {
+  static VideoSample frame() {
     VideoSample sample;
     sample.image = makePixelBuffer(640, 320);
     sample.presentationMicroseconds = 1;
-    screen->latest()->sendVideo(sample);
+    return sample;
+  }
+  /// One frame on its way from the screen to the encoder.
+  void showFrame() {
+    screen->latest()->sendVideo(frame());
     time->runReady();
   }
   std::size_t framesAtEncoder() const {
