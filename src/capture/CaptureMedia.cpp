@@ -107,7 +107,7 @@ void CaptureMedia::handleVideo(VideoSample sample) {
 }
 
 void CaptureMedia::handlePacket(EncodedVideoPacket packet) {
-  if (isEncodingFailing_.exchange(false)) deliver(&ScreenCaptureCallbacks::onEncodingResumed);
+  isEncodingFailing_ = false;
   failureLog_.succeeded();
   reportMetrics(metrics_.countEncoded(packet.payload->size()));
   if (callbacks_->onVideoPacket) callbacks_->onVideoPacket(std::move(packet));

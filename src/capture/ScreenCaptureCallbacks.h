@@ -23,8 +23,6 @@ struct ScreenCaptureCallbacks {
   /// On the capture's audio queue.
   std::function<void(AudioPCMChunk chunk)> onAudioChunk;
   std::function<void(StreamMetrics metrics)> onMetricsChanged;
-  /// The encoder gives packets again; see ScreenCaptureService::isEncodingFailing().
-  std::function<void()> onEncodingResumed;
   /// A failure that the stream survives.
   std::function<void(std::exception_ptr failure)> onError;
   /// The stream ended by itself; an operationFailed.

@@ -72,7 +72,6 @@ class ScreenCaptureServiceTest : public ::testing::Test {
     callbacks.onVideoPacket = [this](const EncodedVideoPacket& packet) { packets.push_back(packet); };
     callbacks.onAudioChunk = [this](const AudioPCMChunk& chunk) { chunks.push_back(chunk); };
     callbacks.onMetricsChanged = [this](const StreamMetrics& metrics) { reports.push_back(metrics); };
-    callbacks.onEncodingResumed = [this] { events.emplace_back("encoding resumed"); };
     const auto note = [this](const char* what) {
       return [this, what](const std::exception_ptr& error) {
         events.push_back(what + localizedDescription(error));
