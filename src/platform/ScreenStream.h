@@ -45,7 +45,7 @@ struct ContentFilter {
 struct ScreenStreamConfiguration {
   int width = 0;                     // pixels
   int height = 0;                    // pixels
-  int minimumFrameIntervalFPS = 60;  // the interval is 1 / this many seconds
+  int minimumFrameIntervalFPS = 60;  // between changed pictures the interval is 1 / this many seconds
   int queueDepth = 3;                // frames that may be in use by the receiver at once
   PixelFormat pixelFormat = PixelFormat::biPlanar420VideoRange;
   bool sRGBColorSpace = true;

@@ -110,6 +110,18 @@ TEST(FramePacerTest, WakingLateDoesNotPutOffTheNextPicture) {
   EXPECT_EQ(pacer.earliest(), 132ms);
 }
 
+TEST(FramePacerTest, RepeatDoesNotPutOffTheNextChange) {
+  FramePacer pacer(16ms);
+  pacer.delivered(100ms, 1);
+  pacer.delivered(150ms, 0);
+  EXPECT_EQ(pacer.earliest(), 116ms);
+  EXPECT_EQ(pacer.earliestRepeat(), 166ms);
+  // Just after a repeat of the same instant a time must still rise.
+  pacer.delivered(200ms, 1);
+  pacer.delivered(216ms, 0);
+  EXPECT_EQ(pacer.timeOf(217ms), 217ms);
+}
+
 TEST(DrawingWatchTest, WaitsForThePiecesOnlyWherePicturesComeInPieces) {
   DrawingWatch watch;
   // In one go: never a wait.

@@ -140,7 +140,8 @@ std::optional<VideoSample> CaptureSession::next(Duration now, bool isRequested) 
   followLayout(now);
   if (now < drawingPause(isRequested).value_or(Duration::min())) return std::nullopt;
   if (missingSince_ || now < pacer_.earliest() || !pool_->isAvailable()) return std::nullopt;
-  const bool isRepeatDue = isRequested || now >= pacer_.nextRepeat().value_or(Duration::max());
+  const bool isRepeatDue =
+      now >= (isRequested ? pacer_.earliestRepeat() : pacer_.nextRepeat().value_or(Duration::max()));
   // A cursor that was moved by a program instead of a device is told of by nobody.
   const bool isCursorUnsure = configuration_.showsCursor && isRepeatDue;
   if (isChangePending() || isPointerCheckDue(now) || isCursorUnsure) {
@@ -161,11 +162,11 @@ std::optional<VideoSample> CaptureSession::next(Duration now, bool isRequested) 
 CaptureSession::Wait CaptureSession::wait(bool isRequested) const {
   Wait result;
   if (missingSince_) return {*missingSince_ + kMissingGrace, true};
-  const bool isPending = isChangePending() || isRequested || mustReadLayout_;
-  if (isPending) {
+  const bool isChanging = isChangePending() || mustReadLayout_;
+  if (isChanging || isRequested) {
     result.listensToServer = false;
     if (!pool_->isAvailable()) return result;
-    result.until = pacer_.earliest();
+    result.until = isChanging ? pacer_.earliest() : pacer_.earliestRepeat();
     if (const auto pause = drawingPause(isRequested); pause && *pause > *result.until) {
       return {pause, true};
     }

@@ -44,6 +44,7 @@ class FramePacer {
 
   /// A picture of `time` was delivered; `changedShare` is 0 for a repeat.
   void delivered(Duration time, double changedShare) {
+    if (changedShare > 0 || !lastChange_) lastChange_ = time;
     if (changedShare >= kSmallShare) {
       sharpenAfter(time, changedShare);
     } else if (changedShare > 0) {
@@ -62,18 +63,23 @@ class FramePacer {
   /// The picture just delivered was asked for, by somebody who begins with it: all of it is to be sharpened.
   void startedAnew() { sharpenAfter(*last_, 1); }
 
-  /// The time that a picture made at `now` counts for: these times are never less than the interval apart.
+  /// The time that a picture made at `now` counts for. These times rise, and those of pictures with changes
+  /// are never less than the interval apart.
   Duration timeOf(Duration now) const {
-    return last_ && now >= earliest() && now - earliest() < kWakeTolerance ? earliest() : now;
+    const bool isInTime = last_ && now >= earliest() && now - earliest() < kWakeTolerance;
+    return isInTime && earliest() > *last_ ? earliest() : now;
   }
 
-  /// No picture may go out before this.
-  Duration earliest() const { return last_ ? *last_ + interval_ : Duration::min(); }
+  /// No picture may go out before this. A repeat does not put off the change that comes just after it.
+  Duration earliest() const { return lastChange_ ? *lastChange_ + interval_ : Duration::min(); }
+
+  /// No repeat may go out before this, not even one that is asked for.
+  Duration earliestRepeat() const { return last_ ? *last_ + interval_ : Duration::min(); }
 
   /// When a repeat is due if nothing changes; nothing before the first picture.
   std::optional<Duration> nextRepeat() const {
     if (!last_) return std::nullopt;
-    return std::max(repeatDue().value_or(*last_ + kSignOfLife), earliest());
+    return std::max(repeatDue().value_or(*last_ + kSignOfLife), earliestRepeat());
   }
 
  private:
@@ -100,6 +106,7 @@ class FramePacer {
 
   Duration interval_;
   std::optional<Duration> last_;
+  std::optional<Duration> lastChange_;
   Duration largeChange_{};               // the last one
   Duration sharpening_{};                // how long after it the picture is repeated
   std::size_t nextRepeat_ = 0;           // of those after it
