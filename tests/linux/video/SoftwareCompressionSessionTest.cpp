@@ -291,6 +291,24 @@ TEST(H264Session, AStillPictureIsRefinedByItsRepeatsAndThenCostsNothing) {
   EXPECT_GT(last, first + 3);
 }
 
+TEST(H264Session, ASmallChangeIsCodedBeforeTheRestIsSharpenedFurther) {
+  Recording recording(1280, 720, StreamVideoCodec::h264, StreamFrameRate::fps60, StreamBitRate::low);
+  SyntheticScreen screen(1280, 720);
+  std::int64_t time = 0;
+  const auto sizeOf = [&](const SharedPixelBuffer& image) {
+    return recording.encode(image, time += 50'000).payload.size();
+  };
+  const auto still = screen.text(0);
+  sizeOf(still);
+  const std::size_t sharpening = sizeOf(screen.repeat(*still));
+  const std::size_t change = sizeOf(screen.caret(true));
+  EXPECT_LT(change * 8, sharpening);
+  // What never rests is sharpened all the same.
+  std::size_t largest = 0;
+  for (int frame = 0; frame < 4; ++frame) largest = std::max(largest, sizeOf(screen.caret(frame % 2 != 0)));
+  EXPECT_GT(largest, change * 8);
+}
+
 TEST(H264Session, WhatIsSaidToBeUnchangedStaysAndWhatChangedIsSeen) {
   Recording recording(640, 368, StreamVideoCodec::h264);
   SyntheticScreen screen(640, 368);

@@ -19,6 +19,13 @@ namespace {
 constexpr int kMacroblockSize = 16;
 constexpr float kMotionAllowance = 4.0F;  // in quantizer steps
 
+// A change of at most an eighth of the picture is coded alone, since coding what is still to be sharpened
+// along with it would make it wait twice as long. What changes all the time lets it in at every fourth
+// picture.
+constexpr std::ptrdiff_t kSmallChange = 8;
+constexpr int kMostPostponements = 3;
+constexpr float kCoarsest = 51.0F;  // quantizer steps: x264 leaves an unchanged block as it is
+
 void logMessage(void* /*context*/, int level, const char* format, va_list arguments) {
   std::array<char, 512> text{};
   const int length = std::vsnprintf(text.data(), text.size(), format, arguments);
@@ -146,6 +153,7 @@ SoftwareCompressionSession::Encoded X264CompressionSession::encodePicture(const 
   if (picture.changedSinceLast != nullptr) {
     markChanges(*picture.changedSinceLast);
     input.prop.mb_info = macroblockInfo_.data();
+    if (!picture.isKeyframe && postponesSharpening()) input.prop.quant_offsets = sharpeningOffsets_.data();
   }
 
   x264_picture_t output;
@@ -161,6 +169,23 @@ SoftwareCompressionSession::Encoded X264CompressionSession::encodePicture(const 
   if (size > 0) encoded.units = ByteView(units[0].p_payload, static_cast<std::size_t>(size));
   encoded.isKeyframe = size > 0 && output.b_keyframe != 0;
   return encoded;
+}
+
+/// Whether what has not changed waits for a later picture to be sharpened; the offsets then say so to x264.
+bool X264CompressionSession::postponesSharpening() {
+  const auto changed = std::count(macroblockInfo_.begin(), macroblockInfo_.end(), std::uint8_t{0});
+  const bool isSmall =
+      changed > 0 && changed * kSmallChange <= static_cast<std::ptrdiff_t>(macroblockInfo_.size());
+  if (!isSmall || postponements_ == kMostPostponements) {
+    postponements_ = 0;
+    return false;
+  }
+  ++postponements_;
+  sharpeningOffsets_.assign(macroblockInfo_.size(), 0.0F);
+  for (std::size_t index = 0; index < macroblockInfo_.size(); ++index) {
+    if (macroblockInfo_[index] != 0) sharpeningOffsets_[index] = kCoarsest;
+  }
+  return true;
 }
 
 void X264CompressionSession::markChanges(const std::vector<PixelRect>& changed) {

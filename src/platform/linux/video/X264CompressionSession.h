@@ -18,7 +18,8 @@ namespace kestrune::linux_platform {
 /// is thus refined by its repeats, and then costs nothing more; a pause saves no more than the bucket holds.
 ///
 /// Unchanged macroblocks are named to x264, which leaves them out of its analysis as soon as they have the
-/// quality that the picture is coded for.
+/// quality that the picture is coded for. A small change goes out alone; the rest is sharpened with the
+/// repeats.
 class X264CompressionSession final : public SoftwareCompressionSession {
  public:
   explicit X264CompressionSession(CompressionSettings settings);
@@ -32,6 +33,7 @@ class X264CompressionSession final : public SoftwareCompressionSession {
  private:
   void configure();
   MediaStatus collectParameterSets(std::vector<Bytes>& parameterSets);
+  bool postponesSharpening();
   void markChanges(const std::vector<PixelRect>& changed);
 
   std::unique_ptr<x264_param_t> parameters_;
@@ -39,7 +41,10 @@ class X264CompressionSession final : public SoftwareCompressionSession {
   std::int64_t frameNumber_ = 0;
   int macroblockColumns_;
   int macroblockRows_;
-  std::vector<std::uint8_t> macroblockInfo_;  // read by x264 during one encodePicture() call
+  // Read by x264 during one encodePicture() call.
+  std::vector<std::uint8_t> macroblockInfo_;
+  std::vector<float> sharpeningOffsets_;  // of the quantizer, by macroblock
+  int postponements_ = 0;                 // of sharpening, in a row
 };
 
 }  // namespace kestrune::linux_platform
