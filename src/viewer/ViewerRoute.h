@@ -34,8 +34,8 @@ class ViewerRoute {
   virtual void updateRemoteStreamState(RemoteStreamState state, std::optional<std::string> message) = 0;
   virtual void updateRemoteCursorState(RemoteCursorState state) = 0;
   virtual void updateHostDiagnostics(HostDiagnostics diagnostics) = 0;
-  /// Called on the threads that make the media, which must not wait: a route that is held up drops packets, and
-  /// goes on at a key frame that it asks for. The payload is shared, not copied.
+  /// Called on the threads that make the media, which must not wait: a route that is held up drops packets,
+  /// and goes on at a key frame that it asks for. The payload is shared, not copied.
   virtual void broadcastVideo(EncodedVideoPacket packet) = 0;
   virtual void broadcastAudio(AudioPCMChunk chunk) = 0;
 };

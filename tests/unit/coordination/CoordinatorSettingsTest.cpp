@@ -83,7 +83,8 @@ TEST_F(CoordinatorSettingsTest, WithoutCaptureAChangeIsStoredAndToldAtOnce) {
 
 TEST_F(CoordinatorSettingsTest, AViewerThatCannotDecodeH265GetsH264) {
   const auto viewer = streamToViewer();
-  // A frame that comes while the change is written finds no encoder yet whose picture could overtake the news.
+  // A frame that comes while the change is written finds no encoder yet whose picture could overtake the
+  // news.
   const auto watch = coordinator->videoCodec.observe([this](auto) { screen->latest()->video(frame()); });
   send(viewer, R"({"type":"codecFallback"})");
   EXPECT_EQ(framesAtEncoder(), 0u);
