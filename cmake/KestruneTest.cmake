@@ -1,9 +1,13 @@
 find_package(GTest REQUIRED)
 include(GoogleTest)
 
+set(KESTRUNE_ONCE_MORE ${CMAKE_SOURCE_DIR}/tests/support/once-more)
+
 # kestrune_add_test(<name> SOURCES <file>... LIBS <target>... [LABELS <label>...] [TIMEOUT <seconds>])
 # One executable of GoogleTest cases, registered with ctest as one test per executable: starting a process per
-# case costs more than the cases.
+# case costs more than the cases. Labels tell what it needs: "unit" (below tests/unit) and "rules" (the parts of an
+# adapter that use no service) run under the sanitizers too, and once; "linux" and "browser" need services of the
+# machine, and ./test gives those a second try that it counts.
 function(kestrune_add_test name)
   cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;LIBS;LABELS" ${ARGN})
   add_executable(${name} ${ARG_SOURCES})
@@ -13,14 +17,23 @@ function(kestrune_add_test name)
   target_include_directories(${name} PRIVATE ${CMAKE_SOURCE_DIR}/tests)
   target_link_libraries(${name} PRIVATE kestrune_options ${ARG_LIBS} kestrune_test_support GTest::gmock_main GTest::gtest)
   set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests)
-  add_test(NAME ${name} COMMAND ${name})
+  # The folder below tests/ is the label, unless the caller says "rules".
+  file(RELATIVE_PATH folder ${CMAKE_SOURCE_DIR}/tests ${CMAKE_CURRENT_SOURCE_DIR})
+  string(REGEX REPLACE "/.*" "" kind ${folder})
+  if("rules" IN_LIST ARG_LABELS)
+    set(kind rules)
+  endif()
+  set(command ${name})
+  if(kind STREQUAL "linux")
+    set(command ${KESTRUNE_ONCE_MORE} ${name} $<TARGET_FILE:${name}>)
+  else()
+    add_dependencies(sanitized_tests ${name})
+  endif()
+  add_test(NAME ${name} COMMAND ${command})
   if(NOT ARG_TIMEOUT)
     set(ARG_TIMEOUT 120)
   endif()
-  # The folder below tests/ is the label: unit, linux, browser.
-  file(RELATIVE_PATH folder ${CMAKE_SOURCE_DIR}/tests ${CMAKE_CURRENT_SOURCE_DIR})
-  string(REGEX REPLACE "/.*" "" kind ${folder})
-  set_tests_properties(${name} PROPERTIES LABELS "${kind};${ARG_LABELS}" TIMEOUT ${ARG_TIMEOUT})
+  set_tests_properties(${name} PROPERTIES LABELS ${kind} TIMEOUT ${ARG_TIMEOUT})
   if(kind STREQUAL "unit")
     add_dependencies(unit_tests ${name})
   endif()
