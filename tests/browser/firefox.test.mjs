@@ -9,7 +9,7 @@ import path from 'node:path';
 import { test } from 'node:test';
 import puppeteer from 'puppeteer-core';
 
-import { Client, Host, SoundServer, XServer, assertColours, near, pattern, pictureColours, waitFor } from './lab.mjs';
+import { Client, Host, SoundServer, XServer, assertColours, assertNoFaults, near, pattern, pictureColours, picturePoints, takeControl, waitFor, watchFaults } from './lab.mjs';
 
 const build = process.env.KESTRUNE_BUILD;
 assert.ok(build, 'KESTRUNE_BUILD names the build folder');
@@ -30,8 +30,7 @@ test('Firefox shows the picture, asks for a tap before the sound, and its clicks
   });
   try {
     const page = await firefox.newPage();
-    const faults = [];
-    page.on('pageerror', (error) => faults.push(error.message));
+    watchFaults(page);
     await page.evaluateOnNewDocument(() => document.addEventListener('pointerdown', () => {
       const { left, top, right, bottom } = document.getElementById('sound-prompt').getBoundingClientRect();
       window.firstTap = { sound: window.kestruneViewer.audio.state, prompt: [left, top, right, bottom] };
@@ -51,13 +50,11 @@ test('Firefox shows the picture, asks for a tap before the sound, and its clicks
     stopTone();
     await waitFor(async () => { assertColours(await pictureColours(page, await screenOf(page)), pattern); return true; });
 
-    await page.click('#mode-control');
-    await page.waitForFunction(() => window.kestruneViewer.stats.mode === 'control');
-    const picture = await page.evaluate(() => ({ ...window.kestruneViewer.pictureRect }));
-    await page.mouse.click(picture.left + 0.25 * picture.width, picture.top + 0.75 * picture.height);
+    await takeControl(page);
+    await page.mouse.click(...(await picturePoints(page))(0.25, 0.75));
     near(await client.line(/^press 1 /), 0.25 * width, 0.75 * height);
     near(await client.line(/^release 1 /), 0.25 * width, 0.75 * height);
-    assert.deepEqual(faults, []);
+    assertNoFaults();
   } finally {
     await firefox.close();
     await host.stop();

@@ -180,8 +180,8 @@ export class Host {
   }
 }
 
-/** A viewer without a decoder: it takes H.264, starts the stream and counts what arrives. */
-export async function connectViewer(host) {
+/** A viewer without a decoder: it takes over, starts the stream in this codec, and counts and hands on what arrives. */
+export async function connectViewer(host, { codec: wanted = 'h264', onFrame = () => {} } = {}) {
   const { WebSocket } = require('ws');
   const url = new URL(host.url);
   const socket = new WebSocket(`ws://${url.host}/stream`);
@@ -198,12 +198,13 @@ export async function connectViewer(host) {
         counts.frames += 1;
         counts.bytes += data.length;
         counts.keyframes += data[0];
+        onFrame(data);
         return;
       }
       const message = JSON.parse(String(data));
       if (message.type === 'streamSettings') {
         codec = message.codec;
-        if (codec === 'hevc') send({ type: 'codecFallback' });
+        if (codec !== wanted) send({ type: 'codecFallback' });
         else if (!asked) { asked = true; send({ type: 'startStream' }); }
       }
       if (message.type === 'streamState' && message.state === 'streaming') resolve();
@@ -225,21 +226,75 @@ export function processUse(pid) {
 }
 
 /** Headless Chromium as the machine has it; no service of its maker is asked for anything. */
-export function launchBrowser() {
+export function launchBrowser({ autoplay = 'no-user-gesture-required' } = {}) {
   const { chromium } = require('playwright-core');
   return chromium.launch({
     executablePath: '/usr/bin/chromium',
     args: ['--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run', '--disable-background-networking',
-      '--disable-component-update', '--disable-sync', '--autoplay-policy=no-user-gesture-required'],
+      '--disable-component-update', '--disable-sync', `--autoplay-policy=${autoplay}`],
   });
 }
 
-/** A page with the viewer, once it shows pictures. */
-export async function openViewer(browser, url, size = { width: 1200, height: 800 }) {
-  const page = await browser.newPage({ viewport: size });
+const faults = [];
+
+/** From now on, errors of the page and violations of its content security policy are faults. */
+export function watchFaults(page) {
+  page.on('pageerror', (error) => faults.push(error.message));
+  page.on('console', (entry) => {
+    if (/Content.Security.Policy/i.test(entry.text())) faults.push(entry.text());
+  });
+  return page;
+}
+
+/** Fails if a watched page had a fault since the last call. */
+export function assertNoFaults() { assert.deepEqual(faults.splice(0), []); }
+
+/** A page with the viewer, once it shows pictures; `prepare(page)` is called before it loads anything. */
+export async function openViewer(browser, url, { prepare = () => {}, ...options } = {}) {
+  const page = watchFaults(await browser.newPage({ viewport: { width: 1200, height: 800 }, ...options }));
+  await prepare(page);
   await page.goto(url);
   await waitForPictures(page);
   return page;
+}
+
+/** Of pages that it is attached to before they load: notes what passes between page and host, and can interfere. */
+export class Relay {
+  sent = []; // messages of the page, in order
+  frames = (body) => body; // what the page gets in place of a video frame; null for nothing
+  async attach(page) {
+    await page.routeWebSocket('**/stream', (toPage) => {
+      this.page = toPage;
+      const link = { isSilent: false };
+      this.link = link;
+      const host = toPage.connectToServer();
+      toPage.onMessage((text) => {
+        this.sent.push(JSON.parse(text));
+        if (!link.isSilent) host.send(text);
+      });
+      host.onMessage((data) => {
+        if (link.isSilent) return;
+        const passed = typeof data === 'string' ? data : this.frames(data);
+        if (passed !== null) toPage.send(passed);
+      });
+    });
+  }
+  of(type) { return this.sent.filter((message) => message.type === type); }
+  /** From now on this connection passes nothing, like one that died; the next one does. */
+  silence() { this.link.isSilent = true; }
+  /** Sends a message to the page in the place of the host. */
+  say(message) { this.page.send(JSON.stringify(message)); }
+}
+
+export async function takeControl(page) {
+  await page.click('#mode-control');
+  await page.waitForFunction(() => window.kestruneViewer.stats.mode === 'control');
+}
+
+/** Gives a viewport point that lies over the point (x, y), in 0...1, of the picture. */
+export async function picturePoints(page) {
+  const rect = await page.evaluate(() => ({ ...window.kestruneViewer.pictureRect }));
+  return (x, y) => [rect.left + x * rect.width, rect.top + y * rect.height];
 }
 
 /** Resolves when the page has shown a picture that it had not before. */

@@ -1,4 +1,4 @@
-// What changes while a stream runs: the settings by their file, the pointer, the host's figures, and the sound.
+// What changes while a stream runs: the settings by their file, the pointer, and the host's figures.
 //
 // usage: KESTRUNE_BUILD=<build folder> node --test tests/browser/live.test.mjs
 
@@ -6,7 +6,7 @@ import assert from 'node:assert/strict';
 import { readFileSync, renameSync, writeFileSync } from 'node:fs';
 import { after, before, test } from 'node:test';
 
-import { Client, Host, SoundServer, XServer, launchBrowser, listen, openViewer, sleep, waitFor } from './lab.mjs';
+import { Client, Host, XServer, assertNoFaults, launchBrowser, openViewer, sleep, waitFor } from './lab.mjs';
 
 const build = process.env.KESTRUNE_BUILD;
 assert.ok(build, 'KESTRUNE_BUILD names the build folder');
@@ -14,14 +14,13 @@ assert.ok(build, 'KESTRUNE_BUILD names the build folder');
 const width = 1600;
 const height = 1000;
 
-let sound; let server; let client; let host; let browser; let page; let motion;
+let server; let client; let host; let browser; let page; let motion;
 const sockets = [];
 
 before(async () => {
-  sound = await SoundServer.start();
   server = await XServer.start(width, height);
   client = await Client.start(build, server.display);
-  host = await Host.start(build, server.display, { 'stream.profile': 'balanced' }, { environment: sound.environment });
+  host = await Host.start(build, server.display, { 'stream.profile': 'balanced' });
   browser = await launchBrowser();
   browser.on('disconnected', () => clearInterval(motion));
   const context = await browser.newContext();
@@ -34,7 +33,7 @@ after(async () => {
   await host?.stop();
   client?.stop();
   server?.stop();
-  sound?.stop();
+  assertNoFaults();
 });
 
 const pictureWidth = () => page.evaluate(() => window.kestruneViewer.stats.width);
@@ -162,19 +161,4 @@ test('the pointer is drawn where it is on the display', async () => {
       return true;
     }, 5);
   }
-});
-
-test('a tone that is played on the host is heard in the page', async () => {
-  const stop = sound.playTone(1000, 0.5);
-  try {
-    await page.waitForFunction(() => window.kestruneViewer.audio.state === 'playing', null, { timeout: 10000 });
-    let heard;
-    await waitFor(async () => {
-      heard = await listen(page);
-      return Math.abs(heard.frequency - 1000) < 7 && Math.abs(heard.loudness - 0.5 / Math.SQRT2) < 0.02;
-    }, 10, () => `heard ${heard.frequency} Hz at ${heard.loudness}`);
-  } finally {
-    stop();
-  }
-  await waitFor(async () => (await listen(page)).loudness < 0.001);
 });

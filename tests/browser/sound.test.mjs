@@ -1,0 +1,134 @@
+// The host's sound in a real Chromium: what the page's own analyser hears of a tone that is played on the host.
+//
+// usage: KESTRUNE_BUILD=<build folder> node --test tests/browser/sound.test.mjs
+
+import assert from 'node:assert/strict';
+import { after, afterEach, before, beforeEach, test } from 'node:test';
+
+import { Host, SoundServer, XServer, assertNoFaults, connectViewer, launchBrowser, listen, waitFor, watchFaults } from './lab.mjs';
+
+const build = process.env.KESTRUNE_BUILD;
+assert.ok(build, 'KESTRUNE_BUILD names the build folder');
+
+const frequency = 1000;
+const level = 0.5;
+
+let sound; let server; let host; let browser; let page; let stopTone;
+let polls; // {after, authorized}, as the page asked
+let skip; // chunks that the next poll does not get
+
+before(async () => {
+  sound = await SoundServer.start();
+  server = await XServer.start(1280, 800);
+  browser = await launchBrowser({ autoplay: 'document-user-activation-required' });
+});
+after(async () => {
+  await browser?.close();
+  server?.stop();
+  sound?.stop();
+});
+
+beforeEach(async () => {
+  host = await Host.start(build, server.display, {}, { environment: sound.environment });
+  stopTone = sound.playTone(frequency, level);
+  polls = [];
+  skip = 0;
+  page = watchFaults(await browser.newPage({ viewport: { width: 1200, height: 800 } }));
+  await page.route('**/audio?*', (route) => {
+    const url = new URL(route.request().url());
+    const number = Number(url.searchParams.get('after'));
+    polls.push({ after: number, authorized: /^Bearer /.test(route.request().headers().authorization) });
+    url.searchParams.set('after', number + skip);
+    skip = 0;
+    return route.continue({ url: url.href });
+  });
+  await page.goto(host.url);
+  // Waited for at the host: a look into the page counts as the user's gesture.
+  await waitFor(async () => (await status()).viewer?.viewerFPS > 0, 20);
+});
+afterEach(async () => {
+  stopTone();
+  await page.unrouteAll({ behavior: 'ignoreErrors' });
+  await page.context().close();
+  await host.stop();
+  assertNoFaults();
+});
+
+async function status() {
+  const { origin, hash } = new URL(host.url);
+  return (await fetch(`${origin}/status`, { headers: { Authorization: `Bearer ${hash.slice(1)}` } })).json();
+}
+
+const state = (wanted) => page.waitForFunction((name) => window.kestruneViewer.audio.state === name, wanted, { timeout: 10000 });
+
+async function hearTone() {
+  await state('playing');
+  let heard;
+  await waitFor(async () => {
+    heard = await listen(page);
+    return Math.abs(heard.frequency - frequency) < 7 && Math.abs(heard.loudness - level / Math.SQRT2) < 0.02;
+  }, 10, () => `heard ${heard.frequency} Hz at ${heard.loudness}`);
+}
+
+const hearSilence = () => waitFor(async () => (await listen(page)).loudness < 1e-4, 5, () => 'it is not silent');
+
+async function unlock() {
+  await page.click('#sound-prompt');
+  await hearTone();
+}
+
+test('waits for a gesture and says so; then plays, in step with the picture, and tells the host', async () => {
+  assert.equal(polls.length, 0, 'nothing is fetched that cannot be heard');
+  await state('locked');
+  const box = await page.locator('#sound-prompt').boundingBox();
+  assert.ok(box.width >= 44 && box.height >= 44);
+  await unlock();
+  assert.equal(await page.locator('#sound-prompt').isVisible(), false);
+  assert.ok(polls.every(({ authorized }) => authorized));
+  assert.ok(polls[0].after > 0, 'begins at the live edge');
+  await waitFor(async () => {
+    const { audio, lipSyncMilliseconds } = await page.evaluate(() => window.kestruneViewer.stats);
+    assert.ok(audio.bufferMilliseconds > 40 && audio.bufferMilliseconds < 600, `${audio.bufferMilliseconds} ms held`);
+    assert.ok(Math.abs(lipSyncMilliseconds) < 40, `picture ${lipSyncMilliseconds} ms behind the sound`);
+    const { viewer } = await status();
+    return viewer.audioBufferMilliseconds > 40 && Number.isInteger(viewer.audioDriftMilliseconds);
+  });
+  stopTone();
+  await hearSilence();
+});
+
+test('is silent in control mode and when muted, and comes back at the live edge', async () => {
+  await unlock();
+  await page.click('#mode-control');
+  await state('off');
+  await hearSilence();
+  const { length } = polls;
+  await page.waitForTimeout(1500);
+  assert.equal(polls.length, length, 'no poll in control mode');
+  assert.equal(await page.evaluate(() => window.kestruneViewer.audio.contextState), 'suspended', 'the audio thread rests');
+  await page.click('#mode-video');
+  await hearTone();
+  assert.ok(polls[length].after > polls[length - 1].after + 50, 'what was missed is not fetched');
+  await page.click('#sound');
+  await state('muted');
+  await hearSilence();
+  await page.click('#sound');
+  await hearTone();
+});
+
+test('goes on after an interruption by the system, lost chunks, and a time without the stream', async () => {
+  await unlock();
+  await page.evaluate(() => window.kestruneViewer.audioAnalyser.context.suspend());
+  await state('interrupted');
+  assert.match(await page.locator('#sound-prompt').textContent(), /interrupted/);
+  await unlock();
+  const { gaps } = await page.evaluate(() => window.kestruneViewer.audio);
+  skip = 5;
+  await page.waitForFunction((before) => window.kestruneViewer.audio.gaps > before, gaps);
+  await hearTone();
+  const other = await connectViewer(host);
+  await state('off');
+  other.close();
+  await page.click('#card-primary');
+  await hearTone();
+});
