@@ -43,12 +43,12 @@ EndSection
 
 }  // namespace
 
-XServer::XServer(int width, int height, Kind kind) {
+XServer::XServer(int width, int height, Kind kind, const std::string& options) {
   const auto folder = folder_.path();
   if (kind == Kind::dummy) writeText(folder / "xorg.conf", dummyConfiguration(width, height));
   const auto number = folder / "number";
   const auto output = folder / "output";
-  server_ = std::make_unique<ChildProcess>(commandLine(kind, width, height, folder) +
+  server_ = std::make_unique<ChildProcess>(commandLine(kind, width, height, folder) + " " + options +
                                            " -displayfd 3 -nolisten tcp -noreset 3>" + number.string() +
                                            " >" + output.string() + " 2>&1");
   eventually([&] { return readText(number).ends_with('\n') || server_->hasEnded(); });

@@ -18,8 +18,10 @@ class XServer {
     dummy,  // Xorg with the dummy driver: RandR with outputs and modes
   };
 
+  /// `options` are those of the server's command line, such as "-extension RANDR" for a server without it.
   /// Throws std::runtime_error, with the server's own words, if it does not come up.
-  explicit XServer(int width = 1280, int height = 720, Kind kind = Kind::xvfb);
+  explicit XServer(int width = 1280, int height = 720, Kind kind = Kind::xvfb,
+                   const std::string& options = {});
   ~XServer() { kill(); }
 
   /// Such as ":1".

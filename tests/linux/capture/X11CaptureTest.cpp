@@ -14,8 +14,10 @@ constexpr std::uint32_t kGreen = 0x20c040;
 constexpr std::uint32_t kBlue = 0x1030e0;
 constexpr std::uint32_t kWhite = 0xffffff;
 
-TEST(X11CaptureTest, WhatIsPaintedComesOutInColourAndPlace) {
-  XServer server(640, 360);
+class X11CapturePictureTest : public ::testing::TestWithParam<const char*> {};
+
+TEST_P(X11CapturePictureTest, WhatIsPaintedComesOutInColourAndPlace) {
+  XServer server(640, 360, XServer::Kind::xvfb, GetParam());
   Painter painter(server.displayName());
   painter.fill({0, 0, 640, 360}, kBlue);
   painter.fill({100, 50, 200, 100}, kRed);
@@ -29,8 +31,21 @@ TEST(X11CaptureTest, WhatIsPaintedComesOutInColourAndPlace) {
            isColour(picture, 154, 82, kBlue) && isColour(picture, 100, 88, kBlue);
   };
   EXPECT_TRUE(receiver.waitForPicture(isRight));
+  painter.fill({0, 0, 640, 360}, kGreen);
+  EXPECT_TRUE(
+      receiver.waitForPicture([](const PixelBuffer& picture) { return isColour(picture, 52, 37, kGreen); }));
   EXPECT_EQ(receiver.stop(), "");
   EXPECT_EQ(receiver.stop(), "The stream is not running.");
+}
+
+INSTANTIATE_TEST_SUITE_P(WithAndWithoutSharedMemory, X11CapturePictureTest,
+                         ::testing::Values("", "-extension MIT-SHM"));
+
+TEST(X11CaptureTest, ADepthThatCannotBeReadIsRefused) {
+  XServer server(640, 360, XServer::Kind::xvfb, "-screen 0 640x360x16");
+  Receiver receiver(server.displayName(), sized(320, 180));
+  EXPECT_EQ(receiver.start(),
+            "The X display's pixel format (depth 16) cannot be captured; it needs a depth of 24.");
 }
 
 TEST(X11CaptureTest, ChangingScreenKeepsTheRateAndTheInterval) {

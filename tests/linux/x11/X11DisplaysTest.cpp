@@ -23,6 +23,33 @@ TEST(X11DisplaysTest, KeepsAnOutputsIdentifierThroughModeSwitches) {
   EXPECT_EQ(displays.mainDisplay(), mainDisplay);
 }
 
+TEST(X11DisplaysTest, FollowsOutputsAndModesOfXorg) {
+  XServer server(3840, 2160, XServer::Kind::dummy);
+  const X11Displays displays(std::make_shared<X11Server>(server.displayName()));
+  const auto mainDisplay = displays.mainDisplay();
+  ASSERT_TRUE(mainDisplay);
+  ASSERT_EQ(server.run("xrandr --addmode DUMMY1 1024x768"), 0);
+  ASSERT_EQ(server.run("xrandr --output DUMMY0 --mode 1280x720"
+                       " --output DUMMY1 --mode 1024x768 --right-of DUMMY0"),
+            0);
+  ASSERT_TRUE(eventually([&] { return displays.activeDisplays().size() == 2; }));
+  const DisplayID second = displays.activeDisplays().back();
+  EXPECT_TRUE(eventually([&] { return displays.bounds(second) == Rect{1280, 0, 1024, 768}; }));
+  EXPECT_EQ(displays.bounds(*mainDisplay), (Rect{0, 0, 1280, 720}));
+  ASSERT_EQ(server.run("xrandr --output DUMMY1 --off --output DUMMY0 --mode 1024x768"), 0);
+  EXPECT_TRUE(eventually([&] {
+    return displays.activeDisplays() == std::vector<DisplayID>{*mainDisplay} &&
+           displays.bounds(*mainDisplay) == Rect{0, 0, 1024, 768};
+  }));
+}
+
+TEST(X11DisplaysTest, WithoutRandrTheWholeScreenIsTheDisplay) {
+  XServer server(800, 600, XServer::Kind::xvfb, "-extension RANDR");
+  const X11Displays displays(std::make_shared<X11Server>(server.displayName()));
+  ASSERT_TRUE(displays.mainDisplay());
+  EXPECT_EQ(displays.bounds(*displays.mainDisplay()), (Rect{0, 0, 800, 600}));
+}
+
 TEST(X11DisplaysTest, GlobalPointsStartAtTheMainDisplay) {
   XServer server(1600, 600);
   const X11Displays displays(std::make_shared<X11Server>(server.displayName()));
