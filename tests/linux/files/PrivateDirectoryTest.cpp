@@ -1,7 +1,10 @@
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <atomic>
+#include <cerrno>
+#include <csignal>
 #include <system_error>
 #include <thread>
 #include <vector>
@@ -46,6 +49,23 @@ TEST_F(PrivateDirectoryTest, KeepsOthersOut) {
   EXPECT_EQ(directory.read("file", 6), bytes("secret"));
   EXPECT_EQ(directory.read("open", 10), bytes("x"));
   EXPECT_EQ(modeOf(path_ / "open"), 0600u);
+}
+
+TEST_F(PrivateDirectoryTest, AFullDiskLeavesTheOldFileAndTheNextWriteSucceeds) {
+  const PrivateDirectory directory(path_);
+  directory.write("file", bytes("old"));
+  rlimit before{};
+  getrlimit(RLIMIT_FSIZE, &before);
+  const auto handler = std::signal(SIGXFSZ, SIG_IGN);
+  const rlimit small{4, before.rlim_max};
+  setrlimit(RLIMIT_FSIZE, &small);
+  const int error = errorOf([&] { directory.write("file", bytes("much longer")); });
+  setrlimit(RLIMIT_FSIZE, &before);
+  std::signal(SIGXFSZ, handler);
+  EXPECT_EQ(error, EFBIG);
+  EXPECT_EQ(directory.read("file", 100), bytes("old"));
+  directory.write("file", bytes("much longer"));
+  EXPECT_EQ(directory.read("file", 100), bytes("much longer"));
 }
 
 TEST_F(PrivateDirectoryTest, FollowsNoLinks) {
