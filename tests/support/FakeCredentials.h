@@ -1,13 +1,12 @@
 #pragma once
 
-#include <algorithm>
 #include <atomic>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -16,7 +15,7 @@
 
 namespace kestrune {
 
-/// A credential helper in memory. Replies and failures come on threads of their own.
+/// A credential helper in memory. Replies and failures come within the call.
 class FakeCredentials final : public CredentialConnector,
                               public std::enable_shared_from_this<FakeCredentials> {
  public:
@@ -42,6 +41,10 @@ class FakeCredentials final : public CredentialConnector,
     std::lock_guard guard(lock_);
     items_[{service, account}] = Bytes(text.begin(), text.end());
   }
+  void removeItem(const std::string& service, const std::string& account) {
+    std::lock_guard guard(lock_);
+    items_.erase({service, account});
+  }
 
   std::atomic<Behaviour> behaviour{Behaviour::answer};
   /// In place of what an operation would give; a read then gives no data.
@@ -52,7 +55,6 @@ class FakeCredentials final : public CredentialConnector,
   std::vector<std::string> serviceNames;  // by one caller at a time
 
  private:
-  friend class FakeCredentialConnection;
   mutable std::mutex lock_;
   std::map<std::pair<std::string, std::string>, Bytes> items_;  // guarded by lock_
 };
@@ -60,23 +62,18 @@ class FakeCredentials final : public CredentialConnector,
 class FakeCredentialConnection final : public CredentialConnection, public CredentialHelperProtocol {
  public:
   explicit FakeCredentialConnection(std::shared_ptr<FakeCredentials> owner) : owner_(std::move(owner)) {}
-  ~FakeCredentialConnection() override {
-    for (auto& thread : threads_) thread.join();
-  }
 
   void setInvalidationHandler(std::function<void()> handler) override {
-    std::lock_guard guard(lock_);
     onInvalidation_ = std::move(handler);
   }
   void setInterruptionHandler(std::function<void()> handler) override {
-    std::lock_guard guard(lock_);
     onInterruption_ = std::move(handler);
   }
   void resume() override { ++owner_->openConnections; }
   void invalidate() override { --owner_->openConnections; }
   CredentialHelperProtocol* remoteObjectProxy(std::function<void()> errorHandler) override {
     onError_ = std::move(errorHandler);
-    return owner_->behaviour == FakeCredentials::Behaviour::noProxy ? nullptr : this;
+    return owner_->behaviour == Behaviour::noProxy ? nullptr : this;
   }
 
   void readCredential(const std::string& service, const std::string& account, ReadReply reply) override {
@@ -86,48 +83,37 @@ class FakeCredentialConnection final : public CredentialConnection, public Crede
                                     : data                  ? kCredentialSuccess
                                                             : kCredentialNotFound;
     if (status != 0 || owner_->omitsData) data.reset();
-    run([reply, data, status] { reply(data, status); });
+    finish([&] { reply(data, status); });
   }
   void writeCredential(const std::string& service, const std::string& account, const Bytes& data,
                        StatusReply reply) override {
     ++owner_->writes;
-    const CredentialStatus status = owner_->writeStatus;
-    if (status == 0) owner_->setItem(service, account, std::string(data.begin(), data.end()));
-    run([reply, status] { reply(status); });
+    if (owner_->writeStatus == 0) owner_->setItem(service, account, std::string(data.begin(), data.end()));
+    finish([&] { reply(owner_->writeStatus); });
   }
   void removeCredential(const std::string& service, const std::string& account, StatusReply reply) override {
-    CredentialStatus status = kCredentialSuccess;
-    {
-      std::lock_guard guard(owner_->lock_);
-      if (owner_->items_.erase({service, account}) == 0) status = kCredentialNotFound;
-    }
-    run([reply, status] { reply(status); });
+    const bool isFound = owner_->item(service, account).has_value();
+    owner_->removeItem(service, account);
+    finish([&] { reply(isFound ? kCredentialSuccess : kCredentialNotFound); });
   }
 
  private:
   using Behaviour = FakeCredentials::Behaviour;
 
-  void run(std::function<void()> answer) {
-    threads_.emplace_back([this, answer = std::move(answer), behaviour = owner_->behaviour.load()] {
-      if (behaviour == Behaviour::answer || behaviour == Behaviour::answerThenFail) answer();
-      if (behaviour == Behaviour::errorHandler) onError_();
-      if (behaviour == Behaviour::answer || behaviour == Behaviour::errorHandler) return;
-      if (behaviour != Behaviour::invalidate) call(onInterruption_);
-      if (behaviour != Behaviour::interrupt) call(onInvalidation_);
-      if (behaviour == Behaviour::failThenAnswer) answer();
-    });
-  }
-  void call(const std::function<void()>& handler) {
-    std::lock_guard guard(lock_);
-    if (handler) handler();
+  void finish(const std::function<void()>& answer) const {
+    const Behaviour behaviour = owner_->behaviour;
+    if (behaviour == Behaviour::answer || behaviour == Behaviour::answerThenFail) answer();
+    if (behaviour == Behaviour::errorHandler) onError_();
+    if (behaviour == Behaviour::answer || behaviour == Behaviour::errorHandler) return;
+    if (behaviour != Behaviour::invalidate) onInterruption_();
+    if (behaviour != Behaviour::interrupt) onInvalidation_();
+    if (behaviour == Behaviour::failThenAnswer) answer();
   }
 
   const std::shared_ptr<FakeCredentials> owner_;
-  std::mutex lock_;  // guards the next two; held through a call, so that clearing one waits for it
   std::function<void()> onInvalidation_;
   std::function<void()> onInterruption_;
   std::function<void()> onError_;
-  std::vector<std::thread> threads_;
 };
 
 inline std::unique_ptr<CredentialConnection> FakeCredentials::connect(const std::string& serviceName) {

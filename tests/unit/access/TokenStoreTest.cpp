@@ -2,6 +2,8 @@
 
 #include <array>
 #include <set>
+#include <thread>
+#include <vector>
 
 #include "access/TokenStore.h"
 #include "platform/support/ConstantTime.h"
