@@ -59,29 +59,25 @@ TEST_F(TokenStoreTest, TakesAStoredTokenOfTheRightFormOnly) {
 }
 
 TEST_F(TokenStoreTest, FailuresCarryTheirStatusAndLeaveNothing) {
-  random_->status = -50;
-  EXPECT_EQ(failure()->localizedDescription(), "Could not generate an access token (OSStatus -50).");
+  const auto failsWith = [this](auto& setting, auto value, const TokenStoreError& error) {
+    setting = value;
+    EXPECT_EQ(failure(), error);
+    setting = {};
+  };
+  failsWith(random_->status, -50, TokenStoreError::randomGenerationFailed(-50));
   EXPECT_EQ(helper_->writes, 0);
-  random_->status = 0;
-
-  helper_->behaviour = FakeCredentials::Behaviour::invalidate;
-  EXPECT_EQ(failure(), TokenStoreError::keychainFailure(kCredentialNotAvailable));
-  helper_->behaviour = FakeCredentials::Behaviour::answer;
-
-  helper_->readStatus = -25308;
-  EXPECT_EQ(failure()->localizedDescription(),
-            "Could not access the viewer token in Keychain (OSStatus -25308).");
-  helper_->readStatus = 0;
-
-  helper_->writeStatus = -61;
-  EXPECT_EQ(failure(), TokenStoreError::keychainFailure(-61));
-  helper_->writeStatus = 0;
-
-  helper_->omitsData = true;  // success without data
+  failsWith(helper_->behaviour, FakeCredentials::Behaviour::invalidate,
+            TokenStoreError::keychainFailure(kCredentialNotAvailable));
+  failsWith(helper_->readStatus, -25308, TokenStoreError::keychainFailure(-25308));
+  failsWith(helper_->writeStatus, -61, TokenStoreError::keychainFailure(-61));
   helper_->setItem(kService, kAccount, std::string(43, 'a'));
-  EXPECT_EQ(failure(), TokenStoreError::keychainFailure(0));
-  helper_->omitsData = false;
+  failsWith(helper_->omitsData, true, TokenStoreError::keychainFailure(0));
   EXPECT_EQ(CredentialHelperClient(helper_).removeCredential(kService, kAccount), 0);
+
+  EXPECT_EQ(TokenStoreError::randomGenerationFailed(-50).localizedDescription(),
+            "Could not generate an access token (OSStatus -50).");
+  EXPECT_EQ(TokenStoreError::keychainFailure(-25308).localizedDescription(),
+            "Could not access the viewer token in Keychain (OSStatus -25308).");
 
   // Nothing was cached on the way.
   EXPECT_EQ(store_.token().size(), 43u);

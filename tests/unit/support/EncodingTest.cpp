@@ -23,12 +23,6 @@ TEST(Encoding, Base64RoundTripsEveryLengthAndRefusesWhatIsNotCanonicalText) {
   EXPECT_FALSE(base64Decode(std::string_view("Zm\0v", 4)));
 }
 
-TEST(Encoding, Sha1IsThatOfTheHandshakeExample) {
-  // RFC 6455 §1.3
-  EXPECT_EQ(base64Encode(sha1(view("dGhlIHNhbXBsZSBub25jZQ==258EAFA5-E914-47DA-95CA-C5AB0DC85B11"))),
-            "s3pPLMBiTxaQ9kYGzzhZRbK+xOo=");
-}
-
 TEST(Encoding, Utf8IsStrictAndUtf16UsesSurrogatePairs) {
   EXPECT_EQ(utf16("\xC3\xBC \xE6\x97\xA5 \xF0\x9F\x91\x8B"), u"\u00FC \u65E5 \U0001F44B");
   for (const std::string_view text :
