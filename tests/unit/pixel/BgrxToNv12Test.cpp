@@ -208,6 +208,7 @@ TEST(BgrxToNv12Test, PartsEqualTheWholeAndBothKernelsAgree) {
   BgrxToNv12 converter(192, 108, 160, 90, Placement::letterbox);
   EXPECT_EQ(converter.destinationFor({192, 0, 5, 5}), PixelRect{});
   EXPECT_LE(converter.destinationFor({96, 54, 1, 1}).width, 32);
+  if (allKernels().size() == 1) GTEST_SKIP() << "no AVX2 here: only the portable kernel was compared";
 }
 
 }  // namespace
