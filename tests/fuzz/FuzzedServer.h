@@ -26,10 +26,7 @@ class FuzzedServer {
   std::shared_ptr<FakeTcpConnection> connect() { return network_->connect(); }
   std::shared_ptr<FakeTcpConnection> connectViewer() {
     auto connection = connect();
-    connection->deliver(
-        "GET /stream HTTP/1.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\nSec-WebSocket-Version: 13\r\n"
-        "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n\r\n" +
-        textFrame(R"({"type":"auth","token":"token"})"));
+    connection->deliver(kUpgradeRequest + textFrame(authMessage("token")));
     time_->runReady();
     connection->sent.clear();
     return connection;

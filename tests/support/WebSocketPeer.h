@@ -7,7 +7,17 @@
 
 namespace kestrune {
 
-/// The client's side of WebSocket framing, written for tests apart from the codec under test.
+/// The client's side of the WebSocket, written for tests apart from the code under test.
+
+/// RFC 6455 §1.3, with a list of connection options as browsers send it.
+inline constexpr const char* kUpgradeRequest =
+    "GET /stream HTTP/1.1\r\nHost: x\r\nUpgrade: websocket\r\nConnection: keep-alive, Upgrade\r\n"
+    "Sec-WebSocket-Version: 13\r\nSec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n\r\n";
+
+/// The first message of a viewer; `rest` are further members, each after a comma.
+inline std::string authMessage(const std::string& token, const std::string& rest = {}) {
+  return R"({"type":"auth","token":")" + token + "\"" + rest + "}";
+}
 
 /// A masked frame with `firstByte` (FIN and opcode) and a length in the shortest form, or in the 64-bit form.
 inline std::string maskedFrame(std::uint8_t firstByte, std::string_view payload, bool longLength = false) {

@@ -67,11 +67,9 @@ class HeadlessTest : public ::testing::Test {
 
   LoopbackPeer startStream(const std::string& token) const {
     LoopbackPeer viewer(port);
-    viewer.send(
-        "GET /stream HTTP/1.1\r\nHost: x\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
-        "Sec-WebSocket-Version: 13\r\nSec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n\r\n");
+    viewer.send(kUpgradeRequest);
     EXPECT_THAT(viewer.receiveTo("\r\n\r\n"), StartsWith("HTTP/1.1 101"));
-    viewer.send(textFrame(R"({"type":"auth","token":")" + token + "\"}"));
+    viewer.send(textFrame(authMessage(token)));
     viewer.send(textFrame(R"({"type":"codecFallback"})"));
     viewer.send(textFrame(R"({"type":"startStream"})"));
     return viewer;

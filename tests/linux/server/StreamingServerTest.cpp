@@ -69,10 +69,7 @@ ServerFrame readFrame(const LoopbackPeer& peer) {
 
 LoopbackPeer connectViewer(std::uint16_t port, int receiveBuffer = 0) {
   LoopbackPeer peer(port, receiveBuffer);
-  peer.send(
-      "GET /stream HTTP/1.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\nSec-WebSocket-Version: 13\r\n"
-      "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n\r\n" +
-      textFrame(R"({"type":"auth","token":"token"})"));
+  peer.send(kUpgradeRequest + textFrame(authMessage("token")));
   peer.receiveTo("\r\n\r\n");
   for (int greeting = 0; greeting < 4; ++greeting) readFrame(peer);
   return peer;

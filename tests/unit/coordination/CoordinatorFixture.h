@@ -92,12 +92,10 @@ class CoordinatorTest : public testing::Test {
 
   Viewer connectViewer() {
     auto viewer = network->connect();
-    viewer->deliver(
-        "GET /stream HTTP/1.1\r\nHost: x\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
-        "Sec-WebSocket-Version: 13\r\nSec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n\r\n");
+    viewer->deliver(kUpgradeRequest);
     time->runReady();
     viewer->sent.clear();
-    send(viewer, std::string(R"({"type":"auth","token":")") + kToken + "\"}");
+    send(viewer, authMessage(kToken));
     return viewer;
   }
   void send(const Viewer& viewer, const std::string& text) {

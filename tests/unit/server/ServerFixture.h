@@ -25,9 +25,6 @@ using testing::Not;
 using testing::StartsWith;
 
 inline constexpr const char* kToken = "abcdefghijklmnopqrstuvwxyz0123456789-_ABCDE";
-inline constexpr const char* kUpgradeRequest =
-    "GET /stream HTTP/1.1\r\nHost: x\r\nUpgrade: websocket\r\nConnection: keep-alive, Upgrade\r\n"
-    "Sec-WebSocket-Version: 13\r\nSec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n\r\n";
 
 inline std::string closeFrame(std::uint16_t code, const std::string& reason) {
   return std::string{static_cast<char>(code >> 8), static_cast<char>(code & 0xFF)} + reason;
@@ -130,9 +127,6 @@ class ServerTest : public testing::Test {
     events.clear();
     connection->sent.clear();
     return connection;
-  }
-  static std::string authMessage(const std::string& token, const std::string& rest = {}) {
-    return R"({"type":"auth","token":")" + token + "\"" + rest + "}";
   }
   void sendText(const Connection& connection, const std::string& text) {
     connection->deliver(textFrame(text));
