@@ -118,15 +118,11 @@ class StreamCoordinator final : public std::enable_shared_from_this<StreamCoordi
   TaskHandle startFlow(Task<void> flow);
   static Task<void> keepingAlive(std::shared_ptr<StreamCoordinator> self, Task<void> flow);
 
-  // The callbacks of the services (StreamCoordinatorWiring.cpp)
+  // Who takes the events of the services (StreamCoordinatorWiring.cpp)
+  class LocalViewerRequests;
   void connect();
   void wireCapture();
   void wireServer();
-  void wireRemoteControl();
-  template <class Body>
-  auto onMainQueue(Body body);
-  template <class Body>
-  auto onMainQueueWhileFew(Body body);
 };
 
 }  // namespace kestrune

@@ -3,10 +3,12 @@
 
 #include "coordination/CoordinatorParts.h"
 #include "coordination/StreamCoordinator.h"
+#include "coordination/ViewerInput.h"
 #include "input/RemoteControlService.h"
 #include "server/StreamingServer.h"
+#include "viewer/ViewerRequests.h"
 
-/// The table of callbacks from the services. Callbacks hold their targets weakly, so that no service keeps
+/// Who takes the events of the services. Callbacks hold their targets weakly, so that no service keeps
 /// another alive.
 namespace kestrune {
 namespace {
@@ -21,48 +23,69 @@ auto directly(const std::shared_ptr<Target>& target, Body body) {
   };
 }
 
-/// The same for a remote input, which answers eventFailed once its target is gone.
-template <class Body>
-auto input(const std::shared_ptr<RemoteControlService>& target, Body body) {
-  return [weak = std::weak_ptr<RemoteControlService>(target), body](auto&&... arguments) {
-    const auto alive = weak.lock();
-    return alive ? body(*alive, std::forward<decltype(arguments)>(arguments)...)
-                 : RemoteTapResult::eventFailed;
-  };
-}
-
 }  // namespace
 
-/// A callback for any thread: `body(parts, arguments...)` has a turn of its own on the main queue.
-template <class Body>
-auto StreamCoordinator::onMainQueue(Body body) {
-  return [queue = parts_->mainQueue, weak = weak_from_this(), body](auto... arguments) {
-    queue->post([weak, body, ... held = std::move(arguments)] {
-      if (const auto self = weak.lock()) body(*self->parts_, held...);
-    });
-  };
-}
+/// What the local viewer asks, from the server's queue. Most of it has a turn of its own on the main queue.
+class StreamCoordinator::LocalViewerRequests final
+    : public ViewerRequests,
+      public std::enable_shared_from_this<LocalViewerRequests> {
+ public:
+  LocalViewerRequests(std::weak_ptr<StreamCoordinator> owner, const CoordinatorParts& parts)
+      : owner_(std::move(owner)), mainQueue_(parts.mainQueue), captureService_(parts.captureService) {}
 
-/// The same for what a viewer can send as fast as the connection carries it: beyond kMostWaitingTurns waiting
-/// turns, which say the same, a further one is dropped.
-template <class Body>
-auto StreamCoordinator::onMainQueueWhileFew(Body body) {
-  return [queue = parts_->mainQueue, weak = weak_from_this(), body,
-          waiting = std::make_shared<std::atomic<int>>(0)](auto... arguments) {
-    if (*waiting >= kMostWaitingTurns) return;
-    ++*waiting;
-    queue->post([weak, body, waiting, ... held = std::move(arguments)] {
-      --*waiting;
-      if (const auto self = weak.lock()) body(*self->parts_, held...);
+  void onStreamStartRequested() override {
+    postWhileFew(starts_, [](auto& to) { to.startFlow(to.lifecycle.handleStreamStartRequest()); });
+  }
+  void onKeyframeRequested() override {
+    if (const auto capture = captureService_.lock()) capture->requestKeyframe();
+  }
+  void onStreamSettingsChanged(StreamProfile active, StreamFrameRate) override {
+    postWhileFew(settings_, [active](auto& to) { to.startFlow(to.liveSettings.takeViewerSettings(active)); });
+  }
+  void onVideoCodecFallbackRequested() override {
+    postWhileFew(fallbacks_, [](auto& to) { to.startFlow(to.liveSettings.fallBackToH264()); });
+  }
+  void onViewerTelemetry(const ViewerTelemetry& telemetry) override {
+    postWhileFew(reports_, [telemetry](auto& to) { to.telemetry->takeViewerTelemetry(telemetry); });
+  }
+  void onViewerConnectionChanged(bool connected, bool) override {
+    post([connected](auto& to) { to.viewers->handleLocalViewerChange(connected); });
+  }
+
+ private:
+  using WaitingTurns = std::atomic<int>;
+
+  template <class Body>
+  void post(Body body) {
+    mainQueue_->post([owner = owner_, body = std::move(body)] {
+      if (const auto self = owner.lock()) body(*self->parts_);
     });
-  };
-}
+  }
+  /// The same for what a viewer can send as fast as the connection carries it: beyond kMostWaitingTurns
+  /// waiting turns, which say the same, a further one is dropped.
+  template <class Body>
+  void postWhileFew(WaitingTurns& waiting, Body body) {
+    if (waiting >= kMostWaitingTurns) return;
+    ++waiting;
+    post([self = shared_from_this(), &waiting, body = std::move(body)](CoordinatorParts& to) {
+      --waiting;
+      body(to);
+    });
+  }
+
+  const std::weak_ptr<StreamCoordinator> owner_;
+  const std::shared_ptr<SerialQueue> mainQueue_;
+  const std::weak_ptr<ScreenCaptureService> captureService_;
+  WaitingTurns starts_ = 0;
+  WaitingTurns settings_ = 0;
+  WaitingTurns fallbacks_ = 0;
+  WaitingTurns reports_ = 0;
+};
 
 void StreamCoordinator::connect() {
   parts_->remoteControl->setEnabled(true);
   wireCapture();
   wireServer();
-  wireRemoteControl();
   parts_->preferences->observeExternalChanges(parts_->mainQueue, [weak = weak_from_this()](const auto& keys) {
     if (const auto self = weak.lock()) {
       self->parts_->liveSettings.takeEdited(keys, self->canChangeDisplayMode());
@@ -97,42 +120,9 @@ void StreamCoordinator::wireCapture() {
   parts_->captureService->setCallbacks(std::move(callbacks));
 }
 
-/// The server calls back on its own queue.
 void StreamCoordinator::wireServer() {
-  StreamingServer& server = *parts_->server;
-  server.onStreamStartRequested =
-      onMainQueueWhileFew([](auto& to) { to.startFlow(to.lifecycle.handleStreamStartRequest()); });
-  server.onViewerConnectionChanged =
-      onMainQueue([](auto& to, bool connected, bool) { to.viewers->handleLocalViewerChange(connected); });
-  server.onKeyframeRequested = directly(parts_->captureService, [](auto& to) { to.requestKeyframe(); });
-  server.onStreamSettingsChanged = onMainQueueWhileFew([](auto& to, StreamProfile active, StreamFrameRate) {
-    to.startFlow(to.liveSettings.takeViewerSettings(active));
-  });
-  server.onVideoCodecFallbackRequested =
-      onMainQueueWhileFew([](auto& to) { to.startFlow(to.liveSettings.fallBackToH264()); });
-  server.onViewerTelemetry = onMainQueueWhileFew(
-      [](auto& to, const auto& telemetry) { to.telemetry->takeViewerTelemetry(telemetry); });
-}
-
-/// Remote input goes from the server's queue straight into the system, past the main queue and its state.
-void StreamCoordinator::wireRemoteControl() {
-  const auto& control = parts_->remoteControl;
-  StreamingServer& server = *parts_->server;
-  using Phase = RemotePointerPhase;
-  server.onRemoteTap = input(control, [](auto& to, double x, double y) { return to.tap(x, y); });
-  server.onRemotePointer =
-      input(control, [](auto& to, Phase step, double x, double y) { return to.pointer(step, x, y); });
-  server.onRemoteMove = input(control, [](auto& to, double dx, double dy, double sensitivity) {
-    return to.move(dx, dy, sensitivity);
-  });
-  server.onRemoteClick = input(control, [](auto& to, RemoteMouseButton button) { return to.click(button); });
-  server.onRemoteButton = input(control, [](auto& to, bool down) { return to.setButton(down); });
-  server.onRemoteScroll = input(control, [](auto& to, double dx, double dy) { return to.scroll(dx, dy); });
-  server.onRemoteText = input(control, [](auto& to, const std::string& text) { return to.typeText(text); });
-  server.onRemoteKey = input(control, [](auto& to, const std::string& key) { return to.pressKey(key); });
-  server.onRemotePlayPause = input(control, [](auto& to) { return to.togglePlayPause(); });
-  server.onRemoteFullscreen = input(control, [](auto& to) { return to.pressKey("f"); });
-  server.onRemoteControlEnded = directly(control, [](auto& to) { to.releaseButton(); });
+  parts_->server->setHandlers(std::make_shared<ViewerInput>(parts_->remoteControl),
+                              std::make_shared<LocalViewerRequests>(weak_from_this(), *parts_));
 }
 
 }  // namespace kestrune

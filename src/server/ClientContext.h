@@ -10,6 +10,7 @@
 #include "runtime/SerialQueue.h"
 #include "server/ReceiveBuffer.h"
 #include "viewer/OutboundQueue.h"
+#include "viewer/ViewerSession.h"
 
 namespace kestrune {
 
@@ -46,12 +47,10 @@ struct ClientContext {
   bool discardsInput = false;
   bool hasFinishedSending = false;
   bool hasPeerEnded = false;  // the peer has ended its side while its last message is on its way
-  bool controlMode = false;   // false: video mode
-  bool videoPlaybackPaused = false;
+  /// The viewer's, from its admission on.
+  std::shared_ptr<ViewerSession> session;
   /// The page that this connection belongs to, if it said so.
   std::optional<std::string> viewerIdentifier;
-  std::optional<Duration> lastRemoteTapAt;
-  std::optional<Duration> lastRemotePointerMoveAt;
   bool closed = false;  // nothing more is read from it or queued for it
 };
 

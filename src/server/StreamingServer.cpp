@@ -37,6 +37,12 @@ StreamingServer::~StreamingServer() {
   });
 }
 
+void StreamingServer::setHandlers(std::shared_ptr<RemoteInput> input,
+                                  std::shared_ptr<ViewerRequests> requests) {
+  input_ = std::move(input);
+  requests_ = std::move(requests);
+}
+
 void StreamingServer::start(StartCompletion completion) {
   postToSelf([completion = std::move(completion)](StreamingServer& server) mutable {
     server.startListening(std::move(completion));
@@ -121,19 +127,20 @@ void StreamingServer::stopNow() {
   startCompletion_ = nullptr;
 
   const auto viewer = activeViewer();
-  const auto ending = viewer ? std::optional(endingOf(*viewer)) : std::nullopt;
+  const auto session = viewer ? viewer->session : nullptr;
   for (const auto& [id, client] : std::exchange(clients_, {})) disconnect(*client);
   viewerID_.reset();
   startedAt_.reset();
-  lastTelemetry_.reset();
   lastHostDiagnostics_.reset();
   droppedOutboundFrames_ = 0;
   bytesSent_ = 0;
   audioStore_->clear();
   videoStore_->clear();
 
-  if (ending && onViewerConnectionChanged) onViewerConnectionChanged(false, ending->wasPlaying);
-  if (ending && ending->endControl && onRemoteControlEnded) onRemoteControlEnded();
+  if (session) {
+    requests_->onViewerConnectionChanged(false, session->isPlaying());
+    session->endControl();
+  }
   kServerLog.notice("Local viewer server stopped");
 }
 
@@ -145,6 +152,7 @@ StreamingServerSnapshot StreamingServer::currentSnapshot() const {
   snapshot.storedVideoPackets = static_cast<std::int64_t>(videoStore_->count());
   if (const auto viewer = activeViewer()) {
     snapshot.outboundVideoFrames = static_cast<std::int64_t>(viewer->pendingSends.droppableCount());
+    snapshot.viewer = viewer->session->lastTelemetry();
   }
   snapshot.droppedOutboundFrames = droppedOutboundFrames_;
   snapshot.bytesSent = bytesSent_;
@@ -152,7 +160,6 @@ StreamingServerSnapshot StreamingServer::currentSnapshot() const {
     snapshot.uptimeSeconds =
         std::chrono::duration_cast<std::chrono::seconds>(clock_->continuousNow() - *startedAt_).count();
   }
-  snapshot.viewer = lastTelemetry_;
   return snapshot;
 }
 

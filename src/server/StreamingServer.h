@@ -4,7 +4,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <exception>
-#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -26,9 +25,11 @@
 #include "server/ViewerTokenSource.h"
 #include "server/WebSocketCodec.h"
 #include "viewer/AudioChunkStore.h"
+#include "viewer/RemoteInput.h"
 #include "viewer/VideoPacketStore.h"
-#include "viewer/ViewerControl.h"
+#include "viewer/ViewerRequests.h"
 #include "viewer/ViewerRoute.h"
+#include "viewer/ViewerSession.h"
 
 namespace kestrune {
 
@@ -37,7 +38,7 @@ namespace kestrune {
 ///
 /// All of its state, and that of its connections, belongs to the queue of its Network. The operations for the
 /// owner may be called from any thread; they take their turn on that queue, in the order of the calls.
-/// Callbacks and completions are called on that queue and must not block. Must be owned by a shared_ptr; work
+/// Handlers and completions are called on that queue and must not block. Must be owned by a shared_ptr; work
 /// under way does not keep the server alive. Its end cancels what is open.
 ///
 /// At most one authenticated viewer is active. A viewer that is slow loses video frames, oldest first, and is
@@ -48,8 +49,6 @@ class StreamingServer final : public ViewerRoute, public std::enable_shared_from
   static constexpr std::uint16_t kDefaultPort = 8080;
 
   using SnapshotCompletion = MoveOnlyFunction<void(StreamingServerSnapshot)>;
-  /// May be called once, from any thread, also after the viewer or the server has gone.
-  using IssueReportCompletion = std::function<void(ViewerIssueReportResult)>;
 
   StreamingServer(std::shared_ptr<Network> network, std::shared_ptr<const Bundle> bundle,
                   std::shared_ptr<ViewerTokenSource> tokenSource, std::shared_ptr<AudioChunkStore> audioStore,
@@ -59,32 +58,10 @@ class StreamingServer final : public ViewerRoute, public std::enable_shared_from
   StreamingServer(const StreamingServer&) = delete;
   StreamingServer& operator=(const StreamingServer&) = delete;
 
-  // Callbacks, all optional, set once by the owner before start(). Coordinates are normalized to what the
-  // viewer sees, (0, 0) at its top left, and unchecked; so are texts and keys.
-  std::function<void()> onStreamStartRequested;
-  std::function<void()> onKeyframeRequested;
-  std::function<RemoteTapResult(double x, double y)> onRemoteTap;
-  std::function<RemoteTapResult(RemotePointerPhase phase, double x, double y)> onRemotePointer;
-  std::function<RemoteTapResult(double dx, double dy, double sensitivity)> onRemoteMove;
-  std::function<RemoteTapResult(RemoteMouseButton button)> onRemoteClick;
-  std::function<RemoteTapResult(bool down)> onRemoteButton;
-  std::function<RemoteTapResult(double dx, double dy)> onRemoteScroll;
-  std::function<RemoteTapResult(const std::string& text)> onRemoteText;
-  std::function<RemoteTapResult(const std::string& key)> onRemoteKey;
-  std::function<RemoteTapResult()> onRemotePlayPause;
-  std::function<RemoteTapResult()> onRemoteFullscreen;
-  std::function<RemoteTapResult()> onRemoteOpenChrome;
-  std::function<RemoteTapResult()> onRemoteResetBrowser;
-  /// With the active settings, not those that the viewer asked for.
-  std::function<void(StreamProfile profile, StreamFrameRate frameRate)> onStreamSettingsChanged;
-  std::function<void()> onVideoCodecFallbackRequested;
-  /// The viewer's control mode has ended, by its wish or with its connection.
-  std::function<void()> onRemoteControlEnded;
-  std::function<void(const ViewerTelemetry& telemetry)> onViewerTelemetry;
-  std::function<void(const ViewerIssueReportRequest& request, IssueReportCompletion completion)>
-      onIssueReportRequested;
-  /// `wasPlaying` is meant for a disconnect: the viewer was in video mode and had not paused.
-  std::function<void(bool connected, bool wasPlaying)> onViewerConnectionChanged;
+  /// Set once by the owner before start(). Held while the server lives. A server without them has nobody to
+  /// take input or requests, and answers so (RemoteInput, ViewerRequests). An exception out of them ends the
+  /// connection that it concerns.
+  void setHandlers(std::shared_ptr<RemoteInput> input, std::shared_ptr<ViewerRequests> requests);
 
   /// "http://127.0.0.1:8080" with the port of construction. Any thread.
   const std::string& localURL() const { return localURL_; }
@@ -113,12 +90,6 @@ class StreamingServer final : public ViewerRoute, public std::enable_shared_from
 
  private:
   using Client = std::shared_ptr<ClientContext>;
-
-  /// What end and stop tell the owner of a viewer that goes.
-  struct ViewerEnding {
-    bool wasPlaying;
-    bool endControl;
-  };
 
   /// A handler that takes a Server& and a const Client& before its own arguments, and does nothing once
   /// either has gone. An exception out of it ends the client.
@@ -152,7 +123,6 @@ class StreamingServer final : public ViewerRoute, public std::enable_shared_from
   /// Cuts the connection and everything that waits on it.
   static void disconnect(ClientContext& client);
   void viewerEnded(ClientContext& client);
-  static ViewerEnding endingOf(const ClientContext& client);
   /// Nothing more is read from the client or queued for it.
   static void markClosed(ClientContext& client);
   /// Sends the last message of a closed client and then ends it; behind a close frame not before the peer has
@@ -199,7 +169,7 @@ class StreamingServer final : public ViewerRoute, public std::enable_shared_from
   void sendHostDiagnostics(const Client& client);
 
   // Control (StreamingServerControl.cpp)
-  struct ControlDispatch;
+  struct Channel;
   /// Any thread.
   void answerIssueReport(ClientID id, ViewerIssueReportResult result);
   void handleTextFrame(ByteView payload, const Client& client);
@@ -217,10 +187,12 @@ class StreamingServer final : public ViewerRoute, public std::enable_shared_from
   std::atomic<std::size_t> waitingPackets_{0};  // of broadcastVideo(), for their turn on queue_
   std::atomic<std::uint64_t> lostPackets_{0};   // that found too many waiting, since the last that did not
 
+  // Written before start() alone, never null.
+  std::shared_ptr<RemoteInput> input_ = std::make_shared<RemoteInput>();
+  std::shared_ptr<ViewerRequests> requests_ = std::make_shared<ViewerRequests>();
+
   // Everything below belongs to queue_.
-  StreamProfile activeProfile_ = StreamProfile::balanced;
-  StreamFrameRate activeFrameRate_ = StreamFrameRate::fps60;
-  StreamVideoCodec activeVideoCodec_ = StreamVideoCodec::h264;
+  ViewerChannel::ActiveSettings activeSettings_;
   RemoteCursorState remoteCursorState_;
   RemoteStreamState remoteStreamState_ = RemoteStreamState::armed;
   std::optional<std::string> remoteStreamMessage_;
@@ -232,7 +204,6 @@ class StreamingServer final : public ViewerRoute, public std::enable_shared_from
   std::optional<Duration> startedAt_;
   DelayedWork closingSweep_;  // one for all closed clients: a timer each would outlive most of them
   AuthenticationRateLimiter rateLimiter_;
-  std::optional<ViewerTelemetry> lastTelemetry_;
   std::optional<HostDiagnostics> lastHostDiagnostics_;
   std::uint64_t droppedOutboundFrames_ = 0;
   std::uint64_t bytesSent_ = 0;

@@ -67,13 +67,14 @@ bool StreamingServer::recordRefusal() {
 void StreamingServer::admitViewer(const Client& client) {
   viewerID_ = client->id;
   client->state = ClientContext::State::webSocketAuthenticated;
+  client->session = std::make_shared<ViewerSession>(kLocalSessionRules, input_, requests_);
   enqueueText(authenticatedMessage(audioStore_->latestSequence()), client);
   sendStreamSettings(client, false);
   sendCursorState(client);
   sendStreamState(client);
   sendHostDiagnostics(client);
-  if (onViewerConnectionChanged) onViewerConnectionChanged(true, false);
-  if (onKeyframeRequested) onKeyframeRequested();
+  requests_->onViewerConnectionChanged(true, false);
+  requests_->onKeyframeRequested();
   kServerLog.notice("Authenticated viewer connected");
 }
 

@@ -118,16 +118,11 @@ void StreamingServer::disconnect(ClientContext& client) {
 
 void StreamingServer::viewerEnded(ClientContext& client) {
   if (viewerID_ != client.id) return;
-  const auto ending = endingOf(client);
-  if (ending.endControl && onRemoteControlEnded) onRemoteControlEnded();
+  const bool wasPlaying = client.session->isPlaying();
+  client.session->endControl();
   viewerID_.reset();
-  lastTelemetry_.reset();
-  if (onViewerConnectionChanged) onViewerConnectionChanged(false, ending.wasPlaying);
+  requests_->onViewerConnectionChanged(false, wasPlaying);
   kServerLog.notice("Viewer disconnected");
-}
-
-StreamingServer::ViewerEnding StreamingServer::endingOf(const ClientContext& client) {
-  return {!client.controlMode && !client.videoPlaybackPaused, client.controlMode};
 }
 
 void StreamingServer::sendLast(const Client& client, GatheredBytes message, bool countsAsSent) {

@@ -10,9 +10,7 @@ namespace kestrune {
 void StreamingServer::updateStreamSettings(StreamProfile profile, StreamFrameRate frameRate,
                                            StreamVideoCodec codec) {
   postToSelf([=](StreamingServer& server) {
-    server.activeProfile_ = profile;
-    server.activeFrameRate_ = frameRate;
-    server.activeVideoCodec_ = codec;
+    server.activeSettings_ = {profile, frameRate, codec};
     if (const auto viewer = server.activeViewer()) server.sendStreamSettings(viewer, true);
   });
 }
@@ -79,7 +77,8 @@ void StreamingServer::broadcastNow(const EncodedVideoPacket& packet, std::uint64
 
 void StreamingServer::enqueue(OutboundSend send, const Client& client) {
   if (client->closed) return;
-  const auto budget = client->controlMode ? kControlModeBudget : kVideoModeBudget;
+  const auto budget =
+      client->session && client->session->isInControlMode() ? kControlModeBudget : kVideoModeBudget;
   const bool isDroppable = send.isDroppable();
   const auto result = client->pendingSends.append(std::move(send), budget);
   switch (result.outcome) {
@@ -143,11 +142,12 @@ void StreamingServer::purgeDroppable(ClientContext& client) {
 void StreamingServer::requestRecoveryKeyframe(ClientContext& client) {
   if (client.awaitingKeyframeAfterDrop) return;
   client.awaitingKeyframeAfterDrop = true;
-  if (onKeyframeRequested) onKeyframeRequested();
+  requests_->onKeyframeRequested();
 }
 
 void StreamingServer::sendStreamSettings(const Client& client, bool reconfigured) {
-  enqueueText(streamSettingsMessage(activeProfile_, activeFrameRate_, activeVideoCodec_, reconfigured,
+  const auto& active = activeSettings_;
+  enqueueText(streamSettingsMessage(active.profile, active.frameRate, active.codec, reconfigured,
                                     audioStore_->latestSequence()),
               client);
 }

@@ -58,7 +58,9 @@ Outcome readMode(const JsonValue& object) {
 }
 
 Outcome readTap(const JsonValue& object) {
-  return viewer_command::Tap{positionFields(object)};
+  const auto position = positionFields(object);
+  if (!position) return std::nullopt;
+  return viewer_command::Tap{*position};
 }
 
 Outcome readPointer(const JsonValue& object) {
@@ -135,6 +137,11 @@ Outcome readTelemetry(const JsonValue& object) {
   return ViewerTelemetry{*fps, *decode, *videoBuffer, *audioBuffer, *audioDrift, *reconnects, *target};
 }
 
+Outcome readPing(const JsonValue& object) {
+  const auto* sentAt = object.find("sentAt");
+  return viewer_command::Ping{sentAt && sentAt->number() ? std::optional(*sentAt) : std::nullopt};
+}
+
 bool isViewerIdentifier(std::string_view text) {
   constexpr std::size_t kLength = 22;  // 16 bytes
   return text.size() == kLength && std::all_of(text.begin(), text.end(), [](char c) {
@@ -163,7 +170,7 @@ Outcome readIssueReport(const JsonValue& object) {
   return ViewerIssueReportRequest{*reportId, *category, *symptom};
 }
 
-constexpr std::array<std::pair<std::string_view, Reader>, 19> kReaders{{
+constexpr std::array<std::pair<std::string_view, Reader>, 20> kReaders{{
     {"keyframe", readPlain<viewer_command::Keyframe>},
     {"mode", readMode},
     {"tap", readTap},
@@ -182,7 +189,8 @@ constexpr std::array<std::pair<std::string_view, Reader>, 19> kReaders{{
     {"codecFallback", readPlain<viewer_command::CodecFallback>},
     {"telemetry", readTelemetry},
     {"issueReport", readIssueReport},
-    {"ping", readPlain<viewer_command::Ping>},
+    {"startStream", readPlain<viewer_command::StartStream>},
+    {"ping", readPing},
 }};
 
 }  // namespace

@@ -12,7 +12,7 @@
 namespace kestrune {
 
 /// The viewer's messages: JSON objects with a string "type". What each does, in which mode and how often, is
-/// the server's business; here they are read.
+/// ViewerSession's business; here they are read.
 
 /// The largest control message, in bytes.
 inline constexpr std::size_t kMaximumControlMessage = 16'384;
@@ -49,7 +49,7 @@ struct Mode {
   bool control = false;
 };
 struct Tap {
-  std::optional<Position> position;  // without one it only counts for the spacing
+  Position position;
 };
 struct Pointer {
   RemotePointerPhase phase;
@@ -80,10 +80,13 @@ struct PlayPause {};
 struct Fullscreen {};
 struct OpenChrome {};
 struct ResetBrowser {};
-/// A wish; only its validity counts.
+/// Only its validity counts.
 struct StreamSettings {};
 struct CodecFallback {};
-struct Ping {};
+struct StartStream {};
+struct Ping {
+  std::optional<JsonValue> sentAt;  // a number
+};
 
 }  // namespace viewer_command
 
@@ -93,7 +96,7 @@ using ViewerCommand =
                  viewer_command::Text, viewer_command::Key, viewer_command::PlayPause,
                  viewer_command::Fullscreen, viewer_command::OpenChrome, viewer_command::ResetBrowser,
                  viewer_command::StreamSettings, viewer_command::CodecFallback, ViewerTelemetry,
-                 ViewerIssueReportRequest, viewer_command::Ping>;
+                 ViewerIssueReportRequest, viewer_command::StartStream, viewer_command::Ping>;
 
 /// A message of an authenticated viewer; nothing, which means to be ignored, if its type is not known or a
 /// field is missing, of a wrong type or out of its range.

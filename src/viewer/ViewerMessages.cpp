@@ -10,9 +10,10 @@ std::string_view jsonBoolean(bool value) {
   return value ? "true" : "false";
 }
 
-/// Ends a message with the audio number.
-std::string withAudioSequence(std::string text, std::uint64_t audioSequence) {
-  return text.append(",\"audioSequence\":").append(std::to_string(audioSequence)).append("}");
+/// Ends a message with the audio number, if there is one.
+std::string withAudioSequence(std::string text, std::optional<std::uint64_t> audioSequence) {
+  if (audioSequence) text.append(",\"audioSequence\":").append(std::to_string(*audioSequence));
+  return text.append("}");
 }
 
 }  // namespace
@@ -22,7 +23,7 @@ std::string authenticatedMessage(std::uint64_t audioSequence) {
 }
 
 std::string streamSettingsMessage(StreamProfile profile, StreamFrameRate frameRate, StreamVideoCodec codec,
-                                  bool reconfigured, std::uint64_t audioSequence) {
+                                  bool reconfigured, std::optional<std::uint64_t> audioSequence) {
   std::string text = R"({"type":"streamSettings","quality":")";
   text.append(rawValue(profile)).append(R"(","fps":)").append(std::to_string(framesPerSecond(frameRate)));
   text.append(R"(,"codec":")").append(rawValue(codec));
@@ -66,7 +67,7 @@ std::string hostDiagnosticsMessage(const HostDiagnostics& diagnostics) {
   });
 }
 
-std::string modeMessage(bool control, std::uint64_t audioSequence) {
+std::string modeMessage(bool control, std::optional<std::uint64_t> audioSequence) {
   std::string text = R"({"type":"mode","mode":")";
   text.append(control ? "control" : "video").append("\"");
   return withAudioSequence(std::move(text), audioSequence);
@@ -77,7 +78,7 @@ std::string resultMessage(std::string_view type, RemoteTapResult result) {
   return text.append(type).append(R"(","result":")").append(rawValue(result)).append(R"("})");
 }
 
-std::string playPauseResultMessage(RemoteTapResult result, std::uint64_t audioSequence) {
+std::string playPauseResultMessage(RemoteTapResult result, std::optional<std::uint64_t> audioSequence) {
   auto text = resultMessage("playPauseResult", result);
   text.pop_back();
   return withAudioSequence(std::move(text), audioSequence);
@@ -89,7 +90,8 @@ std::string issueReportResultMessage(const ViewerIssueReportResult& result) {
   return serializeJson(std::move(object));
 }
 
-std::string pongMessage() {
+std::string pongMessage(const std::optional<JsonValue>& sentAt) {
+  if (sentAt) return serializeJson(JsonValue::Object{{"type", "pong"}, {"sentAt", *sentAt}});
   return R"({"type":"pong"})";
 }
 

@@ -43,6 +43,12 @@ class FuzzedServer {
     std::string token() override { return "token"; }
   };
 
+  struct Input final : RemoteInput {
+    RemoteTapResult onRemoteTap(double, double) override { return RemoteTapResult::clicked; }
+    RemoteTapResult onRemoteText(const std::string&) override { return RemoteTapResult::clicked; }
+    RemoteTapResult onRemotePlayPause() override { return RemoteTapResult::clicked; }
+  };
+
   /// The server ends a connection whose handler throws, and goes on; here that is a find.
   struct FailureSink final : LogSink {
     void write(LogLevel, std::string_view, std::string_view, std::string_view message) override {
@@ -52,11 +58,7 @@ class FuzzedServer {
 
   FuzzedServer() {
     setLogSink(std::make_shared<FailureSink>());
-    const auto clicked = [](auto&&...) { return RemoteTapResult::clicked; };
-    server_->onRemoteTap = clicked;
-    server_->onRemoteText = clicked;
-    server_->onRemoteKey = clicked;
-    server_->onRemotePlayPause = clicked;
+    server_->setHandlers(std::make_shared<Input>(), std::make_shared<ViewerRequests>());
     server_->start([](std::exception_ptr) {});
     time_->runReady();
   }

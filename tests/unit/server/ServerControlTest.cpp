@@ -24,7 +24,6 @@ class ServerControlTest : public ServerTest {
 constexpr const char* kTap = R"({"type":"tap","x":0.25,"y":1})";
 constexpr const char* kPlayPause = R"({"type":"playPause"})";
 constexpr const char* kTapClicked = R"({"type":"tapResult","result":"clicked"})";
-constexpr const char* kTapDisplayRequired = R"({"type":"tapResult","result":"displayRequired"})";
 
 const std::vector<std::pair<std::string, std::string>> kQuietControl{
     {R"({"type":"move","dx":1,"dy":-2.5,"sensitivity":2})", "move 1 -2.5 2"},
@@ -59,10 +58,6 @@ TEST_F(ServerControlTest, FailuresOfControlAreTold) {
     EXPECT_THAT(send(text), ElementsAre(event, R"({"type":"tapResult","result":"permissionRequired"})"))
         << text;
   }
-  server->onRemoteKey = nullptr;
-  server->onRemotePointer = nullptr;
-  EXPECT_THAT(send(R"({"type":"key","key":"enter"})"), ElementsAre(kTapDisplayRequired));
-  EXPECT_THAT(send(R"({"type":"pointer","phase":"down","x":0,"y":0})"), ElementsAre(kTapDisplayRequired));
 }
 
 TEST_F(ServerControlTest, BadFieldsAreIgnored) {
@@ -214,12 +209,7 @@ TEST_F(ServerControlTest, IssueReportsAreAnsweredWhenTheyAreDone) {
   };
   EXPECT_THAT(send(report("1000", "audio")),
               ElementsAre(R"({"type":"issueReportResult","reportId":"1000"})"));
-  StreamingServer::IssueReportCompletion finish;
-  server->onIssueReportRequested = [&](const ViewerIssueReportRequest& request,
-                                       StreamingServer::IssueReportCompletion completion) {
-    events.push_back(request.reportId + " " + request.category + " " + request.symptom);
-    finish = std::move(completion);
-  };
+  takesReports = true;
   const std::string longWord(65, 'a');
   for (const auto* id : {"0999", "10000", "12a4"}) EXPECT_THAT(send(report(id, "audio")), IsEmpty()) << id;
   for (const auto& category : {std::string(), std::string("Audio"), longWord}) {
@@ -227,15 +217,15 @@ TEST_F(ServerControlTest, IssueReportsAreAnsweredWhenTheyAreDone) {
   }
   EXPECT_THAT(send(report("9999", std::string(64, 'a'))),
               ElementsAre("9999 " + std::string(64, 'a') + " no_sound"));
-  finish({"9999", 42});
+  finishReport({"9999", 42});
   time->runReady();
   EXPECT_THAT(received(viewer),
               ElementsAre(R"({"type":"issueReportResult","reportId":"9999","issueNumber":42})"));
   connectViewer();
   received(viewer);
-  finish({"9999", 43});
+  finishReport({"9999", 43});
   server.reset();
-  finish({"9999", 44});
+  finishReport({"9999", 44});
   time->runReady();
   EXPECT_THAT(received(viewer), IsEmpty());
 }

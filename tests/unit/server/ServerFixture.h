@@ -39,56 +39,96 @@ class FixedTokenSource final : public ViewerTokenSource {
   }
 };
 
-/// A started server, with every callback noted in `events`.
-class ServerTest : public testing::Test {
+/// What a server's handlers were asked, one line each.
+struct HandlerLog {
+  RemoteTapResult result = RemoteTapResult::clicked;  // of every input
+  std::vector<std::string> events;
+  bool takesReports = false;
+  IssueReportCompletion finishReport;
+  std::exception_ptr textFailure;  // thrown by onRemoteText()
+
+  static std::string numbers(std::string text, std::initializer_list<double> values) {
+    for (const double value : values) text += " " + testing::PrintToString(value);
+    return text;
+  }
+  RemoteTapResult note(std::string event) {
+    events.push_back(std::move(event));
+    return result;
+  }
+};
+
+class NotedInput final : public RemoteInput {
+ public:
+  explicit NotedInput(HandlerLog& log) : log_(log) {}
+  RemoteTapResult onRemoteTap(double x, double y) override { return log_.note(log_.numbers("tap", {x, y})); }
+  RemoteTapResult onRemotePointer(RemotePointerPhase phase, double x, double y) override {
+    return log_.note(log_.numbers("pointer " + std::string(rawValue(phase)), {x, y}));
+  }
+  RemoteTapResult onRemoteMove(double dx, double dy, double sensitivity) override {
+    return log_.note(log_.numbers("move", {dx, dy, sensitivity}));
+  }
+  RemoteTapResult onRemoteClick(RemoteMouseButton button) override {
+    return log_.note("click " + std::string(rawValue(button)));
+  }
+  RemoteTapResult onRemoteButton(bool down) override { return log_.note(down ? "button down" : "button up"); }
+  RemoteTapResult onRemoteScroll(double dx, double dy) override {
+    return log_.note(log_.numbers("scroll", {dx, dy}));
+  }
+  RemoteTapResult onRemoteText(const std::string& text) override {
+    if (log_.textFailure) std::rethrow_exception(log_.textFailure);
+    return log_.note("text " + text);
+  }
+  RemoteTapResult onRemoteKey(const std::string& key) override { return log_.note("key " + key); }
+  RemoteTapResult onRemotePlayPause() override { return log_.note("playPause"); }
+  RemoteTapResult onRemoteFullscreen() override { return log_.note("fullscreen"); }
+  RemoteTapResult onRemoteOpenChrome() override { return log_.note("openChrome"); }
+  RemoteTapResult onRemoteResetBrowser() override { return log_.note("resetBrowser"); }
+  void onRemoteControlEnded() override { log_.note("controlEnded"); }
+
+ private:
+  HandlerLog& log_;
+};
+
+class NotedRequests final : public ViewerRequests {
+ public:
+  explicit NotedRequests(HandlerLog& log) : log_(log) {}
+  void onStreamStartRequested() override { log_.note("start"); }
+  void onKeyframeRequested() override { log_.note("keyframe"); }
+  void onStreamSettingsChanged(StreamProfile profile, StreamFrameRate rate) override {
+    log_.note("settings " + std::string(rawValue(profile)) + " " + std::to_string(framesPerSecond(rate)));
+  }
+  void onVideoCodecFallbackRequested() override { log_.note("codecFallback"); }
+  void onViewerTelemetry(const ViewerTelemetry& telemetry) override {
+    log_.note(log_.numbers("telemetry", {telemetry.viewerFPS, static_cast<double>(telemetry.reconnects)}));
+  }
+  bool onIssueReportRequested(const ViewerIssueReportRequest& request,
+                              IssueReportCompletion completion) override {
+    if (!log_.takesReports) return false;
+    log_.note(request.reportId + " " + request.category + " " + request.symptom);
+    log_.finishReport = std::move(completion);
+    return true;
+  }
+  void onViewerConnectionChanged(bool connected, bool wasPlaying) override {
+    log_.note(std::string(connected ? "connected" : "disconnected") + (wasPlaying ? " playing" : ""));
+  }
+
+ private:
+  HandlerLog& log_;
+};
+
+/// A started server, with everything that its handlers are asked noted in `events`.
+class ServerTest : public testing::Test, public HandlerLog {
  protected:
   using Connection = std::shared_ptr<FakeTcpConnection>;
 
   ServerTest() {
-    const auto note = [this](std::string event) { events.push_back(std::move(event)); };
-    const auto noteResult = [this, note](std::string event) {
-      note(std::move(event));
-      return result;
-    };
-    server->onStreamStartRequested = [note] { note("start"); };
-    server->onKeyframeRequested = [note] { note("keyframe"); };
-    server->onRemoteTap = [noteResult](double x, double y) { return noteResult(numbers("tap", {x, y})); };
-    server->onRemotePointer = [noteResult](RemotePointerPhase phase, double x, double y) {
-      return noteResult(numbers("pointer " + std::string(rawValue(phase)), {x, y}));
-    };
-    server->onRemoteMove = [noteResult](double dx, double dy, double sensitivity) {
-      return noteResult(numbers("move", {dx, dy, sensitivity}));
-    };
-    server->onRemoteClick = [noteResult](RemoteMouseButton button) {
-      return noteResult("click " + std::string(rawValue(button)));
-    };
-    server->onRemoteButton = [noteResult](bool down) {
-      return noteResult(down ? "button down" : "button up");
-    };
-    server->onRemoteScroll = [noteResult](double dx, double dy) {
-      return noteResult(numbers("scroll", {dx, dy}));
-    };
-    server->onRemoteText = [noteResult](const std::string& text) { return noteResult("text " + text); };
-    server->onRemoteKey = [noteResult](const std::string& key) { return noteResult("key " + key); };
-    server->onRemotePlayPause = [noteResult] { return noteResult("playPause"); };
-    server->onRemoteFullscreen = [noteResult] { return noteResult("fullscreen"); };
-    server->onRemoteOpenChrome = [noteResult] { return noteResult("openChrome"); };
-    server->onRemoteResetBrowser = [noteResult] { return noteResult("resetBrowser"); };
-    server->onStreamSettingsChanged = [note](StreamProfile profile, StreamFrameRate rate) {
-      note("settings " + std::string(rawValue(profile)) + " " + std::to_string(framesPerSecond(rate)));
-    };
-    server->onVideoCodecFallbackRequested = [note] { note("codecFallback"); };
-    server->onRemoteControlEnded = [note] { note("controlEnded"); };
-    server->onViewerTelemetry = [note](const ViewerTelemetry& telemetry) {
-      note(numbers("telemetry", {telemetry.viewerFPS, static_cast<double>(telemetry.reconnects)}));
-    };
-    server->onViewerConnectionChanged = [note](bool connected, bool wasPlaying) {
-      note(std::string(connected ? "connected" : "disconnected") + (wasPlaying ? " playing" : ""));
-    };
+    server->setHandlers(std::make_shared<NotedInput>(*this), std::make_shared<NotedRequests>(*this));
   }
 
   void SetUp() override { startServer(); }
-  void TearDown() override { EXPECT_EQ(log.mentions("A viewer connection is ended: "), throws); }
+  void TearDown() override {
+    EXPECT_EQ(log.mentions("A viewer connection is ended: "), textFailure != nullptr);
+  }
 
   void startServer() {
     server->start([this](std::exception_ptr failure) {
@@ -164,10 +204,6 @@ class ServerTest : public testing::Test {
     time->runReady();
     return taken;
   }
-  static std::string numbers(std::string text, std::initializer_list<double> values) {
-    for (const double value : values) text += " " + testing::PrintToString(value);
-    return text;
-  }
 
   CapturedLog log;
   std::shared_ptr<ManualTime> time = ManualTime::make();
@@ -178,10 +214,7 @@ class ServerTest : public testing::Test {
   std::shared_ptr<VideoPacketStore> video = std::make_shared<VideoPacketStore>();
   std::shared_ptr<StreamingServer> server =
       std::make_shared<StreamingServer>(network, bundle, tokens, audio, video, time);
-  RemoteTapResult result = RemoteTapResult::clicked;
-  std::vector<std::string> events;
   std::string startResult;
-  bool throws = false;  // the test makes a handler throw
 };
 
 }  // namespace kestrune

@@ -148,8 +148,7 @@ TEST_F(ServerViewerTest, APageThatComesBackReplacesItsOwnConnectionAlone) {
 TEST_F(ServerViewerTest, AnExceptionEndsTheConnectionItConcerns) {
   const auto viewer = connectViewer();
   enterControlMode(viewer);
-  throws = true;
-  server->onRemoteText = [](const std::string&) -> RemoteTapResult { throw std::bad_alloc(); };
+  textFailure = std::make_exception_ptr(std::bad_alloc());
   sendText(viewer, R"({"type":"text","text":"x"})");
   EXPECT_TRUE(viewer->cancelled);
   EXPECT_THAT(seen(), ElementsAre("controlEnded", "disconnected"));
