@@ -36,28 +36,23 @@ const std::vector<std::pair<std::string, std::string>> kQuietControl{
     {R"({"type":"pointer","phase":"cancel","x":0,"y":0})", "pointer cancel 0 0"},
 };
 
-TEST_F(ServerControlTest, ControlWorksInControlModeOnly) {
+TEST_F(ServerControlTest, ControlWorksInControlModeAndItsFailuresAreTold) {
+  constexpr auto kRefused = R"({"type":"tapResult","result":"permissionRequired"})";
   for (const auto& [text, event] : kQuietControl) EXPECT_THAT(send(text), IsEmpty()) << text;
   EXPECT_THAT(send(kTap), IsEmpty());
   enterControl();
   for (const auto& [text, event] : kQuietControl) {
     time->advance(1s);
+    result = RemoteTapResult::clicked;
     EXPECT_THAT(send(text), ElementsAre(event)) << text;
+    time->advance(1s);
+    result = RemoteTapResult::permissionRequired;
+    EXPECT_THAT(send(text), ElementsAre(event, kRefused)) << text;
   }
-  time->advance(1s);
+  result = RemoteTapResult::clicked;
   EXPECT_THAT(send(kTap), ElementsAre("tap 0.25 1", kTapClicked));
   EXPECT_THAT(send(R"({"type":"pointer","phase":"up","x":0,"y":0})"),
               ElementsAre("pointer up 0 0", kTapClicked));
-}
-
-TEST_F(ServerControlTest, FailuresOfControlAreTold) {
-  enterControl();
-  result = RemoteTapResult::permissionRequired;
-  for (const auto& [text, event] : kQuietControl) {
-    time->advance(1s);
-    EXPECT_THAT(send(text), ElementsAre(event, R"({"type":"tapResult","result":"permissionRequired"})"))
-        << text;
-  }
 }
 
 TEST_F(ServerControlTest, BadFieldsAreIgnored) {
