@@ -1,14 +1,14 @@
 #pragma once
 
 #include <condition_variable>
-#include <cstdint>
-#include <deque>
-#include <map>
+#include <memory>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <utility>
 
 #include "runtime/SerialQueue.h"
+#include "runtime/WorkSchedule.h"
 
 namespace kestrune {
 
@@ -29,24 +29,11 @@ class RunLoopQueue : public SerialQueue {
   const std::string& name() const override { return name_; }
 
  private:
-  /// Exactly one of the two is set: work, or work that can be cancelled until it starts.
-  struct Piece {
-    Work work;
-    std::shared_ptr<DelayedWork::State> delayed;
-  };
-
-  void collectDueTimers();
-  void pruneTimers();
-
   const std::string name_;
   const std::shared_ptr<const Clock> clock_;
   std::mutex lock_;  // guards everything below
   std::condition_variable changed_;
-  std::deque<Piece> ready_;
-  // By due time, then by order of scheduling.
-  std::map<std::pair<Duration, std::uint64_t>, std::shared_ptr<DelayedWork::State>> timers_;
-  std::uint64_t nextTimer_ = 0;
-  std::size_t pruneAt_ = 0;
+  WorkSchedule schedule_;
   bool stopping_ = false;
 };
 

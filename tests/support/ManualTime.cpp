@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <optional>
+#include <utility>
 
 namespace kestrune {
 
@@ -11,15 +13,17 @@ class ManualTime::Queue final : public SerialQueue, public std::enable_shared_fr
   Queue(std::weak_ptr<ManualTime> time, std::string name) : time_(std::move(time)), name_(std::move(name)) {}
 
   void post(Work work) override {
-    if (auto time = time_.lock()) time->enqueue({this, shared_from_this(), std::move(work), nullptr});
+    const auto time = time_.lock();
+    if (!time) return;
+    std::lock_guard guard(time->lock_);
+    time->schedule_.add(asCurrent(std::move(work)));
   }
 
   DelayedWork postAfter(Duration delay, Work work) override {
-    auto time = time_.lock();
+    const auto time = time_.lock();
     if (!time) return {};
-    auto state = std::make_shared<DelayedWork::State>(std::move(work));
-    time->schedule(delay, {this, shared_from_this(), nullptr, state});
-    return DelayedWork(std::move(state));
+    std::lock_guard guard(time->lock_);
+    return time->schedule_.add(time->now_, delay, asCurrent(std::move(work)));
   }
 
   bool isCurrent() const override {
@@ -32,6 +36,17 @@ class ManualTime::Queue final : public SerialQueue, public std::enable_shared_fr
   const std::string& name() const override { return name_; }
 
  private:
+  /// `work` while this queue, kept alive, is the one that runs.
+  Work asCurrent(Work work) {
+    return [self = shared_from_this(), work = std::move(work)] {
+      if (const auto time = self->time_.lock()) {
+        std::lock_guard guard(time->lock_);
+        time->running_ = self.get();
+      }
+      work();
+    };
+  }
+
   const std::weak_ptr<ManualTime> time_;
   const std::string name_;
 };
@@ -40,45 +55,22 @@ std::shared_ptr<SerialQueue> ManualTime::makeQueue(std::string name) {
   return std::make_shared<Queue>(weak_from_this(), std::move(name));
 }
 
-void ManualTime::enqueue(Entry entry) {
-  std::lock_guard guard(lock_);
-  ready_.push_back(std::move(entry));
-}
-
-void ManualTime::schedule(Duration delay, Entry entry) {
-  std::lock_guard guard(lock_);
-  if (delay <= Duration::zero()) {
-    ready_.push_back(std::move(entry));
-  } else {
-    timers_.emplace(std::pair(now_ + delay, nextTimer_++), std::move(entry));
-  }
-}
-
 void ManualTime::runUntilEmpty() {
   for (int count = 0;; ++count) {
-    Entry entry{};
+    std::optional<WorkSchedule::Piece> piece;
     {
       std::lock_guard guard(lock_);
-      while (!timers_.empty() && timers_.begin()->first.first <= now_) {
-        ready_.push_back(std::move(timers_.begin()->second));
-        timers_.erase(timers_.begin());
-      }
-      if (ready_.empty()) return;
-      entry = std::move(ready_.front());
-      ready_.pop_front();
-      running_ = entry.queue;
+      schedule_.collectDue(now_);
+      piece = schedule_.take();
+      if (!piece) return;
       inRun_ = true;
     }
     if (count == 1'000'000) {
       std::fputs("ManualTime: work keeps posting itself without a delay\n", stderr);
       std::abort();
     }
-    if (entry.delayed) {
-      entry.delayed->run();
-    } else {
-      entry.work();
-    }
-    entry.work = nullptr;
+    piece->run();
+    piece.reset();
     std::lock_guard guard(lock_);
     running_ = nullptr;
     inRun_ = false;
@@ -98,32 +90,24 @@ void ManualTime::advance(Duration span) {
   for (;;) {
     runUntilEmpty();
     std::lock_guard guard(lock_);
-    if (timers_.empty() || timers_.begin()->first.first > end) {
+    const auto due = schedule_.nextDue();
+    if (!due || *due > end) {
       now_ = end;
       return;
     }
-    now_ = std::max(now_, timers_.begin()->first.first);
+    now_ = std::max(now_, *due);
   }
 }
 
 void ManualTime::discardAll() {
-  decltype(ready_) ready;
-  decltype(timers_) timers;
-  {
-    std::lock_guard guard(lock_);
-    ready.swap(ready_);
-    timers.swap(timers_);
-  }
-  for (const auto& entry : ready) {
-    if (entry.delayed) entry.delayed->drop();
-  }
-  for (const auto& timer : timers) timer.second.delayed->drop();
+  WorkSchedule dropped;
+  std::lock_guard guard(lock_);
+  std::swap(dropped, schedule_);
 }
 
 std::size_t ManualTime::pendingDelayedWork() const {
   std::lock_guard guard(lock_);
-  return static_cast<std::size_t>(std::count_if(
-      timers_.begin(), timers_.end(), [](const auto& item) { return item.second.delayed->isWaiting(); }));
+  return schedule_.pendingDelayedWork();
 }
 
 Duration ManualTime::continuousNow() const {

@@ -1,13 +1,12 @@
 #pragma once
 
 #include <cstdint>
-#include <deque>
-#include <map>
+#include <memory>
 #include <mutex>
 #include <string>
-#include <utility>
 
 #include "runtime/SerialQueue.h"
+#include "runtime/WorkSchedule.h"
 
 namespace kestrune {
 
@@ -40,23 +39,11 @@ class ManualTime final : public Clock, public std::enable_shared_from_this<Manua
 
  private:
   class Queue;
-  struct Entry {
-    Queue* queue;
-    std::shared_ptr<SerialQueue> keepAlive;
-    // Exactly one of the two is set: work, or work that can be cancelled until it starts.
-    SerialQueue::Work work;
-    std::shared_ptr<DelayedWork::State> delayed;
-  };
-
-  void enqueue(Entry entry);
-  void schedule(Duration delay, Entry entry);
   void runUntilEmpty();
 
   mutable std::mutex lock_;  // guards everything below
   Duration now_ = std::chrono::hours(1);
-  std::deque<Entry> ready_;
-  std::map<std::pair<Duration, std::uint64_t>, Entry> timers_;
-  std::uint64_t nextTimer_ = 0;
+  WorkSchedule schedule_;
   const Queue* running_ = nullptr;
   bool inRun_ = false;
 };
