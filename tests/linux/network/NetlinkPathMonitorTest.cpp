@@ -11,9 +11,8 @@
 #include <thread>
 #include <vector>
 
-#include "linux/network/LoopbackPeer.h"
-#include "platform/linux/network/AsioNetwork.h"
 #include "platform/linux/network/NetlinkPathMonitor.h"
+#include "platform/linux/reactor/ReactorThread.h"
 
 namespace kestrune::linux_platform {
 namespace {
@@ -42,9 +41,9 @@ class Statuses {
 
 TEST(NetlinkPathMonitor, TellsThePresentStatusFirst) {
   Statuses statuses;
-  AsioNetwork network("test");
-  NetlinkPathMonitor monitor(network);
-  monitor.start(network.queue(), [&](Status status) { statuses.add(status); });
+  ReactorThread thread("test");
+  NetlinkPathMonitor monitor(thread.reactor());
+  monitor.start(thread.reactor(), [&](Status status) { statuses.add(status); });
   EXPECT_TRUE(statuses.waitFor(1));
 }
 
@@ -55,9 +54,9 @@ TEST(NetlinkPathMonitor, FollowsLinksAddressesAndRoutes) {
       GTEST_SKIP() << "needs the right to make a network namespace, and the ip tool";
     }
     Statuses statuses;
-    AsioNetwork network("test");
-    NetlinkPathMonitor monitor(network);
-    monitor.start(network.queue(), [&](Status status) { statuses.add(status); });
+    ReactorThread thread("test");
+    NetlinkPathMonitor monitor(thread.reactor());
+    monitor.start(thread.reactor(), [&](Status status) { statuses.add(status); });
     EXPECT_EQ(statuses.waitFor(1), Status::unsatisfied);
     const int made = std::system(
         "ip link add left type veth peer name right && ip link set left up && ip link set right up && "

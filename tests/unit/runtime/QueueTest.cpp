@@ -11,128 +11,52 @@
 #include "runtime/Published.h"
 #include "runtime/ThreadQueue.h"
 #include "support/ManualTime.h"
+#include "support/QueueContract.h"
 
 namespace kestrune {
 namespace {
 
 using namespace std::chrono_literals;
 
-/// A clock that a test moves on while a real run loop reads it.
-class SettableClock final : public Clock {
+class ManualLab final : public QueueLab {
  public:
-  Duration continuousNow() const override { return Duration(now.load()); }
-  double uptimeSeconds() const override { return 0; }
-  std::int64_t wallClockMilliseconds() const override { return 0; }
-  std::atomic<Duration::rep> now{0};
-};
-
-/// Posts a stop behind everything that is due and runs until then.
-void drain(RunLoopQueue& loop) {
-  loop.stop();
-  loop.run();
-}
-
-// The rules that every queue keeps, on the manual and on the real one.
-class QueueRules : public ::testing::TestWithParam<bool> {
- protected:
-  QueueRules() {
-    if (GetParam()) {
-      time_ = ManualTime::make();
-      queue_ = time_->makeQueue("rules");
-    } else {
-      queue_ = loop_ = std::make_shared<RunLoopQueue>("rules", clock_);
-    }
-  }
-  void run(Duration span = Duration::zero()) {
-    if (time_) {
-      time_->advance(span);
-    } else {
-      clock_->now += span.count();
-      drain(*loop_);
-    }
-  }
-  SerialQueue::Work note(int value) {
-    return [this, value] { order_.push_back(value); };
-  }
-  void endQueue() {
+  std::shared_ptr<SerialQueue> queue() override { return queue_; }
+  void run(Duration span) override { time_->advance(span); }
+  void end() override {
     time_ = nullptr;
-    loop_ = nullptr;
     queue_ = nullptr;
   }
+  bool runsPostedWorkAtEnd() const override { return false; }
 
-  std::shared_ptr<ManualTime> time_;
-  std::shared_ptr<SettableClock> clock_ = std::make_shared<SettableClock>();
-  std::shared_ptr<RunLoopQueue> loop_;
-  std::shared_ptr<SerialQueue> queue_;
-  std::vector<int> order_;
+ private:
+  std::shared_ptr<ManualTime> time_ = ManualTime::make();
+  std::shared_ptr<SerialQueue> queue_ = time_->makeQueue("rules");
 };
-INSTANTIATE_TEST_SUITE_P(Kinds, QueueRules, ::testing::Values(true, false));
 
-TEST_P(QueueRules, RunsInOrderOfPostingAndOfDueTime) {
-  queue_->postAfter(20ms, note(6));
-  queue_->postAfter(10ms, note(4));
-  queue_->postAfter(10ms, note(5));
-  queue_->post(note(1));
-  queue_->postAfter(-1ms, note(2));
-  queue_->post([this] {
-    order_.push_back(3);
-    queue_->post(note(33));
-  });
-  EXPECT_TRUE(order_.empty());
-  run(9ms);
-  EXPECT_EQ(order_, (std::vector{1, 2, 3, 33}));
-  run(1ms);
-  EXPECT_EQ(order_, (std::vector{1, 2, 3, 33, 4, 5}));
-  run(10ms);
-  EXPECT_EQ(order_.back(), 6);
-}
+class RunLoopLab final : public QueueLab {
+ public:
+  std::shared_ptr<SerialQueue> queue() override { return loop_; }
+  void run(Duration span) override {
+    clock_->now += span.count();
+    loop_->stop();
+    loop_->run();
+  }
+  void end() override { loop_ = nullptr; }
+  bool runsPostedWorkAtEnd() const override { return false; }
 
-TEST_P(QueueRules, CancelledWorkNeverStartsAndIsDestroyedAtOnce) {
-  auto held = std::make_shared<int>(0);
-  DelayedWork timer = queue_->postAfter(10ms, [held, this] { order_.push_back(1); });
-  EXPECT_TRUE(timer.isPending());
-  EXPECT_EQ(held.use_count(), 2);
-  EXPECT_TRUE(timer.cancel());
-  EXPECT_EQ(held.use_count(), 1);
-  EXPECT_FALSE(timer.cancel());
-  EXPECT_FALSE(timer.isPending());
+ private:
+  const std::shared_ptr<SettableClock> clock_ = std::make_shared<SettableClock>();
+  std::shared_ptr<RunLoopQueue> loop_ = std::make_shared<RunLoopQueue>("rules", clock_);
+};
 
-  // Due at the same instant: the first may still cancel the second, but no longer itself.
-  DelayedWork first;
-  DelayedWork second;
-  first = queue_->postAfter(10ms, [&] {
-    order_.push_back(2);
-    EXPECT_FALSE(first.cancel());
-    EXPECT_TRUE(second.cancel());
-  });
-  second = queue_->postAfter(10ms, note(3));
-  run(1s);
-  EXPECT_EQ(order_, std::vector{2});
-  EXPECT_FALSE(DelayedWork().cancel());
-}
-
-TEST_P(QueueRules, EndDestroysWaitingWorkUnrun) {
-  // What is dropped may hold its own handle, and may post once more as it goes.
-  const auto handle = std::make_shared<DelayedWork>();
-  std::shared_ptr<void> dropped(nullptr, [queue = std::weak_ptr(queue_)](void*) {
-    if (const auto alive = queue.lock()) alive->post([] { FAIL(); });
-  });
-  *handle = queue_->postAfter(10ms, [handle, dropped] { FAIL(); });
-  queue_->post([dropped] { FAIL(); });
-  endQueue();
-  EXPECT_EQ(dropped.use_count(), 1);
-  EXPECT_EQ(handle.use_count(), 1);
-  EXPECT_FALSE(handle->isPending());
-}
-
-TEST_P(QueueRules, ManyCancelledTimersDoNotDisturbTheOthers) {
-  DelayedWork kept = queue_->postAfter(1h, note(1));
-  for (int i = 0; i < 2000; ++i) queue_->postAfter(1h, note(-1)).cancel();
-  queue_->postAfter(1h, note(2));
-  run(1h);
-  EXPECT_EQ(order_, (std::vector{1, 2}));
-  EXPECT_FALSE(kept.isPending());
-}
+INSTANTIATE_TEST_SUITE_P(
+    Runtime, QueueContract,
+    ::testing::Values([]() -> std::unique_ptr<QueueLab> { return std::make_unique<ManualLab>(); },
+                      []() -> std::unique_ptr<QueueLab> { return std::make_unique<RunLoopLab>(); },
+                      []() -> std::unique_ptr<QueueLab> {
+                        return std::make_unique<ThreadQueueLab<ThreadQueue>>(
+                            [](const auto& owner) { return owner; });
+                      }));
 
 TEST(RunLoopQueue, StopEndsTheRunAndALaterRunGoesOn) {
   RunLoopQueue loop("loop");

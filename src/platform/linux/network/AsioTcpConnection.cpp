@@ -9,7 +9,7 @@
 #include <cerrno>
 #include <system_error>
 
-#include "platform/linux/network/AsioReactor.h"
+#include "platform/linux/network/NetworkContext.h"
 
 namespace kestrune::linux_platform {
 namespace {
@@ -22,11 +22,11 @@ using Descriptor = boost::asio::posix::stream_descriptor;
 
 }  // namespace
 
-AsioTcpConnection::AsioTcpConnection(std::shared_ptr<AsioReactor> reactor, UniqueDescriptor descriptor)
-    : reactor_(std::move(reactor)), socket_(reactor_->context()) {
+AsioTcpConnection::AsioTcpConnection(std::shared_ptr<NetworkContext> context, UniqueDescriptor descriptor)
+    : context_(std::move(context)), socket_(context_->reactor->context()) {
   socket_.assign(descriptor.get());
   descriptor.release();
-  ++reactor_->openConnections;
+  ++context_->openConnections;
 }
 
 AsioTcpConnection::~AsioTcpConnection() {
@@ -39,7 +39,7 @@ void AsioTcpConnection::setStateHandler(StateHandler handler) {
 
 void AsioTcpConnection::start() {
   if (isCancelled_ || std::exchange(isStarted_, true)) return;
-  reactor_->post([weak = weak_from_this()] {
+  context_->reactor->post([weak = weak_from_this()] {
     const auto self = weak.lock();
     if (!self || self->isCancelled_ || !self->onState_) return;
     const auto handler = self->onState_;  // it may replace itself
@@ -65,7 +65,7 @@ void AsioTcpConnection::waitToRead() {
 }
 
 void AsioTcpConnection::readSome() {
-  auto& buffer = reactor_->readBuffer();
+  auto& buffer = context_->readBuffer;
   auto& request = *receiving_;
   const std::size_t wanted = std::min(buffer.size(), request.maximum - request.gathered.size());
   const ssize_t count = recv(socket_.native_handle(), buffer.data(), wanted, 0);
@@ -170,7 +170,7 @@ void AsioTcpConnection::postFailure() {
 }
 
 void AsioTcpConnection::postToSelf(void (AsioTcpConnection::*step)()) {
-  reactor_->post([weak = weak_from_this(), step] {
+  context_->reactor->post([weak = weak_from_this(), step] {
     const auto self = weak.lock();
     if (self && !self->isCancelled_) (self.get()->*step)();
   });
@@ -200,7 +200,7 @@ void AsioTcpConnection::closeSocket() {
   }
   boost::system::error_code ignored;
   socket_.close(ignored);
-  --reactor_->openConnections;
+  --context_->openConnections;
 }
 
 }  // namespace kestrune::linux_platform

@@ -10,14 +10,14 @@
 
 namespace kestrune::linux_platform {
 
-class AsioReactor;
+struct NetworkContext;
 
 /// An accepted connection. The reactor holds it weakly: one that is let go without cancel() is closed.
 /// Internal to this folder.
 class AsioTcpConnection final : public TcpConnection, public std::enable_shared_from_this<AsioTcpConnection> {
  public:
   /// Takes the descriptor of a connected, non-blocking socket. Throws if the loop cannot watch it.
-  AsioTcpConnection(std::shared_ptr<AsioReactor> reactor, UniqueDescriptor descriptor);
+  AsioTcpConnection(std::shared_ptr<NetworkContext> context, UniqueDescriptor descriptor);
   ~AsioTcpConnection() override;
 
   void setStateHandler(StateHandler handler) override;
@@ -51,7 +51,7 @@ class AsioTcpConnection final : public TcpConnection, public std::enable_shared_
   void closeSocket();
   void postToSelf(void (AsioTcpConnection::*step)());
 
-  const std::shared_ptr<AsioReactor> reactor_;
+  const std::shared_ptr<NetworkContext> context_;
   // Everything below on the queue.
   boost::asio::posix::stream_descriptor socket_;
   StateHandler onState_;

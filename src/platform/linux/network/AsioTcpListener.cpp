@@ -15,8 +15,8 @@
 #include <utility>
 
 #include "platform/linux/files/UniqueDescriptor.h"
-#include "platform/linux/network/AsioReactor.h"
 #include "platform/linux/network/AsioTcpConnection.h"
+#include "platform/linux/network/NetworkContext.h"
 #include "runtime/Error.h"
 #include "runtime/Log.h"
 
@@ -78,8 +78,8 @@ std::size_t connectionLimit() {
 /// What the reactor refers to; the listener itself may be destroyed at any time.
 class AsioTcpListener::Core : public std::enable_shared_from_this<Core> {
  public:
-  Core(std::shared_ptr<AsioReactor> reactor, const Address& address)
-      : reactor_(std::move(reactor)), address_(address), socket_(reactor_->context()) {}
+  Core(std::shared_ptr<NetworkContext> context, const Address& address)
+      : context_(std::move(context)), address_(address), socket_(context_->reactor->context()) {}
   ~Core() { close(); }
 
   void start();
@@ -102,7 +102,7 @@ class AsioTcpListener::Core : public std::enable_shared_from_this<Core> {
   bool restoreReserve();
   bool makeRoom();
 
-  const std::shared_ptr<AsioReactor> reactor_;
+  const std::shared_ptr<NetworkContext> context_;
   const Address address_;
   // On the queue, as the handlers above.
   boost::asio::posix::stream_descriptor socket_;
@@ -147,7 +147,7 @@ void AsioTcpListener::Core::start() {
 }
 
 void AsioTcpListener::Core::postState(State state, std::string reason) {
-  reactor_->post([self = shared_from_this(), state, reason = std::move(reason)] {
+  context_->reactor->post([self = shared_from_this(), state, reason = std::move(reason)] {
     if (self->isCancelled || !self->onState) return;
     const auto handler = self->onState;  // it may replace itself
     handler(state, reason);
@@ -169,7 +169,7 @@ void AsioTcpListener::Core::acceptSome() {
   }
   if (!socket_.is_open()) return;
   if (!isRefusing_) return waitToAccept();
-  reactor_->postAfter(kBackOff, [weak = weak_from_this()] {
+  context_->reactor->postAfter(kBackOff, [weak = weak_from_this()] {
     const auto self = weak.lock();
     if (!self || self->isCancelled) return;
     self->isRefusing_ = false;
@@ -183,7 +183,7 @@ bool AsioTcpListener::Core::acceptOne() {
   UniqueDescriptor descriptor(result);
   const bool hasReserve = restoreReserve();
   if (!descriptor) return handleAcceptFailure(-result);
-  const bool isShort = !hasReserve || reactor_->openConnections >= connectionLimit();
+  const bool isShort = !hasReserve || context_->openConnections >= connectionLimit();
   isRefusing_ = isShort && !makeRoom();
   if (isRefusing_) {
     descriptor.reset();
@@ -210,7 +210,7 @@ int AsioTcpListener::Core::acceptDescriptor() {
 void AsioTcpListener::Core::serve(UniqueDescriptor descriptor) {
   std::shared_ptr<AsioTcpConnection> connection;
   try {
-    connection = std::make_shared<AsioTcpConnection>(reactor_, std::move(descriptor));
+    connection = std::make_shared<AsioTcpConnection>(context_, std::move(descriptor));
     const auto handler = onConnection;  // it may replace itself
     if (handler) return handler(connection);
   } catch (...) {
@@ -268,8 +268,8 @@ void AsioTcpListener::Core::close() {
   reserve_.reset();
 }
 
-AsioTcpListener::AsioTcpListener(std::shared_ptr<AsioReactor> reactor, const TcpEndpoint& endpoint)
-    : core_(std::make_shared<Core>(std::move(reactor), loopbackAddress(endpoint))) {}
+AsioTcpListener::AsioTcpListener(std::shared_ptr<NetworkContext> context, const TcpEndpoint& endpoint)
+    : core_(std::make_shared<Core>(std::move(context), loopbackAddress(endpoint))) {}
 
 AsioTcpListener::~AsioTcpListener() {
   cancel();

@@ -8,14 +8,14 @@
 
 namespace kestrune::linux_platform {
 
-class AsioReactor;
+struct NetworkContext;
 
 /// A listening socket on a loopback address. Short of descriptors it asks its owner to make room, or else
 /// refuses what it cannot serve until there are some again. Internal to this folder.
 class AsioTcpListener final : public TcpListener {
  public:
   /// Throws an Error unless the host is a loopback address in numeric form.
-  AsioTcpListener(std::shared_ptr<AsioReactor> reactor, const TcpEndpoint& endpoint);
+  AsioTcpListener(std::shared_ptr<NetworkContext> context, const TcpEndpoint& endpoint);
   ~AsioTcpListener() override;
 
   void setStateHandler(StateHandler handler) override;

@@ -2,15 +2,14 @@
 
 #include <linux/rtnetlink.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <array>
-#include <boost/asio/posix/stream_descriptor.hpp>
 #include <utility>
 
-#include "platform/linux/network/AsioNetwork.h"
-#include "platform/linux/network/AsioReactor.h"
+#include "platform/linux/files/UniqueDescriptor.h"
 #include "platform/linux/network/NetlinkRoutes.h"
+#include "platform/linux/reactor/DescriptorWatch.h"
+#include "platform/linux/reactor/Reactor.h"
 #include "runtime/Log.h"
 
 namespace kestrune::linux_platform {
@@ -27,23 +26,22 @@ constexpr auto kSettling = std::chrono::milliseconds(100);
 /// What the reactor refers to. Everything on its queue.
 class NetlinkPathMonitor::Core : public std::enable_shared_from_this<Core> {
  public:
-  explicit Core(std::shared_ptr<AsioReactor> reactor)
-      : reactor_(std::move(reactor)), changes_(reactor_->context()), questions_(reactor_->context()) {}
+  explicit Core(std::shared_ptr<Reactor> reactor) : reactor_(std::move(reactor)) {}
 
-  void begin(std::shared_ptr<SerialQueue> queue, std::function<void(Status)> handler, int changes,
-             int questions);
+  void begin(std::shared_ptr<SerialQueue> queue, std::function<void(Status)> handler,
+             UniqueDescriptor changes, UniqueDescriptor questions);
   void end();
-  AsioReactor& reactor() const { return *reactor_; }
+  Reactor& reactor() const { return *reactor_; }
 
  private:
-  void waitForChange();
   void onChange();
   void evaluate();
   void report(Status status);
 
-  const std::shared_ptr<AsioReactor> reactor_;
-  boost::asio::posix::stream_descriptor changes_;
-  boost::asio::posix::stream_descriptor questions_;  // blocking; never waited on
+  const std::shared_ptr<Reactor> reactor_;
+  UniqueDescriptor changes_;
+  UniqueDescriptor questions_;  // blocking
+  DescriptorWatch watch_;
   std::shared_ptr<SerialQueue> queue_;
   std::function<void(Status)> handler_;
   std::optional<NetworkPath> reported_;
@@ -51,35 +49,24 @@ class NetlinkPathMonitor::Core : public std::enable_shared_from_this<Core> {
 };
 
 void NetlinkPathMonitor::Core::begin(std::shared_ptr<SerialQueue> queue, std::function<void(Status)> handler,
-                                     int changes, int questions) {
+                                     UniqueDescriptor changes, UniqueDescriptor questions) {
   queue_ = std::move(queue);
   handler_ = std::move(handler);
-  if (changes < 0 || questions < 0) {
+  if (!changes || !questions) {
     kLog.error("The state of the network cannot be watched");
-    if (changes >= 0) close(changes);
-    if (questions >= 0) close(questions);
     return report(Status::satisfied);
   }
-  changes_.assign(changes);
-  questions_.assign(questions);
-  waitForChange();
+  changes_ = std::move(changes);
+  questions_ = std::move(questions);
+  watch_ = DescriptorWatch(reactor_, changes_.get(), Readiness::readable, [this] { onChange(); });
   evaluate();
-}
-
-void NetlinkPathMonitor::Core::waitForChange() {
-  changes_.async_wait(boost::asio::posix::stream_descriptor::wait_read,
-                      [weak = weak_from_this()](const boost::system::error_code& error) {
-                        const auto self = weak.lock();
-                        if (self && !error && self->handler_) self->onChange();
-                      });
 }
 
 void NetlinkPathMonitor::Core::onChange() {
   // What the messages say is asked anew, so that one that was lost (ENOBUFS) does no harm.
   std::array<char, 8192> discarded;
-  while (recv(changes_.native_handle(), discarded.data(), discarded.size(), MSG_DONTWAIT | MSG_TRUNC) > 0) {
+  while (recv(changes_.get(), discarded.data(), discarded.size(), MSG_DONTWAIT | MSG_TRUNC) > 0) {
   }
-  waitForChange();
   if (std::exchange(isSettling_, true)) return;
   reactor_->postAfter(kSettling, [weak = weak_from_this()] {
     const auto self = weak.lock();
@@ -90,7 +77,7 @@ void NetlinkPathMonitor::Core::onChange() {
 }
 
 void NetlinkPathMonitor::Core::evaluate() {
-  const auto path = readNetworkPath(questions_.native_handle());
+  const auto path = readNetworkPath(questions_.get());
   if (!path) {
     if (!reported_) report(Status::satisfied);
     return;
@@ -105,15 +92,15 @@ void NetlinkPathMonitor::Core::report(Status status) {
 }
 
 void NetlinkPathMonitor::Core::end() {
-  boost::system::error_code ignored;
-  changes_.close(ignored);
-  questions_.close(ignored);
+  watch_.cancel();
+  changes_.reset();
+  questions_.reset();
   handler_ = nullptr;
   queue_ = nullptr;
 }
 
-NetlinkPathMonitor::NetlinkPathMonitor(const AsioNetwork& network)
-    : core_(std::make_shared<Core>(network.reactor())) {}
+NetlinkPathMonitor::NetlinkPathMonitor(std::shared_ptr<Reactor> reactor)
+    : core_(std::make_shared<Core>(std::move(reactor))) {}
 
 NetlinkPathMonitor::~NetlinkPathMonitor() {
   // Bound to the queue; after the reactor's end there is nothing left to stop.
@@ -121,10 +108,12 @@ NetlinkPathMonitor::~NetlinkPathMonitor() {
 }
 
 void NetlinkPathMonitor::start(std::shared_ptr<SerialQueue> queue, std::function<void(Status)> handler) {
-  const int changes = openRouteSocket(kGroups, SOCK_NONBLOCK);
-  const int questions = openRouteSocket(0, 0);
-  core_->reactor().post([core = core_, queue = std::move(queue), handler = std::move(handler), changes,
-                         questions] { core->begin(queue, handler, changes, questions); });
+  UniqueDescriptor changes(openRouteSocket(kGroups, SOCK_NONBLOCK));
+  UniqueDescriptor questions(openRouteSocket(0, 0));
+  core_->reactor().post([core = core_, queue = std::move(queue), handler = std::move(handler),
+                         changes = std::move(changes), questions = std::move(questions)]() mutable {
+    core->begin(std::move(queue), std::move(handler), std::move(changes), std::move(questions));
+  });
 }
 
 }  // namespace kestrune::linux_platform

@@ -1,0 +1,120 @@
+#include <gtest/gtest.h>
+#include <sys/eventfd.h>
+
+#include <chrono>
+#include <future>
+#include <system_error>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "platform/linux/files/UniqueDescriptor.h"
+#include "platform/linux/reactor/DescriptorWatch.h"
+#include "platform/linux/reactor/ReactorThread.h"
+#include "support/QueueContract.h"
+
+namespace kestrune::linux_platform {
+namespace {
+
+using namespace std::chrono_literals;
+
+TEST(Reactor, RunsInOrderWhateverTheThread) {
+  const ReactorThread thread("test");
+  const auto queue = thread.reactor();
+  EXPECT_FALSE(queue->isCurrent());
+  std::vector<int> order;
+  std::promise<void> done;
+  queue->post([&] {
+    EXPECT_TRUE(queue->isCurrent());
+    order.push_back(1);
+    queue->post([&] { order.push_back(2); });
+    // What another thread posts after this thread has posted stands behind it.
+    std::thread([&] { queue->post([&] { order.push_back(3); }); }).join();
+    queue->post([&] {
+      order.push_back(4);
+      done.set_value();
+    });
+  });
+  done.get_future().get();
+  EXPECT_EQ(order, (std::vector{1, 2, 3, 4}));
+}
+
+TEST(Reactor, EndRunsWhatWasPostedAndDropsTheRest) {
+  const auto token = std::make_shared<int>();
+  int ran = 0;
+  std::shared_ptr<SerialQueue> queue;
+  DelayedWork waiting;
+  {
+    const ReactorThread thread("test");
+    queue = thread.reactor();
+    waiting = queue->postAfter(1h, [token] {});
+    for (int i = 0; i < 10; ++i) queue->post([&ran, token] { ++ran; });
+  }
+  EXPECT_EQ(ran, 10);
+  EXPECT_FALSE(waiting.isPending());
+  queue->post([&ran, token] { ++ran; });
+  const auto late = queue->postAfter(0s, [&ran, token] { ++ran; });
+  const auto later = queue->postAfter(1s, [&ran, token] { ++ran; });
+  EXPECT_FALSE(late.isPending() || later.isPending());
+  EXPECT_EQ(ran, 10);
+  EXPECT_EQ(token.use_count(), 1);
+}
+
+TEST(Reactor, MayEndOnItsOwnThread) {
+  auto thread = std::make_unique<ReactorThread>("test");
+  std::promise<void> done;
+  thread->reactor()->post([&] {
+    thread.reset();
+    done.set_value();
+  });
+  done.get_future().get();
+}
+
+TEST(DescriptorWatch, TellsForAsLongAsItIsReadyAndNotOnceCancelled) {
+  auto thread = std::make_unique<ReactorThread>("test");
+  const auto reactor = thread->reactor();
+  const UniqueDescriptor counter(eventfd(0, EFD_CLOEXEC | EFD_SEMAPHORE));
+  DescriptorWatch watch;
+  int calls = 0;
+  std::promise<void> done;
+  watch = DescriptorWatch(reactor, counter.get(), Readiness::readable, [&] {
+    EXPECT_TRUE(reactor->isCurrent());
+    eventfd_t one = 0;
+    eventfd_read(counter.get(), &one);
+    if (++calls != 3) return;
+    watch.cancel();
+    reactor->postAfter(1ms, [&] { done.set_value(); });
+  });
+  eventfd_write(counter.get(), 5);
+  done.get_future().wait();
+  EXPECT_EQ(calls, 3);
+
+  // A writable eventfd is so until its end: the watch has to wait for a call that runs.
+  bool isOver = false;
+  std::promise<void> first;
+  watch =
+      DescriptorWatch(reactor, counter.get(), Readiness::readableOrWritable, [&, isTold = false]() mutable {
+        EXPECT_FALSE(isOver);
+        if (!std::exchange(isTold, true)) first.set_value();
+      });
+  first.get_future().wait();
+  watch.cancel();
+  isOver = true;
+
+  watch = DescriptorWatch(reactor, counter.get(), Readiness::failed, [] { FAIL(); });
+  thread.reset();
+  watch.cancel();
+  EXPECT_THROW(DescriptorWatch(reactor, -1, Readiness::readable, [] {}), std::system_error);
+}
+
+}  // namespace
+}  // namespace kestrune::linux_platform
+
+namespace kestrune {
+
+INSTANTIATE_TEST_SUITE_P(Reactor, QueueContract, ::testing::Values([]() -> std::unique_ptr<QueueLab> {
+                           return std::make_unique<ThreadQueueLab<linux_platform::ReactorThread>>(
+                               [](const auto& owner) { return owner->reactor(); });
+                         }));
+
+}  // namespace kestrune
