@@ -1,19 +1,20 @@
 #include "TerminationSignals.h"
 
-#include <poll.h>
 #include <pthread.h>
 #include <signal.h>
-#include <sys/eventfd.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <optional>
 #include <system_error>
+#include <utility>
 
+#include "platform/linux/reactor/Reactor.h"
 #include "runtime/Log.h"
 
 namespace kestrune {
+using namespace linux_platform;
+
 namespace {
 
 constexpr Logger kLog("App");
@@ -37,11 +38,6 @@ sigset_t terminationSignals() {
   return set;
 }
 
-int checked(int descriptor) {
-  if (descriptor < 0) throw std::system_error(errno, std::generic_category(), "signals");
-  return descriptor;
-}
-
 }  // namespace
 
 void TerminationSignals::block() {
@@ -49,44 +45,31 @@ void TerminationSignals::block() {
   pthread_sigmask(SIG_BLOCK, &set, nullptr);
 }
 
-TerminationSignals::TerminationSignals(std::shared_ptr<SerialQueue> queue, std::function<void()> handler)
-    : signals_([] {
+TerminationSignals::TerminationSignals(std::shared_ptr<Reactor> reactor, std::shared_ptr<SerialQueue> queue,
+                                       std::function<void()> handler)
+    : reactor_(std::move(reactor)), queue_(std::move(queue)), handler_(std::move(handler)), signals_([] {
         const sigset_t set = terminationSignals();
-        return checked(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
-      }()),
-      end_(checked(eventfd(0, EFD_CLOEXEC))),
-      thread_([this, queue = std::move(queue), handler = std::move(handler)] { wait(queue, handler); }) {}
-
-TerminationSignals::~TerminationSignals() {
-  const std::uint64_t one = 1;
-  if (write(end_, &one, sizeof one) == sizeof one) {
-    thread_.join();
-  } else {
-    thread_.detach();
-  }
-  close(signals_);
-  close(end_);
+        const int descriptor = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
+        if (descriptor < 0) throw std::system_error(errno, std::generic_category(), "signals");
+        return descriptor;
+      }()) {
+  watch_ = DescriptorWatch(reactor_, signals_.get(), Readiness::readable, [this] { takeSignals(); });
 }
 
-void TerminationSignals::wait(const std::shared_ptr<SerialQueue>& queue,
-                              const std::function<void()>& handler) const {
-  pthread_setname_np(pthread_self(), "signals");
-  using namespace std::chrono;
-  std::optional<steady_clock::time_point> deadline;
-  for (;;) {
-    const auto left = deadline ? ceil<milliseconds>(*deadline - steady_clock::now()).count() : -1;
-    if (deadline && left <= 0) {
+TerminationSignals::~TerminationSignals() {
+  watch_.cancel();
+  forcedExit_.cancel();
+}
+
+void TerminationSignals::takeSignals() {
+  signalfd_siginfo information{};
+  while (read(signals_.get(), &information, sizeof information) == sizeof information) {
+    queue_->post(handler_);
+    if (forcedExit_.isPending()) continue;
+    forcedExit_ = reactor_->postAfter(kLongestShutdown, [] {
       kLog.error("The shutdown does not come to its end; the program ends without it");
       _exit(kForcedExit);
-    }
-    pollfd waited[] = {{signals_, POLLIN, 0}, {end_, POLLIN, 0}};
-    if (poll(waited, 2, static_cast<int>(left)) < 0 && errno != EINTR) return;
-    if (waited[1].revents != 0) return;
-    signalfd_siginfo information{};
-    while (read(signals_, &information, sizeof information) == sizeof information) {
-      if (!deadline) deadline = steady_clock::now() + kLongestShutdown;
-      queue->post(handler);
-    }
+    });
   }
 }
 

@@ -3,8 +3,9 @@
 #include <chrono>
 #include <functional>
 #include <memory>
-#include <thread>
 
+#include "platform/linux/files/UniqueDescriptor.h"
+#include "platform/linux/reactor/DescriptorWatch.h"
 #include "runtime/SerialQueue.h"
 
 namespace kestrune {
@@ -22,19 +23,23 @@ class TerminationSignals {
   /// Blocks the signals in the calling thread and in those that it starts from now on.
   static void block();
 
-  /// Calls `handler` on `queue` for each signal that comes. Throws a std::system_error where the system gives
-  /// no descriptors for it.
-  TerminationSignals(std::shared_ptr<SerialQueue> queue, std::function<void()> handler);
+  /// Calls `handler` on `queue` for each signal that comes, as `reactor` notices it; nothing on that may wait
+  /// for what a shutdown could hang on. Throws a std::system_error where the system gives no descriptor.
+  TerminationSignals(std::shared_ptr<linux_platform::Reactor> reactor, std::shared_ptr<SerialQueue> queue,
+                     std::function<void()> handler);
   ~TerminationSignals();
   TerminationSignals(const TerminationSignals&) = delete;
   TerminationSignals& operator=(const TerminationSignals&) = delete;
 
  private:
-  void wait(const std::shared_ptr<SerialQueue>& queue, const std::function<void()>& handler) const;
+  void takeSignals();
 
-  const int signals_;  // signalfd
-  const int end_;      // eventfd, readable when the thread is to end
-  std::thread thread_;
+  const std::shared_ptr<linux_platform::Reactor> reactor_;
+  const std::shared_ptr<SerialQueue> queue_;
+  const std::function<void()> handler_;
+  const linux_platform::UniqueDescriptor signals_;  // signalfd
+  DelayedWork forcedExit_;                          // on the reactor's queue
+  linux_platform::DescriptorWatch watch_;
 };
 
 }  // namespace kestrune

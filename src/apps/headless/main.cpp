@@ -19,6 +19,7 @@
 #include "HeadlessApplication.h"
 #include "TerminationSignals.h"
 #include "platform/linux/LinuxPlatform.h"
+#include "platform/linux/reactor/ReactorThread.h"
 #include "runtime/Log.h"
 
 namespace {
@@ -102,7 +103,9 @@ int runProgram(const Options& options) {
   const auto mainQueue = std::make_shared<RunLoopQueue>("main");
   // From the beginning: a display or a keyring that does not answer can hold up the composition, too.
   const auto application = std::make_shared<std::shared_ptr<HeadlessApplication>>();
-  const TerminationSignals signals(mainQueue, [application] {
+  // Signals and files; nothing on it waits for another program.
+  const linux_platform::ReactorThread watch("watch");
+  const TerminationSignals signals(watch.reactor(), mainQueue, [application] {
     if (*application) (*application)->requestTermination();
   });
   // Before anything is read or written: the program that runs there may share our settings.
@@ -110,7 +113,7 @@ int runProgram(const Options& options) {
     printLine("Error", portTakenMessage(options.port));
     return kStartFailed;
   }
-  const Platform platform = linux_platform::makeLinuxPlatform();
+  const Platform platform = linux_platform::makeLinuxPlatform(watch.reactor());
   if (!platform.displays->mainDisplay()) {
     printLine(
         "Error",

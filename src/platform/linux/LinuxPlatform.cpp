@@ -1,5 +1,7 @@
 #include "platform/linux/LinuxPlatform.h"
 
+#include <utility>
+
 #include "platform/linux/audio/SoxrSampleRateConverter.h"
 #include "platform/linux/capture/X11ScreenCapture.h"
 #include "platform/linux/credentials/HelperCredentialConnector.h"
@@ -20,13 +22,13 @@
 
 namespace kestrune::linux_platform {
 
-Platform makeLinuxPlatform() {
+Platform makeLinuxPlatform(std::shared_ptr<Reactor> watching) {
   const auto server = std::make_shared<X11Server>();
   Platform platform;
   platform.clock = systemClock();
   platform.makeQueue = [](std::string label) { return std::make_shared<ThreadQueue>(std::move(label)); };
   platform.bundle = DirectoryBundle::ofRunningProgram();
-  platform.preferences = std::make_shared<JsonPreferences>();
+  platform.preferences = std::make_shared<JsonPreferences>(std::move(watching));
   platform.credentials = std::make_shared<HelperCredentialConnector>();
   platform.random = std::make_shared<SystemRandomSource>();
   platform.displays = std::make_shared<X11Displays>(server);

@@ -8,6 +8,7 @@
 
 #include "platform/linux/desktop/JsonPreferences.h"
 #include "platform/linux/files/PrivateDirectory.h"
+#include "platform/linux/reactor/ReactorThread.h"
 #include "runtime/ThreadQueue.h"
 #include "support/CapturedLog.h"
 #include "support/ChildProcess.h"
@@ -22,6 +23,7 @@ namespace fs = std::filesystem;
 class JsonPreferencesTest : public ::testing::Test {
  protected:
   const TemporaryDirectory top_;
+  const ReactorThread watch_{"watch"};
   const fs::path directory_ = top_.path() / "config" / "kestrune";
   const fs::path file_ = directory_ / "preferences.json";
   const std::shared_ptr<ManualTime> time_ = ManualTime::make();
@@ -31,7 +33,7 @@ class JsonPreferencesTest : public ::testing::Test {
   std::unique_ptr<JsonPreferences> withOneValue(std::shared_ptr<SerialQueue> writer,
                                                 std::chrono::milliseconds limit = std::chrono::seconds(10)) {
     writeText(file_, before_);
-    return std::make_unique<JsonPreferences>(directory_, std::move(writer), limit);
+    return std::make_unique<JsonPreferences>(watch_.reactor(), directory_, std::move(writer), limit);
   }
 };
 
@@ -53,11 +55,11 @@ TEST_F(JsonPreferencesTest, ValuesKeepTheirTypes) {
       {"round", 2.0}, {"text", std::string("Gr\u00fc\u00dfe \"\U0001F44B\"\n")},
   };
   {
-    JsonPreferences preferences(directory_);
+    JsonPreferences preferences(watch_.reactor(), directory_);
     EXPECT_FALSE(preferences.value("flag"));
     for (const auto& [key, value] : values) preferences.set(key, value);
   }
-  JsonPreferences preferences(directory_);
+  JsonPreferences preferences(watch_.reactor(), directory_);
   for (const auto& [key, value] : values) EXPECT_EQ(preferences.value(key), value) << key;
   preferences.remove("flag");
   EXPECT_FALSE(preferences.value("flag"));
@@ -68,7 +70,7 @@ TEST_F(JsonPreferencesTest, ValuesKeepTheirTypes) {
 TEST_F(JsonPreferencesTest, KeepsWhatItDoesNotKnow) {
   writeText(file_, R"({"later":{"a":[1,null]},"twice":1,"large":18446744073709551615,"twice":2})");
   {
-    JsonPreferences preferences(directory_);
+    JsonPreferences preferences(watch_.reactor(), directory_);
     EXPECT_FALSE(preferences.value("later"));
     EXPECT_EQ(preferences.value("twice"), PreferenceValue(std::int64_t{2}));
     preferences.set("twice", std::int64_t{3});
@@ -83,21 +85,22 @@ TEST_F(JsonPreferencesTest, SetsAsideWhatIsNoObject) {
     const CapturedLog log;
     writeText(file_, text);
     {
-      JsonPreferences preferences(directory_);
+      JsonPreferences preferences(watch_.reactor(), directory_);
       EXPECT_FALSE(preferences.value("codec"));
       preferences.set("codec", std::string("hevc"));
     }
     const std::string aside = "preferences.json.invalid" + (count ? "." + std::to_string(count) : "");
     EXPECT_TRUE(log.mentions(aside));
     EXPECT_EQ(readText(directory_ / aside), text);
-    EXPECT_EQ(JsonPreferences(directory_).value("codec"), PreferenceValue(std::string("hevc")));
+    EXPECT_EQ(JsonPreferences(watch_.reactor(), directory_).value("codec"),
+              PreferenceValue(std::string("hevc")));
     ++count;
   }
 }
 
 TEST_F(JsonPreferencesTest, WhatOthersWriteIsMergedAndTold) {
   std::vector<std::string> told;
-  JsonPreferences preferences(directory_, writer_);
+  JsonPreferences preferences(watch_.reactor(), directory_, writer_);
   preferences.set("mine", std::int64_t{1});
   preferences.set("both", std::int64_t{1});
   time_->advance(JsonPreferences::kWriteDelay);
@@ -116,7 +119,7 @@ TEST_F(JsonPreferencesTest, ABrokenFileIsLeftToItsAuthor) {
   const CapturedLog log;
   std::vector<std::string> told;
   {
-    JsonPreferences preferences(directory_, writer_);
+    JsonPreferences preferences(watch_.reactor(), directory_, writer_);
     preferences.set("codec", std::string("hevc"));
     time_->advance(JsonPreferences::kWriteDelay);
     preferences.observeExternalChanges(time_->makeQueue(), [&](const auto& keys) { told = keys; });
@@ -140,13 +143,13 @@ TEST_F(JsonPreferencesTest, ABrokenFileIsLeftToItsAuthor) {
   }
   // Nobody mended it: at the end both are kept.
   EXPECT_EQ(readText(directory_ / "preferences.json.invalid"), "{,");
-  EXPECT_EQ(JsonPreferences(directory_).value("rate"), PreferenceValue(std::int64_t{60}));
+  EXPECT_EQ(JsonPreferences(watch_.reactor(), directory_).value("rate"), PreferenceValue(std::int64_t{60}));
 }
 
 TEST_F(JsonPreferencesTest, EditorsAreNoticedHoweverTheySave) {
   ThreadQueue queue("observer");
   const auto line = std::shared_ptr<SerialQueue>(std::shared_ptr<void>(), &queue);
-  JsonPreferences preferences(directory_);
+  JsonPreferences preferences(watch_.reactor(), directory_);
   const auto setAndStore = [&](std::int64_t value) {
     preferences.set("key", value);
     EXPECT_TRUE(
@@ -181,7 +184,7 @@ TEST_F(JsonPreferencesTest, EditorsAreNoticedHoweverTheySave) {
 TEST_F(JsonPreferencesTest, WithoutAFileValuesLiveInMemory) {
   writeText(top_.path() / "blocked", "a file where the directory should be");
   const CapturedLog log;
-  JsonPreferences preferences(top_.path() / "blocked", writer_);
+  JsonPreferences preferences(watch_.reactor(), top_.path() / "blocked", writer_);
   EXPECT_TRUE(log.mentions("cannot be read"));
   preferences.set("key", true);
   time_->advance(std::chrono::hours(1));
@@ -194,7 +197,7 @@ TEST_F(JsonPreferencesTest, WithoutAFileValuesLiveInMemory) {
 }
 
 TEST_F(JsonPreferencesTest, AnUnchangedValueIsNotWritten) {
-  JsonPreferences preferences(directory_, writer_);
+  JsonPreferences preferences(watch_.reactor(), directory_, writer_);
   preferences.set("key", 1.5);
   time_->advance(JsonPreferences::kWriteDelay);
   fs::remove(file_);

@@ -60,9 +60,12 @@ void BusInhibitor::advance(SteadyTime now) {
   if (state_ == State::failed && now >= deadline_) ask(now);
 }
 
-void BusInhibitor::addDescriptors(std::vector<pollfd>& waited) const {
-  if (!bus_) return;
-  waited.push_back({sd_bus_get_fd(bus_.get()), static_cast<short>(sd_bus_get_events(bus_.get())), 0});
+int BusInhibitor::descriptor() const {
+  return bus_ ? sd_bus_get_fd(bus_.get()) : -1;
+}
+
+int BusInhibitor::events() const {
+  return bus_ ? sd_bus_get_events(bus_.get()) : 0;
 }
 
 std::optional<SteadyTime> BusInhibitor::deadline() const {

@@ -1,13 +1,11 @@
 #pragma once
 
-#include <poll.h>
 #include <systemd/sd-bus.h>
 
 #include <chrono>
 #include <memory>
 #include <optional>
 #include <string>
-#include <vector>
 
 #include "platform/linux/files/UniqueDescriptor.h"
 
@@ -21,9 +19,9 @@ struct UnreferenceMessage {
 using BusMessage = std::unique_ptr<sd_bus_message, UnreferenceMessage>;
 
 /// An inhibition that a service on a message bus grants, over a connection of its own: closing that ends
-/// whatever was granted on it, and so does the end of this process. It never waits; its owner polls for it. A
-/// service that refuses, says nothing, ends or comes up late is asked again, at its return or after a while.
-/// Confined to one thread.
+/// whatever was granted on it, and so does the end of this process. It never waits; its owner does. A service
+/// that refuses, says nothing, ends or comes up late is asked again, at its return or after a while. Confined
+/// to one thread.
 class BusInhibitor {
  public:
   enum class State { off, asking, held, failed };
@@ -44,7 +42,10 @@ class BusInhibitor {
   /// To be called when a descriptor is ready or the deadline has come.
   void advance(SteadyTime now);
 
-  void addDescriptors(std::vector<pollfd>& waited) const;
+  /// Negative if there is no connection. advance() may close it.
+  int descriptor() const;
+  /// What to wait for there, as of poll(2).
+  int events() const;
   std::optional<SteadyTime> deadline() const;
   State state() const { return state_; }
   /// Of the last failure.

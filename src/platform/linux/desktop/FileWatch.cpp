@@ -1,8 +1,5 @@
 #include "platform/linux/desktop/FileWatch.h"
 
-#include <poll.h>
-#include <pthread.h>
-#include <sys/eventfd.h>
 #include <sys/inotify.h>
 #include <unistd.h>
 
@@ -28,36 +25,18 @@ int checked(int result, const char* what) {
 
 }  // namespace
 
-FileWatch::FileWatch(const std::filesystem::path& directory, std::string name, std::function<void()> onChange)
+FileWatch::FileWatch(std::shared_ptr<Reactor> reactor, const std::filesystem::path& directory,
+                     std::string name, std::function<void()> onChange)
     : name_(std::move(name)),
       onChange_(std::move(onChange)),
-      events_(checked(inotify_init1(IN_NONBLOCK | IN_CLOEXEC), "inotify")),
-      end_(checked(eventfd(0, EFD_CLOEXEC), "eventfd")) {
+      events_(checked(inotify_init1(IN_NONBLOCK | IN_CLOEXEC), "inotify")) {
   checked(inotify_add_watch(events_.get(), directory.c_str(),
                             kFileChanges | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR | IN_DONT_FOLLOW),
           "inotify");
-  thread_ = std::thread([this] { run(); });
+  watch_ = DescriptorWatch(std::move(reactor), events_.get(), Readiness::readable, [this] { takeEvents(); });
 }
 
-FileWatch::~FileWatch() {
-  eventfd_write(end_.get(), 1);  // the counter is at 0: it cannot be full
-  thread_.join();
-}
-
-void FileWatch::run() const {
-  pthread_setname_np(pthread_self(), "file-watch");
-  for (;;) {
-    pollfd waited[] = {{events_.get(), POLLIN, 0}, {end_.get(), POLLIN, 0}};
-    if (poll(waited, 2, -1) < 0 && errno != EINTR) return;
-    if (waited[1].revents != 0) return;
-    if (waited[0].revents != 0 && !takeEvents()) {
-      kLog.error("The preferences' directory is gone; changes of the file are heeded after a restart");
-      return;
-    }
-  }
-}
-
-bool FileWatch::takeEvents() const {
+void FileWatch::takeEvents() {
   alignas(inotify_event) std::array<char, 4096> buffer;
   bool hasChanged = false;
   bool isWatching = true;
@@ -74,7 +53,9 @@ bool FileWatch::takeEvents() const {
     }
   }
   if (hasChanged) onChange_();
-  return isWatching;
+  if (isWatching) return;
+  kLog.error("The preferences' directory is gone; changes of the file are heeded after a restart");
+  watch_.cancel();
 }
 
 }  // namespace kestrune::linux_platform

@@ -2,10 +2,11 @@
 
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <string>
-#include <thread>
 
 #include "platform/linux/files/UniqueDescriptor.h"
+#include "platform/linux/reactor/DescriptorWatch.h"
 
 namespace kestrune::linux_platform {
 
@@ -13,24 +14,22 @@ namespace kestrune::linux_platform {
 /// the directory that is watched, which must exist; should it be removed or moved, the watch ends.
 class FileWatch {
  public:
-  /// `onChange` is called on a thread of the watch, for every change, one's own included. Throws
+  /// `onChange` is called on the reactor's queue, for every change, one's own included. Throws
   /// std::system_error.
-  FileWatch(const std::filesystem::path& directory, std::string name, std::function<void()> onChange);
-  /// Waits for a call of `onChange` to return.
-  ~FileWatch();
+  FileWatch(std::shared_ptr<Reactor> reactor, const std::filesystem::path& directory, std::string name,
+            std::function<void()> onChange);
+  /// Waits for a call of `onChange` to return, unless on the reactor's queue.
+  ~FileWatch() = default;
   FileWatch(const FileWatch&) = delete;
   FileWatch& operator=(const FileWatch&) = delete;
 
  private:
-  void run() const;
-  /// False when there is nothing to watch any more.
-  bool takeEvents() const;
+  void takeEvents();
 
   const std::string name_;
   const std::function<void()> onChange_;
   const UniqueDescriptor events_;
-  const UniqueDescriptor end_;
-  std::thread thread_;
+  DescriptorWatch watch_;
 };
 
 }  // namespace kestrune::linux_platform

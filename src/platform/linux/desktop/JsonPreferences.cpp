@@ -18,11 +18,13 @@ constexpr Logger kLog("App");
 
 }  // namespace
 
-JsonPreferences::JsonPreferences() : JsonPreferences(configHome() / "kestrune") {}
+JsonPreferences::JsonPreferences(std::shared_ptr<Reactor> watching)
+    : JsonPreferences(std::move(watching), configHome() / "kestrune") {}
 
-JsonPreferences::JsonPreferences(std::filesystem::path directory, std::shared_ptr<SerialQueue> writer,
-                                 std::chrono::milliseconds longestFlush)
-    : longestFlush_(longestFlush),
+JsonPreferences::JsonPreferences(std::shared_ptr<Reactor> watching, std::filesystem::path directory,
+                                 std::shared_ptr<SerialQueue> writer, std::chrono::milliseconds longestFlush)
+    : watching_(std::move(watching)),
+      longestFlush_(longestFlush),
       writer_(writer ? std::move(writer) : std::make_shared<ThreadQueue>("preferences")),
       store_(std::make_shared<PreferencesStore>(std::move(directory), writer_)) {
   store_->load();
@@ -59,7 +61,7 @@ void JsonPreferences::observeExternalChanges(std::shared_ptr<SerialQueue> queue,
   store_->observe(std::move(queue), std::move(observer));
   const std::weak_ptr<PreferencesStore> weak = store_;
   try {
-    watch_ = std::make_unique<FileWatch>(store_->directory(), PreferencesStore::kFileName, [weak] {
+    watch_ = std::make_unique<FileWatch>(watching_, store_->directory(), PreferencesStore::kFileName, [weak] {
       if (const auto store = weak.lock()) store->fileChanged();
     });
   } catch (const std::exception& error) {

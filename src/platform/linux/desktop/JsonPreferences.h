@@ -10,6 +10,7 @@ namespace kestrune::linux_platform {
 
 class FileWatch;
 class PreferencesStore;
+class Reactor;
 
 /// The preferences as one flat JSON object in `directory`/preferences.json, mode 0600, replaced in one step.
 /// Keys and values that the program does not know are kept. Where the file cannot be read or written, that is
@@ -29,11 +30,13 @@ class JsonPreferences final : public Preferences {
   static constexpr std::chrono::milliseconds kWriteDelay{50};
   static constexpr std::chrono::seconds kLongestFlush{3};
 
-  /// The default is $XDG_CONFIG_HOME/kestrune.
-  JsonPreferences();
-  /// `writer` is the queue that touches the file; by default one with a thread of its own.
-  explicit JsonPreferences(std::filesystem::path directory, std::shared_ptr<SerialQueue> writer = nullptr,
-                           std::chrono::milliseconds longestFlush = kLongestFlush);
+  /// In $XDG_CONFIG_HOME/kestrune.
+  explicit JsonPreferences(std::shared_ptr<Reactor> watching);
+  /// `watching` waits for changes of the file, and never for the disk. `writer` is the queue that touches the
+  /// file; by default one with a thread of its own.
+  JsonPreferences(std::shared_ptr<Reactor> watching, std::filesystem::path directory,
+                  std::shared_ptr<SerialQueue> writer = nullptr,
+                  std::chrono::milliseconds longestFlush = kLongestFlush);
   ~JsonPreferences() override;
 
   std::optional<PreferenceValue> value(std::string_view key) const override;
@@ -42,6 +45,7 @@ class JsonPreferences final : public Preferences {
   void observeExternalChanges(std::shared_ptr<SerialQueue> queue, ChangeObserver observer) override;
 
  private:
+  const std::shared_ptr<Reactor> watching_;
   const std::chrono::milliseconds longestFlush_;
   std::shared_ptr<SerialQueue> writer_;
   const std::shared_ptr<PreferencesStore> store_;

@@ -1,21 +1,16 @@
 #include "platform/linux/desktop/SystemActivities.h"
 
 #include <poll.h>
-#include <pthread.h>
-#include <sys/eventfd.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <cerrno>
+#include <initializer_list>
 #include <map>
-#include <mutex>
 #include <optional>
-#include <system_error>
+#include <utility>
 #include <vector>
 
 #include "platform/linux/desktop/BusInhibitor.h"
 #include "platform/linux/desktop/XScreenSaverSuspension.h"
-#include "platform/linux/files/UniqueDescriptor.h"
+#include "platform/linux/reactor/DescriptorWatch.h"
 #include "runtime/Log.h"
 
 namespace kestrune::linux_platform {
@@ -24,7 +19,7 @@ namespace {
 constexpr Logger kLog("App");
 using State = BusInhibitor::State;
 
-/// Tells of each change in one line. Nothing is told of what is off or not known yet.
+/// Logs each change in one line, and nothing of what is off or not known yet.
 class Report {
  public:
   void off() { last_.clear(); }
@@ -43,108 +38,71 @@ class Report {
 
 }  // namespace
 
-/// What the running activities want, for the thread to bring about.
-class SystemActivities::Wishes {
+/// What is wanted and what is held. On the reactor's queue, but for its construction.
+class SystemActivities::Worker : public std::enable_shared_from_this<Worker> {
  public:
-  struct Snapshot {
-    bool isOver = false;
-    // The reason of the oldest activity that wants it, or nothing.
-    std::optional<std::string> system;
-    std::optional<std::string> display;
-  };
-
-  Wishes() : changed_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-    if (!changed_) throw std::system_error(errno, std::generic_category(), "eventfd");
-  }
-
-  std::uint64_t add(ActivityOptions options, std::string reason) {
-    const std::lock_guard guard(lock_);
-    activities_.emplace(++latest_, Wish{options, std::move(reason)});
-    wake();
-    return latest_;
-  }
-  void remove(std::uint64_t activity) {
-    const std::lock_guard guard(lock_);
-    activities_.erase(activity);
-    wake();
-  }
-  void end() {
-    const std::lock_guard guard(lock_);
-    isOver_ = true;
-    wake();
-  }
-
-  /// Readable after a change, until the next look.
-  int descriptor() const { return changed_.get(); }
-  Snapshot look() {
-    const std::lock_guard guard(lock_);
-    std::uint64_t count = 0;
-    [[maybe_unused]] const ssize_t result = read(changed_.get(), &count, sizeof count);
-    return {isOver_, reasonFor(kActivityIdleSystemSleepDisabled),
-            reasonFor(kActivityIdleDisplaySleepDisabled)};
-  }
-
- private:
-  struct Wish {
-    ActivityOptions options;
-    std::string reason;
-  };
-
-  void wake() const {
-    const std::uint64_t one = 1;
-    [[maybe_unused]] const ssize_t result = write(changed_.get(), &one, sizeof one);
-  }
-  std::optional<std::string> reasonFor(ActivityOptions option) const {
-    for (const auto& [number, wish] : activities_) {
-      if ((wish.options & option) != 0) return wish.reason;
-    }
-    return {};
-  }
-
-  const UniqueDescriptor changed_;
-  std::mutex lock_;  // guards everything below
-  std::map<std::uint64_t, Wish> activities_;
-  std::uint64_t latest_ = 0;
-  bool isOver_ = false;
-};
-
-class SystemActivities::RunningActivity final : public Activity {
- public:
-  RunningActivity(std::shared_ptr<Wishes> wishes, std::uint64_t number)
-      : wishes_(std::move(wishes)), number_(number) {}
-  ~RunningActivity() override { wishes_->remove(number_); }
-
- private:
-  const std::shared_ptr<Wishes> wishes_;
-  const std::uint64_t number_;
-};
-
-/// The thread's side: everything here is its own.
-class SystemActivities::Worker {
- public:
-  explicit Worker(const Settings& settings)
-      : idle_({settings.systemBus, settings.answerTimeout, settings.retryDelay}),
+  Worker(std::shared_ptr<Reactor> reactor, const Settings& settings)
+      : reactor_(std::move(reactor)),
+        idle_({settings.systemBus, settings.answerTimeout, settings.retryDelay}),
         screenSaver_({settings.sessionBus, settings.answerTimeout, settings.retryDelay}),
         suspension_(settings.displayName),
         retryDelay_(settings.retryDelay) {}
 
-  void run(Wishes& wishes) {
-    for (;;) {
-      const auto wanted = wishes.look();
-      if (wanted.isOver) break;
-      const auto now = std::chrono::steady_clock::now();
-      bringAbout(idle_, wanted.system, now);
-      bringAbout(screenSaver_, wanted.display, now);
-      suspendWithoutService(now);
-      tell();
-      wait(wishes.descriptor());
-    }
+  void add(std::uint64_t number, ActivityOptions options, std::string reason) {
+    activities_.emplace(number, WantedActivity{options, std::move(reason)});
+    scheduleUpdate();
+  }
+  void remove(std::uint64_t number) {
+    activities_.erase(number);
+    scheduleUpdate();
+  }
+  void end() {
+    watches_.clear();
+    timer_.cancel();
+    isEnded_ = true;
     idle_.release();
     screenSaver_.release();
+    suspension_.release();
   }
 
  private:
-  static void bringAbout(BusInhibitor& inhibitor, const std::optional<std::string>& reason, SteadyTime now) {
+  struct WantedActivity {
+    ActivityOptions options;
+    std::string reason;
+  };
+
+  /// The reason of the oldest activity with this option, or nothing.
+  std::optional<std::string> reasonFor(ActivityOptions option) const {
+    for (const auto& [number, activity] : activities_) {
+      if ((activity.options & option) != 0) return activity.reason;
+    }
+    return {};
+  }
+
+  /// Behind the changes that wait already, so that the last of them counts.
+  void scheduleUpdate() {
+    if (std::exchange(isUpdateScheduled_, true)) return;
+    reactor_->post([weak = weak_from_this()] {
+      const auto self = weak.lock();
+      if (!self) return;
+      self->isUpdateScheduled_ = false;
+      self->update();
+    });
+  }
+
+  void update() {
+    if (isEnded_) return;
+    watches_.clear();  // what follows may close the descriptors
+    timer_.cancel();
+    const auto now = std::chrono::steady_clock::now();
+    apply(idle_, reasonFor(kActivityIdleSystemSleepDisabled), now);
+    apply(screenSaver_, reasonFor(kActivityIdleDisplaySleepDisabled), now);
+    suspendWithoutService(now);
+    report();
+    wait();
+  }
+
+  static void apply(BusInhibitor& inhibitor, const std::optional<std::string>& reason, SteadyTime now) {
     if (reason) {
       inhibitor.hold(*reason);
     } else {
@@ -172,7 +130,7 @@ class SystemActivities::Worker {
     }
   }
 
-  void tell() {
+  void report() {
     switch (idle_.state()) {
       case State::off:
         idleReport_.off();
@@ -206,22 +164,31 @@ class SystemActivities::Worker {
     }
   }
 
-  void wait(int changed) const {
-    std::vector<pollfd> waited{{changed, POLLIN, 0}};
-    idle_.addDescriptors(waited);
-    screenSaver_.addDescriptors(waited);
-    suspension_.addDescriptors(waited);
-    std::optional<SteadyTime> next = idle_.deadline();
-    if (const auto other = screenSaver_.deadline(); other && (!next || *other < *next)) next = other;
-    int timeout = -1;
-    if (next) {
-      const auto left =
-          std::chrono::ceil<std::chrono::milliseconds>(*next - std::chrono::steady_clock::now());
-      timeout = static_cast<int>(std::max<std::int64_t>(left.count(), 0));
-    }
-    poll(waited.data(), waited.size(), timeout);
+  static Readiness readiness(int events) {
+    const bool wantsToRead = (events & POLLIN) != 0;
+    if ((events & POLLOUT) != 0) return wantsToRead ? Readiness::readableOrWritable : Readiness::writable;
+    return wantsToRead ? Readiness::readable : Readiness::failed;
   }
 
+  void wait() {
+    const auto onReady = [this] { scheduleUpdate(); };
+    for (const BusInhibitor* inhibitor : std::initializer_list<const BusInhibitor*>{&idle_, &screenSaver_}) {
+      const int descriptor = inhibitor->descriptor();
+      if (descriptor < 0) continue;
+      watches_.emplace_back(reactor_, descriptor, readiness(inhibitor->events()), onReady);
+    }
+    if (const int descriptor = suspension_.descriptor(); descriptor >= 0) {
+      watches_.emplace_back(reactor_, descriptor, Readiness::readable, onReady);
+    }
+    std::optional<SteadyTime> next = idle_.deadline();
+    if (const auto other = screenSaver_.deadline(); other && (!next || *other < *next)) next = other;
+    if (!next) return;
+    timer_ = reactor_->postAfter(*next - std::chrono::steady_clock::now(), [weak = weak_from_this()] {
+      if (const auto self = weak.lock()) self->update();
+    });
+  }
+
+  const std::shared_ptr<Reactor> reactor_;
   IdleInhibitor idle_;
   ScreenSaverInhibitor screenSaver_;
   XScreenSaverSuspension suspension_;
@@ -230,21 +197,41 @@ class SystemActivities::Worker {
   std::string suspensionFailure_;
   Report idleReport_;
   Report displayReport_;
+  std::map<std::uint64_t, WantedActivity> activities_;  // by number: the oldest first
+  bool isUpdateScheduled_ = false;
+  bool isEnded_ = false;
+  std::vector<DescriptorWatch> watches_;  // behind what they watch
+  DelayedWork timer_;
 };
 
-SystemActivities::SystemActivities(Settings settings)
-    : wishes_(std::make_shared<Wishes>()), thread_([wishes = wishes_, settings = std::move(settings)] {
-        pthread_setname_np(pthread_self(), "power");
-        Worker(settings).run(*wishes);
-      }) {}
+class SystemActivities::RunningActivity final : public Activity {
+ public:
+  RunningActivity(std::shared_ptr<Reactor> reactor, std::shared_ptr<Worker> worker, std::uint64_t number)
+      : reactor_(std::move(reactor)), worker_(std::move(worker)), number_(number) {}
+  ~RunningActivity() override {
+    reactor_->post([worker = worker_, number = number_] { worker->remove(number); });
+  }
+
+ private:
+  const std::shared_ptr<Reactor> reactor_;
+  const std::shared_ptr<Worker> worker_;
+  const std::uint64_t number_;
+};
+
+SystemActivities::SystemActivities(const Settings& settings)
+    : thread_("power"), worker_(std::make_shared<Worker>(thread_.reactor(), settings)) {}
 
 SystemActivities::~SystemActivities() {
-  wishes_->end();
-  thread_.join();
+  thread_.reactor()->runAndWait([this] { worker_->end(); });
 }
 
 std::unique_ptr<Activity> SystemActivities::beginActivity(ActivityOptions options, std::string reason) {
-  return std::make_unique<RunningActivity>(wishes_, wishes_->add(options, std::move(reason)));
+  const std::uint64_t number = ++latest_;
+  const auto& reactor = thread_.reactor();
+  reactor->post([worker = worker_, number, options, reason = std::move(reason)]() mutable {
+    worker->add(number, options, std::move(reason));
+  });
+  return std::make_unique<RunningActivity>(reactor, worker_, number);
 }
 
 }  // namespace kestrune::linux_platform

@@ -1,19 +1,21 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <memory>
 #include <string>
-#include <thread>
 
 #include "platform/Activities.h"
+#include "platform/linux/reactor/ReactorThread.h"
 
 namespace kestrune::linux_platform {
 
 /// Activities that keep the machine awake: idle system sleep is held off through logind, idle display sleep
 /// through the screen saver service of the session, and by suspending the X server's screen saver while there
 /// is no such service. Everything is tied to connections and descriptors of this process, so it is gone with
-/// the process, and to one thread that talks to the services and tells in the log what is held and what
-/// cannot be; whoever begins or ends an activity never waits for them.
+/// the process, and to one thread ("power") that talks to the services and logs what is held and what cannot
+/// be; whoever begins or ends an activity never waits for them.
 class SystemActivities final : public Activities {
  public:
   struct Settings {
@@ -27,7 +29,7 @@ class SystemActivities final : public Activities {
   };
 
   /// Throws a std::system_error where the system gives no descriptor or no thread.
-  explicit SystemActivities(Settings settings);
+  explicit SystemActivities(const Settings& settings);
   SystemActivities() : SystemActivities(Settings()) {}
   /// Ends what is held.
   ~SystemActivities() override;
@@ -35,12 +37,13 @@ class SystemActivities final : public Activities {
   std::unique_ptr<Activity> beginActivity(ActivityOptions options, std::string reason) override;
 
  private:
-  class Wishes;
-  class RunningActivity;
   class Worker;
+  class RunningActivity;
 
-  const std::shared_ptr<Wishes> wishes_;
-  std::thread thread_;
+  // Of its own: the suspension of the screen saver waits for the X server.
+  ReactorThread thread_;
+  const std::shared_ptr<Worker> worker_;
+  std::atomic<std::uint64_t> latest_{0};
 };
 
 }  // namespace kestrune::linux_platform

@@ -39,8 +39,4 @@ void XScreenSaverSuspension::advance() {
   if (connection_->isBroken()) connection_.reset();
 }
 
-void XScreenSaverSuspension::addDescriptors(std::vector<pollfd>& waited) const {
-  if (connection_) waited.push_back({connection_->descriptor(), POLLIN, 0});
-}
-
 }  // namespace kestrune::linux_platform

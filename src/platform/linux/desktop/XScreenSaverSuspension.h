@@ -1,11 +1,8 @@
 #pragma once
 
-#include <poll.h>
-
 #include <memory>
 #include <optional>
 #include <string>
-#include <vector>
 
 #include "platform/linux/x11/X11Connection.h"
 
@@ -25,7 +22,8 @@ class XScreenSaverSuspension {
   /// Notices the loss of the connection, to be called when the descriptor is ready.
   void advance();
 
-  void addDescriptors(std::vector<pollfd>& waited) const;
+  /// Negative while it is not held. advance() and release() may close it.
+  int descriptor() const { return connection_ ? connection_->descriptor() : -1; }
   bool isHeld() const { return connection_ != nullptr; }
 
  private:
