@@ -1,9 +1,8 @@
 #include "HeadlessApplication.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
-#include <system_error>
+#include <utility>
 
 namespace kestrune {
 
@@ -13,16 +12,9 @@ void printLine(std::string_view label, std::string text) {
   std::fflush(stdout);
 }
 
-std::string portTakenMessage(std::uint16_t port) {
-  return "Port " + std::to_string(port) +
-         " on 127.0.0.1 is already in use: another Kestrune, or another program, is running there. Stop it, "
-         "then try again.";
-}
-
 HeadlessApplication::HeadlessApplication(std::shared_ptr<RunLoopQueue> mainQueue,
-                                         std::shared_ptr<StreamCoordinator> coordinator,
-                                         std::uint16_t viewerPort)
-    : mainQueue_(std::move(mainQueue)), coordinator_(std::move(coordinator)), viewerPort_(viewerPort) {}
+                                         std::shared_ptr<StreamCoordinator> coordinator)
+    : mainQueue_(std::move(mainQueue)), coordinator_(std::move(coordinator)) {}
 
 void HeadlessApplication::launch(bool selectsDisplay) {
   observe();
@@ -51,15 +43,9 @@ Task<void> HeadlessApplication::run(std::shared_ptr<HeadlessApplication> self, b
   if (coordinator.isRemoteStartArmed) {
     printLine("Local viewer", coordinator.localViewerURL);
   } else if (coordinator.phase->value == StreamPhase::Case::failed) {
-    self->explainFailure(coordinator.phase->failureMessage);
     self->exitCode_ = 1;
     self->requestTermination();
   }
-}
-
-void HeadlessApplication::explainFailure(const std::string& message) const {
-  if (message.find(std::generic_category().message(EADDRINUSE)) == std::string::npos) return;
-  printLine("Error", portTakenMessage(viewerPort_));
 }
 
 void HeadlessApplication::requestTermination() {

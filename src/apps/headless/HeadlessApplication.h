@@ -1,6 +1,5 @@
 #pragma once
 
-#include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -20,8 +19,8 @@ namespace kestrune {
 ///   Error: MESSAGE        at each new message
 class HeadlessApplication final : public std::enable_shared_from_this<HeadlessApplication> {
  public:
-  HeadlessApplication(std::shared_ptr<RunLoopQueue> mainQueue, std::shared_ptr<StreamCoordinator> coordinator,
-                      std::uint16_t viewerPort);
+  HeadlessApplication(std::shared_ptr<RunLoopQueue> mainQueue,
+                      std::shared_ptr<StreamCoordinator> coordinator);
 
   /// Starts with the first turn of the main queue. Without a source to select, the server comes up alone.
   void launch(bool selectsDisplay);
@@ -33,12 +32,9 @@ class HeadlessApplication final : public std::enable_shared_from_this<HeadlessAp
  private:
   static Task<void> run(std::shared_ptr<HeadlessApplication> self, bool selectsDisplay);
   void observe();
-  /// Says in plain words what the system's own leave open.
-  void explainFailure(const std::string& message) const;
 
   const std::shared_ptr<RunLoopQueue> mainQueue_;
   const std::shared_ptr<StreamCoordinator> coordinator_;
-  const std::uint16_t viewerPort_;
   std::shared_ptr<ApplicationDelegate> delegate_;
   std::vector<Observation> observations_;
   int exitCode_ = 0;
@@ -46,6 +42,5 @@ class HeadlessApplication final : public std::enable_shared_from_this<HeadlessAp
 
 /// One whole line on standard output, at once. Line breaks within the text become spaces.
 void printLine(std::string_view label, std::string text);
-std::string portTakenMessage(std::uint16_t port);
 
 }  // namespace kestrune

@@ -110,7 +110,9 @@ int runProgram(const Options& options) {
   });
   // Before anything is read or written: the program that runs there may share our settings.
   if (isPortTaken(options.port)) {
-    printLine("Error", portTakenMessage(options.port));
+    printLine("Error", "Port " + std::to_string(options.port) +
+                           " on 127.0.0.1 is already in use: another Kestrune, or another program, is "
+                           "running there. Stop it, then try again.");
     return kStartFailed;
   }
   const Platform platform = linux_platform::makeLinuxPlatform(watch.reactor());
@@ -122,7 +124,7 @@ int runProgram(const Options& options) {
   }
   setMainBundle(platform.bundle);
   *application = std::make_shared<HeadlessApplication>(
-      mainQueue, StreamCoordinator::make(platform, mainQueue, options.port), options.port);
+      mainQueue, StreamCoordinator::make(platform, mainQueue, options.port));
   (*application)->launch(!options.isSmokeTest);
   mainQueue->run();
   const int exitCode = (*application)->exitCode();
