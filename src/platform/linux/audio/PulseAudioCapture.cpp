@@ -10,6 +10,7 @@
 
 #include "platform/linux/audio/PulseConnection.h"
 #include "runtime/Log.h"
+#include "runtime/MonotonicTime.h"
 
 namespace kestrune::linux_platform {
 namespace {

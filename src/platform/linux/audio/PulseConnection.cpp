@@ -6,8 +6,9 @@
 #include <pulse/timeval.h>
 
 #include <algorithm>
-#include <ctime>
 #include <utility>
+
+#include "runtime/MonotonicTime.h"
 
 namespace kestrune::linux_platform {
 namespace {
@@ -29,12 +30,6 @@ PulseConnection* connection(void* userdata) {
 }
 
 }  // namespace
-
-Duration monotonicNow() {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
-}
 
 void PulseConnection::ContextRelease::operator()(pa_context* context) const {
   pa_context_set_state_callback(context, nullptr, nullptr);

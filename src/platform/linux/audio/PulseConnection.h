@@ -84,7 +84,4 @@ class PulseConnection {
   std::unique_ptr<pa_stream, StreamRelease> stream_;
 };
 
-/// Now on CLOCK_MONOTONIC.
-Duration monotonicNow();
-
 }  // namespace kestrune::linux_platform

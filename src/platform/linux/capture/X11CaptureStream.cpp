@@ -15,16 +15,11 @@
 
 #include "platform/linux/capture/CaptureSession.h"
 #include "platform/linux/x11/EventFd.h"
+#include "runtime/MonotonicTime.h"
 
 namespace kestrune::linux_platform {
 
 namespace {
-
-Duration monotonicNow() {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
-}
 
 std::exception_ptr failure(const char* text) {
   return std::make_exception_ptr(X11Error(text));
