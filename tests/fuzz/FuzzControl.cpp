@@ -12,8 +12,7 @@ namespace {
 
 void check(const ViewerCommand& command) {
   if (const auto* tap = std::get_if<viewer_command::Tap>(&command)) {
-    require(!tap->position || (std::isfinite(tap->position->x) && std::isfinite(tap->position->y)),
-            "a tap has finite coordinates");
+    require(std::isfinite(tap->position.x) && std::isfinite(tap->position.y), "a tap has finite coordinates");
   } else if (const auto* move = std::get_if<viewer_command::Move>(&command)) {
     require(std::isfinite(move->dx) && std::isfinite(move->dy) && std::isfinite(move->sensitivity),
             "a move is finite");
