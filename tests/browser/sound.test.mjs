@@ -5,7 +5,7 @@
 import assert from 'node:assert/strict';
 import { after, afterEach, before, beforeEach, test } from 'node:test';
 
-import { Host, SoundServer, XServer, assertNoFaults, connectViewer, launchBrowser, listen, waitFor, watchFaults } from './lab.mjs';
+import { Host, SoundServer, XServer, assertNoFaults, connectViewer, launchBrowser, listen, spawnQuiet, waitFor, watchFaults } from './lab.mjs';
 
 const build = process.env.KESTRUNE_BUILD;
 assert.ok(build, 'KESTRUNE_BUILD names the build folder');
@@ -86,13 +86,17 @@ test('waits for a gesture and says so; then plays, in step with the picture, and
   assert.equal(await page.locator('#sound-prompt').isVisible(), false);
   assert.ok(polls.every(({ authorized }) => authorized));
   assert.ok(polls[0].after > 0, 'begins at the live edge');
+  // Pictures that come often enough for a mean.
+  const counter = spawnQuiet('xterm', ['-e', 'sh', '-c', 'while :; do date +%N; sleep 0.03; done'], { DISPLAY: server.display });
+  let seen;
   await waitFor(async () => {
     const { audio, lipSyncMilliseconds } = await page.evaluate(() => window.kestruneViewer.stats);
-    assert.ok(audio.bufferMilliseconds > 40 && audio.bufferMilliseconds < 600, `${audio.bufferMilliseconds} ms held`);
-    assert.ok(Math.abs(lipSyncMilliseconds) < 40, `picture ${lipSyncMilliseconds} ms behind the sound`);
     const { viewer } = await status();
-    return viewer.audioBufferMilliseconds > 40 && Number.isInteger(viewer.audioDriftMilliseconds);
-  });
+    seen = { held: audio.bufferMilliseconds, lipSyncMilliseconds, viewer };
+    return audio.bufferMilliseconds > 40 && audio.bufferMilliseconds < 600 && Math.abs(lipSyncMilliseconds) < 40
+      && viewer.audioBufferMilliseconds > 40 && Number.isInteger(viewer.audioDriftMilliseconds);
+  }, 10, () => JSON.stringify(seen));
+  counter.kill();
   stopTone();
   await hearSilence();
 });
