@@ -13,7 +13,7 @@ const HEADROOM_MS = 4;
 /**
  * Depth of the picture queue in video mode. It covers the lateness of 95 of 100 recent frames, grows at once when the
  * road gets worse, since a stutter is seen immediately, and shrinks slowly, since a shrinking queue plays faster.
- * In control mode nobody asks: there is no queue.
+ * In control mode there is no queue, and it is not consulted.
  */
 export class QueueDepth {
   constructor() {
@@ -126,7 +126,7 @@ export class SoundReserve {
   }
 }
 
-const MOST_CORRECTION = 0.005; // 9 cents: nobody hears it, and it moves 5 ms in a second
+const MOST_CORRECTION = 0.005; // 9 cents, below what can be heard; it moves 5 ms in a second
 const MOST_CLOCK_DRIFT = 0.002; // far beyond any pair of crystals
 const PROPORTIONAL_PER_MS = 0.0001; // an error decays with a time constant of 10 s
 const INTEGRAL_PER_MS_SECOND = 0.0000025; // critically damped with the above

@@ -118,7 +118,7 @@ class Viewer {
       this.model.everConnected = true;
       this.startAsked = false;
       this.video.restart();
-      // A new connection begins in video mode, whatever the last one was in.
+      // A new connection begins in video mode, also after one in control mode.
       if (this.model.mode === 'control') this.send(control.mode('control'));
     } else {
       this.outbox.clear();
@@ -153,7 +153,7 @@ class Viewer {
     this.settings = settings;
     this.video.setCodec(settings.codec);
     if (settings.reconfigured === true) this.video.reconfigure();
-    // Said before any frame comes, so that no time is lost on frames that nobody here can decode.
+    // Said before any frame comes, so that no time is lost on frames that this browser cannot decode.
     if (settings.codec === 'hevc' && !(await canDecodeHevc())) this.send(control.simple('codecFallback'));
   }
 
@@ -268,7 +268,7 @@ class Viewer {
     this.render();
   }
 
-  // Wishes of the user
+  // Actions of the user
 
   act(action, value) {
     const simple = { playPause: 'playPause', fullscreen: 'fullscreen', openChrome: 'openChrome', resetBrowser: 'resetBrowser' };

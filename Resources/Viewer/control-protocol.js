@@ -161,12 +161,12 @@ export class InputOutbox {
     }
   }
 
-  /** Text, keys and whatever else needs order but no spacing. */
+  /** Text, keys and all else that needs order but no spacing. */
   message(message) {
     this.push({ clock: null, message });
   }
 
-  /** Forgets what waits and lets go of a held button. */
+  /** Drops what waits and releases a held button. */
   release() {
     this.clear();
     this.io.send(control.pointer('cancel', { x: 0, y: 0 }));

@@ -1,6 +1,6 @@
 /**
  * The page's elements: what is said in place of a picture, the dock, the remote pointer, and the events of fingers,
- * mouse and keyboard. Decides nothing about the stream; it shows a model and reports wishes.
+ * mouse and keyboard. Decides nothing about the stream; it shows a model and reports actions.
  */
 
 import { GestureRecogniser, NAMED_KEYS, control, graphemes, namedKey, normalizedPoint, pictureRect, textMessages } from './control-protocol.js';
@@ -102,7 +102,7 @@ export function soundFor(state) {
 const VISIBLE_STEP = 1; // CSS pixels
 const TOUCH_ANSWER_MS = 50;
 
-/** Elements that only show. Wishes of the user arrive at `act(name)`. */
+/** Elements that only show. Actions of the user arrive at `act(name)`. */
 export class ViewerInterface {
   constructor(act) {
     this.act = act;

@@ -86,7 +86,7 @@ export class ReconnectPolicy {
 }
 
 /**
- * Tells a dead link from a slow one: whatever comes from the host is a sign of life, and a ping asks for one.
+ * Tells a dead link from a slow one: everything that comes from the host is a sign of life, and a ping asks for one.
  * On a slow link the answer waits behind the picture, for seconds. The next ping waits for it: the host may answer
  * several pings at once, and the round trips would be those of other pings. Pure: the owner calls `due` at every
  * interval.

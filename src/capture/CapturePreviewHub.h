@@ -13,7 +13,7 @@
 
 namespace kestrune {
 
-/// Hands the newest captured frame to whoever shows it at the machine, without ever slowing the capture: only
+/// Hands the newest captured frame to a preview at the machine, without ever slowing the capture: only
 /// the latest frame is kept, and at most one delivery is on its way to the main queue, so that frames which
 /// come faster than it takes them replace each other.
 ///

@@ -40,7 +40,7 @@ class PCMConversionError final : public Error {
   std::string text_;
 };
 
-/// Turns whatever linear PCM arrives into signed 16-bit little-endian samples at 48000 Hz, in the channel
+/// Turns linear PCM of any format into signed 16-bit little-endian samples at 48000 Hz, in the channel
 /// count that is asked for. Only the first two channels are heard. The resampler lives from sample to sample
 /// as long as the format stays; a failure leaves it as it was. Any thread may call.
 class PCMConverter final : public AudioSampleConverter {

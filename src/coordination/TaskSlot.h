@@ -17,7 +17,7 @@ class TaskSlot {
   void hold(TaskHandle task) { task_ = std::move(task); }
   /// Asks the task to end; it runs until it has.
   void cancel() const { task_.cancel(); }
-  /// For a task that nobody has to wait for.
+  /// For a task without waiters.
   void cancelAndForget() {
     task_.cancel();
     task_.reset();

@@ -45,7 +45,7 @@ class RemoteControlService {
   RemoteTapResult move(double dx, double dy, double sensitivity);
   /// A whole click where the pointer is.
   RemoteTapResult click(RemoteMouseButton button);
-  /// Presses or lets go of the left button where the pointer is.
+  /// Presses or releases the left button where the pointer is.
   RemoteTapResult setButton(bool down);
   /// Positive is down and right; one unit is 600 pixels, at most 120 pixels a call.
   RemoteTapResult scroll(double dx, double dy);

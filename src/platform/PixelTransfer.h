@@ -7,7 +7,7 @@
 
 namespace kestrune {
 
-/// Buffers of one size and format that are used again when their last user lets go of them. Any thread may
+/// Buffers of one size and format that are reused once their last user has released them. Any thread may
 /// release.
 class PixelBufferPool {
  public:

@@ -31,7 +31,7 @@ class Preferences {
 
   /// The keys that somebody else has set, changed or removed; value() tells what they are now.
   using ChangeObserver = std::function<void(const std::vector<std::string>& keys)>;
-  /// Begins to heed the changes of others and tells `observer` of them on `queue`, a moment after they
+  /// Begins to watch for the changes of others and reports them to `observer` on `queue`, a moment after they
   /// happened. To be called at most once.
   virtual void observeExternalChanges(std::shared_ptr<SerialQueue> queue, ChangeObserver observer) = 0;
 };

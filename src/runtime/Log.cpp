@@ -50,7 +50,7 @@ class StandardErrorSink final : public LogSink {
     line.append(name(level)).append(" [").append(category).append("] ");
     for (const char c : message) line.push_back(static_cast<unsigned char>(c) < 0x20 || c == 0x7F ? '?' : c);
     line.push_back('\n');
-    // One write keeps lines of several threads apart; a failing standard error is nobody's business.
+    // One write keeps lines of several threads apart; a failing standard error is ignored.
     [[maybe_unused]] const auto written = ::write(STDERR_FILENO, line.data(), line.size());
   }
 

@@ -57,7 +57,7 @@ class Observable {
     const auto snapshot = observers_;
     for (const auto& entry : snapshot) {
       if (auto observer = entry.lock()) (*observer)(value_);
-      // An observer wrote again: everyone has already been told of the newer value.
+      // An observer wrote again: every observer has the newer value already.
       if (generation != generation_) return;
     }
   }

@@ -159,7 +159,7 @@ bool SleepAwaiter::suspend(std::coroutine_handle<> handle) {
     if (held->claim()) held->resumeHere();
   });
   auto wake = [weak, delayed] {
-    auto held = weak.lock();  // before the cancelled work lets go of it
+    auto held = weak.lock();  // before the cancelled work releases it
     if (delayed.cancel() && held && held->claim()) Resumption::post(std::move(held));
   };
   if (!self->setCancelHook(wake)) wake();

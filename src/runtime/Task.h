@@ -67,7 +67,7 @@ class TaskContext : public std::enable_shared_from_this<TaskContext> {
   std::coroutine_handle<> root_;
 };
 
-/// The right to resume one suspended coroutine once. When the last owner lets go of it unused, the task is
+/// The right to resume one suspended coroutine once. When the last owner drops it unused, the task is
 /// abandoned: a queue that ends, or a completion that is dropped, leaks no frame.
 class Resumption {
  public:

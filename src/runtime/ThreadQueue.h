@@ -12,7 +12,7 @@
 
 namespace kestrune {
 
-/// A queue that runs on whatever thread calls run(), such as the main thread of a program without a window.
+/// A queue that runs on the thread that calls run(), such as the main thread of a program without a window.
 class RunLoopQueue : public SerialQueue {
  public:
   explicit RunLoopQueue(std::string name, std::shared_ptr<const Clock> clock = systemClock());

@@ -9,7 +9,7 @@ namespace kestrune {
 namespace {
 
 /// WebAssembly decoders compile at run time and run in workers; frames are shown as data and blob URLs; the
-/// stream is a WebSocket to this server under whatever name the viewer reached it.
+/// stream is a WebSocket to this server under the name by which the viewer reached it.
 constexpr std::string_view kContentSecurityPolicy =
     "default-src 'self'; script-src 'self' 'unsafe-eval' 'wasm-unsafe-eval'; style-src 'self'; "
     "connect-src 'self' ws: wss:; worker-src 'self'; img-src 'self' data:; media-src blob:; "

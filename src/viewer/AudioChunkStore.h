@@ -37,7 +37,7 @@ class AudioChunkStore {
   /// then.
   StoredAudioChunk append(AudioPCMChunk chunk);
   /// What follows the number `after`, oldest first: at most `limit` chunks of one sample rate and channel
-  /// count and at most `maxBytes` of samples, except that the first chunk comes whatever its size. Both
+  /// count and at most `maxBytes` of samples, except that the first chunk comes in any size. Both
   /// limits above 0.
   std::vector<StoredAudioChunk> chunks(std::uint64_t after, std::size_t limit, std::size_t maxBytes) const;
   /// The newest number in the store; of an empty store the last one given, 0 before any.

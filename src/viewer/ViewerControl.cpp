@@ -12,7 +12,7 @@
 namespace kestrune {
 namespace {
 
-// What common JSON readers take; fields that nobody asks for may be nested as they like.
+// What common JSON readers take; fields that are not read may be nested to any depth.
 constexpr std::size_t kMaximumNesting = 512;
 
 using Outcome = std::optional<ViewerCommand>;

@@ -17,7 +17,7 @@
 namespace {
 
 constexpr kestrune::Logger kLog("App");
-// Above every limit within; whoever holds us up for longer gets no answer.
+// Above every limit within; a client that takes longer gets no answer.
 constexpr unsigned kLongestRunSeconds = 60;
 constexpr int kUsageExit = 64;
 

@@ -56,7 +56,8 @@ std::optional<Options> readOptions(int argumentCount, char** arguments) {
   return options;
 }
 
-/// Descriptors 0 to 2 that nobody opened would become those of the next files and sockets, and get our lines.
+/// Descriptors 0 to 2, if they are closed at start, would become those of the next files and sockets, and get
+/// our lines.
 void openStandardDescriptors() {
   int descriptor = 0;
   do {

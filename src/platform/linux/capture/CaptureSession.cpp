@@ -136,13 +136,14 @@ std::optional<Duration> CaptureSession::drawingPause(bool isRequested) const {
 
 std::optional<VideoSample> CaptureSession::next(Duration now, bool isRequested) {
   reader_.readEvents();
-  if (std::exchange(seenDamageNews_, reader_.damageNews()) != reader_.damageNews()) drawing_.drawn(now);
+  if (std::exchange(seenDamageReports_, reader_.damageReports()) != reader_.damageReports())
+    drawing_.drawn(now);
   followLayout(now);
   if (now < drawingPause(isRequested).value_or(Duration::min())) return std::nullopt;
   if (missingSince_ || now < pacer_.earliest() || !pool_->isAvailable()) return std::nullopt;
   const bool isRepeatDue =
       now >= (isRequested ? pacer_.earliestRepeat() : pacer_.nextRepeat().value_or(Duration::max()));
-  // A cursor that was moved by a program instead of a device is told of by nobody.
+  // The server does not report a cursor that a program moves instead of a device.
   const bool isCursorUnsure = configuration_.showsCursor && isRepeatDue;
   if (isChangePending() || isPointerCheckDue(now) || isCursorUnsure) {
     if (auto sample = capture(now)) {

@@ -19,7 +19,7 @@ namespace kestrune::linux_platform {
 /// CLOCK_MONOTONIC. Confined to the stream's thread. Throws an X11Error when the display is gone.
 class CaptureSession {
  public:
-  /// `onRelease` is called on any thread when the receiver lets go of a picture. `interrupt` ends waits for
+  /// `onRelease` is called on any thread when the receiver releases a picture. `interrupt` ends waits for
   /// the server.
   CaptureSession(const std::string& displayName, const ContentFilter& filter,
                  const ScreenStreamConfiguration& configuration, std::function<void()> onRelease,
@@ -72,7 +72,7 @@ class CaptureSession {
   std::optional<Duration> missingSince_;  // the display is not there
   FramePacer pacer_;
   DrawingWatch drawing_;
-  std::uint64_t seenDamageNews_ = 0;
+  std::uint64_t seenDamageReports_ = 0;
   std::optional<FramePool> pool_;
   std::optional<BgrxToNv12> converter_;
   bool isWholeDirty_ = true;

@@ -19,7 +19,7 @@ class DrawingWatch {
   /// ... and is not waited for longer than this in all.
   static constexpr Duration kPatience = std::chrono::milliseconds(5);
 
-  /// The server has told of more drawing.
+  /// The server has reported more drawing.
   void drawn(Duration now) {
     if (!first_) {
       first_ = now;

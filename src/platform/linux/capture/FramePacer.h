@@ -25,7 +25,7 @@ class FramePacer {
       std::chrono::milliseconds(1150), std::chrono::milliseconds(1300), std::chrono::milliseconds(1450)};
   /// How long it may take to sharpen all of a picture of dense text, at the lowest bit rate (measured for
   /// 1600x900 at 2 Mbit/s: 0.4 s for a fourteenth of it, 1.2 s for a quarter), with half as much again to be
-  /// safe. The first repeats come whatever the change.
+  /// safe. The first repeats come after any change.
   static constexpr Duration kWholeSharpening = std::chrono::seconds(8);
   static constexpr Duration kLeastSharpening = kRepeats[1];
   static constexpr Duration kSmallRepeat = std::chrono::milliseconds(600);

@@ -18,8 +18,8 @@ struct FramePool::Slot {
 
 /// Shared with the pictures that are out.
 struct FramePool::Ledger {
-  std::mutex lock;        // guards the two counts
-  std::vector<int> lent;  // per slot
+  std::mutex lock;         // guards the two counts
+  std::vector<int> inUse;  // per slot
   int totalLent = 0;
   std::function<void()> onRelease;
 };
@@ -43,7 +43,7 @@ void copyPart(const PixelBuffer& from, const PixelBuffer& to, const PixelRect& p
 FramePool::FramePool(int width, int height, int depth, std::function<void()> onRelease)
     : width_(width), height_(height), depth_(depth), ledger_(std::make_shared<Ledger>()) {
   ledger_->onRelease = std::move(onRelease);
-  ledger_->lent.resize(static_cast<std::size_t>(depth) + 1);
+  ledger_->inUse.resize(static_cast<std::size_t>(depth) + 1);
 }
 
 FramePool::~FramePool() = default;
@@ -58,7 +58,7 @@ const PixelBuffer* FramePool::beginPicture(const std::vector<PixelRect>& changes
   {
     const std::lock_guard guard(ledger_->lock);
     for (const auto& slot : slots_) {
-      const bool isFree = slot.get() != newest_ && ledger_->lent[slot->index] == 0;
+      const bool isFree = slot.get() != newest_ && ledger_->inUse[slot->index] == 0;
       if (isFree && (chosen == nullptr || slot->stale.area() < chosen->stale.area())) chosen = slot.get();
     }
   }
@@ -116,14 +116,14 @@ std::shared_ptr<PixelBuffer> FramePool::repeatPicture() {
 std::shared_ptr<PixelBuffer> FramePool::lend(Slot& slot) {
   {
     const std::lock_guard guard(ledger_->lock);
-    ++ledger_->lent[slot.index];
+    ++ledger_->inUse[slot.index];
     ++ledger_->totalLent;
   }
   std::shared_ptr<void> lease(slot.memory.get(),
                               [ledger = ledger_, memory = slot.memory, index = slot.index](void*) {
                                 {
                                   const std::lock_guard guard(ledger->lock);
-                                  --ledger->lent[index];
+                                  --ledger->inUse[index];
                                   --ledger->totalLent;
                                 }
                                 ledger->onRelease();

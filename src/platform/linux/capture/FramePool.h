@@ -10,14 +10,14 @@
 
 namespace kestrune::linux_platform {
 
-/// The pictures of a stream, used again when the receiver lets go of them. Each remembers what has changed
+/// The pictures of a stream, reused once the receiver has released them. Each remembers what has changed
 /// since it was current, so that only changes are converted and the rest is carried over from the newest one.
 ///
 /// The receiver can hold `depth` pictures at once; one more is kept here, the newest, to carry over from and
 /// to repeat. Confined to one thread but for the release of pictures.
 class FramePool {
  public:
-  /// `onRelease` is called, on any thread, whenever the receiver lets go of a picture; it may outlive the
+  /// `onRelease` is called, on any thread, whenever the receiver releases a picture; it may outlive the
   /// pool.
   FramePool(int width, int height, int depth, std::function<void()> onRelease);
   ~FramePool();

@@ -100,7 +100,7 @@ void ScreenReader::handle(const xcb_generic_event_t& event) {
     const PixelRect watched = intersection(watched_, {area.x, area.y, area.width, area.height});
     if (watched.width == 0) return;
     damage_.add(watched);
-    ++damageNews_;
+    ++damageReports_;
   } else if (type == cursorEvent_ || pointerWatch_.isMotion(event)) {
     cursorMayHaveChanged_ = true;
   } else if (layoutWatch_.isChange(event)) {

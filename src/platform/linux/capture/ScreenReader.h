@@ -38,7 +38,7 @@ class ScreenReader {
   /// What was drawn on since the last forgetDamage().
   const DirtyRegion& damage() const { return damage_; }
   /// Goes up by one with each piece of news of damage.
-  std::uint64_t damageNews() const { return damageNews_; }
+  std::uint64_t damageReports() const { return damageReports_; }
   /// Before reading what was damaged: later changes are told anew.
   void forgetDamage();
 
@@ -76,7 +76,7 @@ class ScreenReader {
   std::uint32_t damageId_ = 0;
   PixelRect watched_;
   DirtyRegion damage_;
-  std::uint64_t damageNews_ = 0;
+  std::uint64_t damageReports_ = 0;
   bool layoutChanged_ = false;
   bool cursorMayHaveChanged_ = true;
   CursorOverlay cursor_;

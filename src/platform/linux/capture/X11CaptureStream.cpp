@@ -236,7 +236,8 @@ bool X11CaptureStream::Core::runCommands(CaptureSession& session) {
 
 void X11CaptureStream::Core::sleep(CaptureSession& session, bool isRequested) const {
   const CaptureSession::Wait wait = session.wait(isRequested);
-  // What came together with an answer is out of the socket already, which then tells of nothing.
+  // Events that came with an answer are in the queue of xcb already: the socket does not become readable for
+  // them.
   if (wait.listensToServer && session.readQueuedEvents()) return;
   timespec timeout{};
   if (wait.until) {

@@ -14,7 +14,7 @@ class HelperCredentialConnector final : public CredentialConnector {
   HelperCredentialConnector();
   explicit HelperCredentialConnector(std::filesystem::path helper);
 
-  /// The helper serves one name, com.fennwick.Kestrune.CredentialHelper; under another there is nobody.
+  /// The helper serves one name, com.fennwick.Kestrune.CredentialHelper; under another nothing answers.
   std::unique_ptr<CredentialConnection> connect(const std::string& serviceName) override;
 
  private:

@@ -19,7 +19,7 @@ class SecretService {
     std::optional<Bytes> data;
   };
 
-  /// Null where there is no session bus or nobody on it serves secrets.
+  /// Null where there is no session bus, or no secret service on it.
   static std::unique_ptr<SecretService> connect();
 
   Found read(const std::string& service, const std::string& account) const;

@@ -13,7 +13,7 @@ namespace kestrune::linux_platform {
 /// anything, because it does not parse or its program is gone, counts as none.
 ///
 /// Registering is the user's own wish, so it switches on an entry that was switched off. An entry that starts
-/// this program already is left as it is, with whatever the user wrote into it.
+/// this program already is left as it is, with all that the user wrote into it.
 class AutostartLoginItem final : public LoginItem {
  public:
   /// The default is this program in $XDG_CONFIG_HOME/autostart.

@@ -19,7 +19,7 @@ struct UnreferenceMessage {
 using BusMessage = std::unique_ptr<sd_bus_message, UnreferenceMessage>;
 
 /// An inhibition that a service on a message bus grants, over a connection of its own: closing that ends
-/// whatever was granted on it, and so does the end of this process. It never waits; its owner does. A service
+/// what was granted on it, and so does the end of this process. It never waits; its owner does. A service
 /// that refuses, says nothing, ends or comes up late is asked again, at its return or after a while. Confined
 /// to one thread.
 class BusInhibitor {

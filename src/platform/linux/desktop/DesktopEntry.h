@@ -18,7 +18,7 @@ bool isSwitchedOff(const DesktopEntry& entry, std::string_view currentDesktop);
 
 /// A text as a value of type string.
 std::string desktopString(std::string_view text);
-/// A program's path as a value of Exec: one argument, whatever characters it has.
+/// A program's path as a value of Exec: one argument, of any characters.
 std::string desktopCommand(std::string_view program);
 
 }  // namespace kestrune::linux_platform

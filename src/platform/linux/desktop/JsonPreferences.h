@@ -17,9 +17,9 @@ class Reactor;
 /// logged, the values live as long as the process, and the writing is tried again from time to time.
 ///
 /// The file is read at construction; from then on it is read and written on a queue of its own, so that a
-/// slow disk holds up nobody. A change is written kWriteDelay later, together with those that came meanwhile;
-/// what somebody else writes before that is merged. Destruction writes what is left and waits for it,
-/// kLongestFlush at most.
+/// slow disk blocks no other thread. A change is written kWriteDelay later, together with those that came
+/// meanwhile; what somebody else writes before that is merged. Destruction writes what is left and waits for
+/// it, kLongestFlush at most.
 ///
 /// A file that is no JSON object at construction is set aside as preferences.json.invalid, with a line in the
 /// log. Later it is taken for the work of somebody who is not done yet: it stays as it is, the present values

@@ -21,7 +21,7 @@ constexpr std::chrono::milliseconds kLockPatience = 1s;
 /// Doubled with each try that fails.
 constexpr std::chrono::milliseconds kFirstRetry = 100ms;
 constexpr std::chrono::milliseconds kLongestRetry = 1min;
-/// 3 seconds: nobody holds the lock for as long without being stuck.
+/// 3 seconds: a holder that keeps the lock for longer is stuck.
 constexpr int kTriesBeforeALockIsNews = 5;
 /// To write last, while somebody else goes on changing the file.
 constexpr int kTriesToFinish = 3;

@@ -15,8 +15,9 @@ namespace kestrune::linux_platform {
 /// What this process has changed at the X server that outlives its connection: keys and buttons that it holds
 /// down through XTEST, and key codes that it has borrowed for characters. Each change is noted before it is
 /// made, in a property of the root window (_KESTRUNE_HELD_INPUT, _KESTRUNE_BORROWED_KEYS), which dies with
-/// the server as what it tells of does. A selection (_KESTRUNE_INPUT) is owned meanwhile: properties without
-/// an owner were left behind by a process that died, and the next one undoes what they say.
+/// the server, and so does the input that it lists. A selection (_KESTRUNE_INPUT) is owned meanwhile:
+/// properties without an owner were left behind by a process that died, and the next one undoes what they
+/// say.
 ///
 /// While another process owns the selection, nothing is noted and nothing undone. Confined to one thread.
 class InputJournal {

@@ -77,7 +77,7 @@ class TextTyper::LiftedModifiers {
   LiftedModifiers& operator=(const LiftedModifiers&) = delete;
 
  private:
-  // Concerns the keypad only, on which nothing is typed; its lamp need not flicker.
+  // Concerns the keypad only, on which nothing is typed; leaving it spares the keyboard's indicator a change.
   static constexpr unsigned kNumLock = XCB_MOD_MASK_2;
 
   void setLocked(bool isOn) {

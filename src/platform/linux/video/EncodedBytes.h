@@ -34,8 +34,8 @@ class ParameterSetDescription final : public VideoFormatDescription {
   std::vector<Bytes> sets_;
 };
 
-/// Bytes in the encoder's memory, until revoke(): whoever kept the sample too long reads nothing. Confined to
-/// the thread of the output handler.
+/// Bytes in the encoder's memory, until revoke(): a sample that is kept for longer reads as empty. Confined
+/// to the thread of the output handler.
 class BorrowedBlockBuffer final : public BlockBuffer {
  public:
   explicit BorrowedBlockBuffer(ByteView bytes) : bytes_(bytes) {}

@@ -19,7 +19,7 @@ double KeyframeSchedule::age(std::optional<std::int64_t> presentationMicrosecond
 
 bool KeyframeSchedule::isDue(std::optional<std::int64_t> presentationMicroseconds, bool isUnchanged) const {
   if (!hasKeyframe_) return true;
-  if (!isUnchanged) return age(presentationMicroseconds) >= 1 && (!wasUnchanged_ || hasPutOff_);
+  if (!isUnchanged) return age(presentationMicroseconds) >= 1 && (!wasUnchanged_ || isOverdue_);
   const bool isSoonAfterChange = presentationMicroseconds && changeMicroseconds_ &&
                                  *presentationMicroseconds - *changeMicroseconds_ <= kSoonMicroseconds;
   return changedSinceKeyframe_ && isSoonAfterChange && age(presentationMicroseconds) >= kEarly;
@@ -32,10 +32,10 @@ void KeyframeSchedule::noteEncoded(bool isKeyframe, std::optional<std::int64_t> 
     framesSinceKeyframe_ = 0;
     keyframeMicroseconds_ = presentationMicroseconds;
     changedSinceKeyframe_ = false;
-    hasPutOff_ = false;
+    isOverdue_ = false;
   } else if (!isUnchanged) {
     changedSinceKeyframe_ = true;
-    hasPutOff_ = hasPutOff_ || age(presentationMicroseconds) >= 1;
+    isOverdue_ = isOverdue_ || age(presentationMicroseconds) >= 1;
   }
   if (!isUnchanged) changeMicroseconds_ = presentationMicroseconds;
   wasUnchanged_ = isUnchanged;

@@ -15,8 +15,8 @@ namespace kestrune::linux_platform {
 /// - soon after a change and a little before the limit, so that the next change finds the time used;
 /// - a change of a still screen is put before the keyframe that is due, once: the repeat soon after it, or
 ///   the next change, is the keyframe.
-/// A picture that stays as it is needs none: whoever could decode it has it already, and a keyframe every two
-/// seconds would be all that a still screen costs.
+/// A picture that stays as it is needs none: a viewer that could decode it has it already, and a keyframe
+/// every two seconds would be all that a still screen costs.
 class KeyframeSchedule {
  public:
   KeyframeSchedule(std::int64_t maximumFrames, std::int64_t maximumMicroseconds)
@@ -37,7 +37,7 @@ class KeyframeSchedule {
   bool changedSinceKeyframe_ = false;
   std::optional<std::int64_t> changeMicroseconds_;  // the last change
   bool wasUnchanged_ = false;                       // the frame before
-  bool hasPutOff_ = false;                          // since the keyframe
+  bool isOverdue_ = false;                          // since the keyframe
 };
 
 }  // namespace kestrune::linux_platform

@@ -53,7 +53,7 @@ bool X11Interrupt::isInterrupted() const {
 }
 
 /// xcb_connect() with a limit. It waits for the server on a thread of its own, which closes the connection
-/// itself if nobody waits for it any more.
+/// itself if its waiter has given up.
 class X11Connection::Attempt {
  public:
   /// Null if there was no answer in time. Throws an X11Error if it may not wait.

@@ -78,7 +78,7 @@ class X11Connection {
   bool isBroken() const { return xcb_connection_has_error(connection_) != 0; }
   /// Whether it broke because the server did not answer in time.
   bool isHung() const { return line_->isHung(); }
-  /// Throws what a broken connection means for whoever needs it.
+  /// Throws the X11Error of a connection that broke.
   [[noreturn]] void failLost() const;
 
   struct Extension {

@@ -15,8 +15,8 @@ namespace kestrune::linux_platform {
 /// the connection fails at once.
 ///
 /// One thread ("x11-watchdog") serves all connections of the process, and sleeps while none is used. It
-/// counts its own turns and not the clock, so that a process that was stopped or starved blames nobody. Any
-/// thread may call.
+/// counts its own turns and not the clock, so that a process that was stopped or starved does not count the
+/// server as hung. Any thread may call.
 class X11Watchdog {
  public:
   static constexpr std::chrono::milliseconds kTurn{500};
