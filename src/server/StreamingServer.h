@@ -58,8 +58,8 @@ class StreamingServer final : public ViewerRoute, public std::enable_shared_from
   StreamingServer(const StreamingServer&) = delete;
   StreamingServer& operator=(const StreamingServer&) = delete;
 
-  /// Set once by the owner before start(). Held while the server lives. A server without them has nobody to
-  /// take input or requests, and answers so (RemoteInput, ViewerRequests). An exception out of them ends the
+  /// Set once by the owner before start(). Held while the server lives. A server without them
+  /// refuses input and requests (RemoteInput, ViewerRequests). An exception out of them ends the
   /// connection that it concerns.
   void setHandlers(std::shared_ptr<RemoteInput> input, std::shared_ptr<ViewerRequests> requests);
 

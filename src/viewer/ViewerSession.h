@@ -70,7 +70,7 @@ class ViewerSession {
   struct Dispatch;
   using LastAccepted = std::optional<Duration>;
 
-  /// Whether the message counts for its spacing whatever its fields, and comes too soon.
+  /// Whether the message comes too soon; for the types whose spacing counts bad messages too.
   bool isTooSoon(const std::string& type, Duration now);
 
   const ViewerSessionRules rules_;

@@ -14,8 +14,8 @@ struct ViewerSessionRules {
   Duration pointerSpacing;
   /// For every phase; else for moves alone.
   bool spacesEveryPointerPhase;
-  /// A "pointer" or "click" delays the next one whatever its fields, as a "tap" does; else only if they are
-  /// good.
+  /// A "pointer" or "click" with bad fields delays the next one too, as a "tap" does; else only one
+  /// with good fields.
   bool spacesBeforeFields;
   /// A "pointer" of phase "up" is answered always; else only if it failed.
   bool answersPointerUp;

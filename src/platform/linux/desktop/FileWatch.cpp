@@ -48,7 +48,7 @@ void FileWatch::takeEvents() {
       const auto* event = reinterpret_cast<const inotify_event*>(buffer.data() + offset);
       offset += sizeof(inotify_event) + event->len;
       if (event->mask & kDirectoryEnds) isWatching = false;
-      // After an overflow of the queue nobody knows what happened.
+      // After an overflow of the queue any file may have changed.
       hasChanged |= (event->mask & IN_Q_OVERFLOW) != 0 || (event->len > 0 && name_ == event->name);
     }
   }

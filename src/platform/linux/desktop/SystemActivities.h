@@ -15,7 +15,7 @@ namespace kestrune::linux_platform {
 /// through the screen saver service of the session, and by suspending the X server's screen saver while there
 /// is no such service. Everything is tied to connections and descriptors of this process, so it is gone with
 /// the process, and to one thread ("power") that talks to the services and logs what is held and what cannot
-/// be; whoever begins or ends an activity never waits for them.
+/// be; beginning or ending an activity never waits for them.
 class SystemActivities final : public Activities {
  public:
   struct Settings {

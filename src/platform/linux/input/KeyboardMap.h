@@ -35,7 +35,7 @@ class KeyboardMap {
   bool refresh();
   /// A key of the user's own layout: in the group that is in use, plain or with Shift.
   std::optional<Key> ownKey(xkb_keysym_t symbol) const;
-  /// A key that gives `symbol` whatever modifiers for case are held, borrowed if need be. Nothing if the
+  /// A key that gives `symbol` under any modifiers for case, borrowed if need be. Nothing if the
   /// server refuses or no key code can be spared. May wait a moment for the least recently used one.
   std::optional<Key> anyKey(xkb_keysym_t symbol);
   /// Gives back all key codes that were not used for `idle`; zero gives back all.

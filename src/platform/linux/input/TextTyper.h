@@ -8,7 +8,7 @@
 
 namespace kestrune::linux_platform {
 
-/// Types text as key presses, in any script and whatever the user's layout is. Confined to one thread.
+/// Types text as key presses, in any script and under any keyboard layout. Confined to one thread.
 ///
 /// Each code point is its own key press: of a key of the layout where it has one, else of a borrowed key
 /// code. Modifiers that are held or locked are lifted meanwhile, since they would turn letters into commands

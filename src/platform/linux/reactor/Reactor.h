@@ -17,9 +17,9 @@ namespace kestrune::linux_platform {
 
 /// A serial queue whose thread also waits for descriptors (DescriptorWatch).
 ///
-/// Work and timers are kept here rather than in Boost.Asio's loop, so that they run first in first out
-/// whatever thread they come from, and by a clock that goes on while the machine sleeps (a timerfd on
-/// CLOCK_BOOTTIME). Descriptors get their turn between two batches of work.
+/// Work and timers are kept here rather than in Boost.Asio's loop, so that work of all threads runs first in
+/// first out, and timers by a clock that goes on while the machine sleeps (a timerfd on CLOCK_BOOTTIME).
+/// Descriptors get their turn between two batches of work.
 class Reactor final : public SerialQueue {
  public:
   /// Throws a std::system_error where the system gives no descriptor.
