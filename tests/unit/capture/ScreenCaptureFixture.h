@@ -83,6 +83,12 @@ class ScreenCaptureServiceTest : public ::testing::Test {
     service->setCallbacks(std::move(callbacks));
   }
 
+  /// Work that waits holds encoders, which hold the clock that holds the work.
+  ~ScreenCaptureServiceTest() override {
+    service.reset();
+    time->discardAll();
+  }
+
   /// Runs the task as far as it comes; see outcome().
   std::string run(Task<void> task) {
     running = startTask(main, std::move(task));

@@ -47,9 +47,12 @@ class CoordinatorTest : public testing::Test {
     displays->displays = screen->displays = {{7, {0, 0, 1000, 500}}};
   }
 
-  /// The fake sessions never answer, and an encoder lives until they have.
+  /// The fake sessions never answer, and an encoder lives until they have; work that waits holds encoders,
+  /// which hold the clock that holds the work.
   ~CoordinatorTest() override {
     for (const auto& session : compression->sessions) session->frames.clear();
+    coordinator.reset();
+    time->discardAll();
   }
 
   void make() {
