@@ -28,7 +28,7 @@ Task<void> ViewerRoutes::stop() {
   }
 }
 
-void ViewerRoutes::setState(RemoteStreamState state, std::optional<std::string> message) {
+void ViewerRoutes::setState(RemoteStreamState state, const std::optional<std::string>& message) {
   ++stateGeneration_;
   for (const auto& route : routes_) route->updateRemoteStreamState(state, message);
 }

@@ -24,7 +24,7 @@ class ViewerRoutes {
   /// Stops all, the last one first, and returns when they are torn down.
   Task<void> stop();
 
-  void setState(RemoteStreamState state, std::optional<std::string> message = {});
+  void setState(RemoteStreamState state, const std::optional<std::string>& message = {});
   /// Counts the calls of setState().
   std::uint64_t stateGeneration() const { return stateGeneration_; }
   void updateStreamSettings(StreamProfile profile, StreamFrameRate frameRate, StreamVideoCodec codec) const;

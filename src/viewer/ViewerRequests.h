@@ -24,7 +24,8 @@ class ViewerRequests {
   virtual void onVideoCodecFallbackRequested() {}
   virtual void onViewerTelemetry(const ViewerTelemetry&) {}
   /// False if the host takes no reports; the completion is then not called.
-  virtual bool onIssueReportRequested(const ViewerIssueReportRequest&, IssueReportCompletion) {
+  virtual bool onIssueReportRequested(const ViewerIssueReportRequest& /*request*/,
+                                      const IssueReportCompletion& /*completion*/) {
     return false;
   }
   /// `wasPlaying` is meant for a disconnect: the viewer was in video mode and had not paused.

@@ -102,10 +102,10 @@ class NotedRequests final : public ViewerRequests {
     log_.note(log_.numbers("telemetry", {telemetry.viewerFPS, static_cast<double>(telemetry.reconnects)}));
   }
   bool onIssueReportRequested(const ViewerIssueReportRequest& request,
-                              IssueReportCompletion completion) override {
+                              const IssueReportCompletion& completion) override {
     if (!log_.takesReports) return false;
     log_.note(request.reportId + " " + request.category + " " + request.symptom);
-    log_.finishReport = std::move(completion);
+    log_.finishReport = completion;
     return true;
   }
   void onViewerConnectionChanged(bool connected, bool wasPlaying) override {
