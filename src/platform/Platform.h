@@ -24,8 +24,8 @@
 namespace kestrune {
 
 /// Every port of the program. One function assembles the adapters of an operating system
-/// (platform/linux/LinuxPlatform.h), one the fakes of the tests (tests/support/FakePlatform.h). Nothing is
-/// null unless it says so.
+/// (platform/linux/LinuxPlatform.h); the fixture of the coordinator's tests assembles fakes. Nothing is null
+/// unless it says so.
 struct Platform {
   std::shared_ptr<const Clock> clock;
   /// Makes a queue with a thread of its own.

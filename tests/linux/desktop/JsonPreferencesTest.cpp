@@ -105,7 +105,7 @@ TEST_F(JsonPreferencesTest, WhatOthersWriteIsMergedAndTold) {
   preferences.set("both", std::int64_t{1});
   time_->advance(JsonPreferences::kWriteDelay);
   preferences.observeExternalChanges(time_->makeQueue(), [&](const auto& keys) { told = keys; });
-  // Before the watch has told of it, a value is written: neither side loses.
+  // A value is set before the watch reports the edit: both are kept.
   writeText(file_, R"({"theirs": [1], "both": 2, "kind": "x"})");
   preferences.set("both", std::int64_t{3});
   time_->advance(JsonPreferences::kWriteDelay);

@@ -72,7 +72,7 @@ TEST(X11DisplaysTest, PermissionsAreWhatTheServerGrants) {
   EXPECT_TRUE(permissions.isScreenCaptureAllowed());
   EXPECT_TRUE(permissions.isTrustedForInput());
   ASSERT_TRUE(displays.mainDisplay());
-  // What is known stays known, and is to be had at once, while nobody answers.
+  // While the server does not answer, the last known state is returned at once.
   server.hang();
   EXPECT_TRUE(permissions.isScreenCaptureAllowed() && permissions.isTrustedForInput());
   EXPECT_TRUE(displays.mainDisplay());

@@ -54,7 +54,7 @@ void FileWatch::takeEvents() {
   }
   if (hasChanged) onChange_();
   if (isWatching) return;
-  kLog.error("The preferences' directory is gone; changes of the file are heeded after a restart");
+  kLog.error("The preferences' directory is gone; changes of the file take effect after a restart");
   watch_.cancel();
 }
 
