@@ -46,7 +46,7 @@ export class QueueDepth {
   }
 }
 
-/** A key frame costs the host and the road a lot: at most one request in 0.8 s, and none while one is under way. */
+/** A key frame costs the host and the network a lot: at most one request in 0.8 s. */
 export class KeyframeRequests {
   constructor(send, minimumSpacingMs = 800) {
     this.send = send;
@@ -82,7 +82,7 @@ const DIP_BUCKETS = 6;
 /**
  * How much sound should be left when the next batch arrives. Batches come four or five times a second, so what is held
  * right after one of them is larger by its length. The reserve grows by an underrun, and as soon as arrivals scatter
- * more than it covers; it shrinks slowly while the road is calm, to what the last half minute needed.
+ * more than it covers; it shrinks slowly while the network is calm, to what the last half minute needed.
  */
 export class SoundReserve {
   constructor() {

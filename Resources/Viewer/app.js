@@ -395,18 +395,18 @@ class Viewer {
   // Every second
 
   everySecond() {
-    if (this.video) this.tendStream(performance.now());
+    if (this.video) this.checkStream(performance.now());
     if (!byId('statistics').hidden) this.showStatistics();
   }
 
-  tendStream(now) {
+  checkStream(now) {
     const { video } = this;
     video.watch(now);
     if (this.awaitedFrameSince !== null && now - this.awaitedFrameSince > 2500) {
       this.awaitedFrameSince = now;
       video.keyframes.request(now);
     }
-    this.tendSound();
+    this.syncSound();
     const second = this.meter.measure({
       stats: this.stats(), host: this.diagnostics, bytes: video.counters.bytes, isShowing: now - this.shownAt < SHOWING_MS,
     });
@@ -425,7 +425,7 @@ class Viewer {
   }
 
   /** Keeps sound and picture together, and sound going. */
-  tendSound() {
+  syncSound() {
     const { sound, poll, video } = this;
     if (!sound.ready) return;
     const behind = video.behindPicture();

@@ -139,8 +139,8 @@ export class Timeline {
  * Batches in, a steady stream out. Lives on the audio thread and allocates nothing while it renders. `now` is the audio
  * clock in seconds.
  *
- * It waits until as much is there as keeps the reserve at the next arrival, then plays with a speed of 1 and a few parts
- * in a thousand. Every cut (running dry, dropping what came too late, a gap) is faded.
+ * It starts once the buffer covers the reserve until the next batch, then plays with a speed of 1 and a few parts in a
+ * thousand. Every cut (running dry, dropping what came too late, a gap) is faded.
  */
 export class PlaybackEngine {
   constructor(outputRate) {

@@ -220,7 +220,7 @@ export class InputOutbox {
   }
 
   /**
-   * The road may squeeze two moves together and the host then ignores the second. If it was the last one, the pointer
+   * The network may bunch two moves, and the host then ignores the second. If it was the last one, the pointer
    * would stay short of the finger: so the last place is told once more after a rest.
    */
   settleLater(message) {

@@ -1,6 +1,6 @@
 /**
- * The connection: the access token, one WebSocket after another, authentication, liveness and the policy of reconnecting; and beside it the
- * long polls that fetch the sound.
+ * The connection: the access token, one WebSocket after another, authentication, liveness and the policy of reconnecting;
+ * and beside it the long polls that fetch the sound.
  */
 
 import { control } from './control-protocol.js';

@@ -1,5 +1,6 @@
 #include "access/CredentialHelperClient.h"
 
+#include <mutex>
 #include <semaphore>
 #include <utility>
 
@@ -8,14 +9,27 @@ namespace {
 
 const std::string kServiceName = "com.fennwick.Kestrune.CredentialHelper";
 
-/// Shared with the handlers, which may come late.
-struct PendingCall {
-  std::binary_semaphore finished{0};
-  LockedCredentialResult result;
-
-  void finish(CredentialStatus status, std::optional<Bytes> data) {
-    if (result.store(status, std::move(data))) finished.release();
+/// The outcome of one call: the first that comes counts. Any thread may call.
+class LockedCredentialResult {
+ public:
+  void store(CredentialStatus status, std::optional<Bytes> data) {
+    {
+      const std::lock_guard guard(lock_);
+      if (storedValue_) return;
+      storedValue_ = {status, std::move(data)};
+    }
+    isStored_.release();
   }
+  CredentialHelperClient::ReadResult wait() {
+    isStored_.acquire();
+    const std::lock_guard guard(lock_);
+    return *storedValue_;
+  }
+
+ private:
+  std::binary_semaphore isStored_{0};
+  std::mutex lock_;
+  std::optional<CredentialHelperClient::ReadResult> storedValue_;  // guarded by lock_
 };
 
 }  // namespace
@@ -25,9 +39,9 @@ CredentialHelperClient::CredentialHelperClient(std::shared_ptr<CredentialConnect
 
 CredentialHelperClient::ReadResult CredentialHelperClient::call(const Request& request) const {
   const auto connection = connector_->connect(kServiceName);
-  const auto pending = std::make_shared<PendingCall>();
-  const Finish finish = [pending](CredentialStatus status, std::optional<Bytes> data) {
-    pending->finish(status, std::move(data));
+  const auto result = std::make_shared<LockedCredentialResult>();  // the handlers may come late
+  const Finish finish = [result](CredentialStatus status, std::optional<Bytes> data) {
+    result->store(status, std::move(data));
   };
   const auto unavailable = [finish] { finish(kCredentialNotAvailable, std::nullopt); };
   connection->setInvalidationHandler(unavailable);
@@ -39,11 +53,11 @@ CredentialHelperClient::ReadResult CredentialHelperClient::call(const Request& r
     return {kCredentialNotAvailable, std::nullopt};
   }
   request(*helper, finish);
-  pending->finished.acquire();
+  auto outcome = result->wait();
   connection->setInvalidationHandler(nullptr);
   connection->setInterruptionHandler(nullptr);
   connection->invalidate();
-  return pending->result.value().value_or(ReadResult());
+  return outcome;
 }
 
 CredentialHelperClient::ReadResult CredentialHelperClient::readCredential(const std::string& service,

@@ -5,7 +5,6 @@
 #include <optional>
 #include <string>
 
-#include "access/LockedCredentialResult.h"
 #include "platform/Credentials.h"
 
 namespace kestrune {
@@ -19,7 +18,10 @@ namespace kestrune {
 /// call.
 class CredentialHelperClient {
  public:
-  using ReadResult = LockedCredentialResult::Value;
+  struct ReadResult {
+    CredentialStatus status = kCredentialNotAvailable;
+    std::optional<Bytes> data;
+  };
 
   explicit CredentialHelperClient(std::shared_ptr<CredentialConnector> connector);
 

@@ -27,8 +27,8 @@ struct StreamLink {
   explicit StreamLink(AudioChannelMode mode) : audioMode(mode) {}
 
   const AudioChannelMode audioMode;
-  std::atomic<bool> isOpen{
-      true};  // any thread; once false, what the stream still delivers counts for nothing
+  /// Any thread. False: samples of this stream are stale and ignored.
+  std::atomic<bool> isOpen{true};
   bool audioErrorReported = false;  // the audio queue
   // The owner's queue, for a stream whose start is not through:
   bool hasEnded = false;

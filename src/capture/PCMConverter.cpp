@@ -104,7 +104,7 @@ AudioPCMChunk PCMConverter::convert(const AudioSample& sample, AudioChannelMode 
   return chunk;
 }
 
-void PCMConverter::resetCaches() {
+void PCMConverter::clearCaches() {
   const std::lock_guard guard(lock_);
   cachedInputFormat_.reset();
   cachedFloatFormat_.reset();

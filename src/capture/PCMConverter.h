@@ -51,8 +51,7 @@ class PCMConverter final : public AudioSampleConverter {
 
   /// Throws a PCMConversionError.
   AudioPCMChunk convert(const AudioSample& sample, AudioChannelMode mode) override;
-  void clearCaches() override { resetCaches(); }
-  void resetCaches();
+  void clearCaches() override;
 
  private:
   /// What a resampler was made for, beside its input: 32-bit float, one array for each channel, 48000 Hz.

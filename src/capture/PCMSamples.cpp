@@ -143,7 +143,7 @@ void makeFilterable(std::span<float> samples) {
   constexpr float kLimit = 64.0F;
   for (float& sample : samples) {
     const float limited = std::min(std::max(sample, -kLimit), kLimit);
-    // The difference of what is not finite to itself is not a number.
+    // x - x is NaN for NaN and for the infinities (IEEE 754 §7.2).
     sample = sample - sample == 0.0F ? limited : 0.0F;
   }
 }

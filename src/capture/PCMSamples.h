@@ -10,9 +10,8 @@
 
 namespace kestrune {
 
-/// Reads `frames` samples, each `step` bytes behind the one before, as 32-bit floats with full scale from -1
-/// to
-/// 1. `first` needs no alignment. The encoding is linear PCM.
+/// Reads `frames` samples, each `step` bytes behind the one before, as 32-bit floats with a full scale of
+/// [-1, 1]. `first` needs no alignment. The encoding is linear PCM.
 void readSamples(const std::uint8_t* first, std::size_t step, AudioFormat::Encoding encoding,
                  bool isBigEndian, std::span<float> result);
 

@@ -30,7 +30,7 @@ ScreenCaptureService::ScreenCaptureService(Dependencies dependencies)
                                             dependencies_.makeQueue(kAudioQueueLabel),
                                             dependencies_.previewHub, dependencies_.audioConverter)) {}
 
-/// On any thread: a stream is ended where its own threads are not.
+/// On any thread; the stream is destroyed on the callback queue, never on a thread of its own.
 ScreenCaptureService::~ScreenCaptureService() {
   if (stream_) dependencies_.callbackQueue->post([ended = dropStream()] {});
 }
@@ -181,7 +181,7 @@ Task<void> ScreenCaptureService::updateVideoSettings(VideoSettings settings,
   }
 
   const bool isCancelled = co_await isTaskCancelled();
-  if (hasStream && stream_ == stream) encoder_->invalidate();  // its packets end before the news
+  if (hasStream && stream_ == stream) encoder_->invalidate();  // no packet of it follows onAccepted()
   if (onAccepted && !isCancelled) onAccepted();
   if (!hasStream) co_return;
   if (stream_ != stream) {
@@ -190,7 +190,7 @@ Task<void> ScreenCaptureService::updateVideoSettings(VideoSettings settings,
   }
   encoder_ = encoder;
   settings_.video = settings;
-  encoder->setEnabled(videoEncodingEnabled_);  // as it is by now
+  encoder->setEnabled(videoEncodingEnabled_);  // may have changed during the wait
   publish();
   requestKeyframe();
   kCaptureLog.notice(

@@ -231,8 +231,7 @@ SharedPixelBuffer StreamVideoEncoder::scaled(const SharedPixelBuffer& image, Cap
   if (const std::int32_t status = transferSession_->transfer(*image, *made.buffer); status != 0) {
     throw failure("Unable to scale a video frame", "OSStatus", status);
   }
-  // A buffer of a pool comes back with what was said about its last picture. Where the source changed is not
-  // followed through the scaling; that it did not change is.
+  // A pooled buffer has stale `changes`. Scaling keeps whether the source changed, not where.
   made.buffer->changes = image->changes;
   if (made.buffer->changes && !made.buffer->changes->rectangles.empty()) {
     made.buffer->changes->rectangles = {

@@ -61,8 +61,6 @@ class StreamVideoEncoder final : public std::enable_shared_from_this<StreamVideo
   StreamVideoEncoder(const StreamVideoEncoder&) = delete;
   StreamVideoEncoder& operator=(const StreamVideoEncoder&) = delete;
 
-  const Settings& settings() const { return settings_; }
-
   /// A change to true asks for a keyframe and warms the scaling pipeline up; a change to false drops the
   /// request and ends the session. The present value again does nothing.
   void setEnabled(bool enabled);
@@ -79,7 +77,6 @@ class StreamVideoEncoder final : public std::enable_shared_from_this<StreamVideo
   void encodeStep(const VideoSample& sample, std::uint64_t generation);
   void encodeFrame(const VideoSample& sample, std::uint64_t generation);
   void makeSession(CaptureDimensions size);
-  void applyProperties(CompressionSession& session) const;
   void tearDownSession();
   void ensureTransferSession();
   SharedPixelBuffer scaled(const SharedPixelBuffer& image, CaptureDimensions size);

@@ -141,7 +141,7 @@ CoordinatorParts::CoordinatorParts(const Platform& platform, std::shared_ptr<Ser
                  .onArmed = [this] { viewerAddress.refresh(); },
                  .onStreamEnding =
                      [this] {
-                       viewers->cancelDeadlines();
+                       viewers->cancelEncodingDisable();
                        remoteControl->releaseButton();
                      },
                  .onStreamEnded = [this] { telemetry->resetCapture(); },

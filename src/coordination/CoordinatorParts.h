@@ -29,8 +29,8 @@ class RemoteControlService;
 class StreamingServer;
 class TokenStore;
 
-/// The services and the parts of the coordinator, made and joined: this file and its source are the one place
-/// where two parts meet. A part sees of the others only the joints that it asks for.
+/// The services and the parts of the coordinator, made and joined. A part sees of the others what it is
+/// handed, and the joints that it asks for.
 struct CoordinatorParts {
   CoordinatorParts(const Platform& platform, std::shared_ptr<SerialQueue> mainQueue,
                    std::uint16_t viewerPort);

@@ -9,7 +9,7 @@
 
 namespace kestrune {
 namespace {
-/// Without a picture for this long, a failure of the encoder is more than that of a frame or two.
+/// A failing encoder is reported after this long without a packet.
 constexpr std::chrono::seconds kPatience{1};
 }  // namespace
 

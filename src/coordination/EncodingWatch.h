@@ -51,7 +51,8 @@ class EncodingWatch final : public std::enable_shared_from_this<EncodingWatch> {
   const Joints joints_;
   FailureLog failureLog_;  // has a lock of its own
   std::optional<Failure> failure_;
-  std::atomic<bool> hasFailure_{false};  // set on the main queue, taken back by the first packet
+  std::atomic<bool> hasFailure_{
+      false};  // set on the main queue, cleared by the next packet on the encoder's thread
 };
 
 }  // namespace kestrune

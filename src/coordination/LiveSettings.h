@@ -52,9 +52,9 @@ class LiveSettings {
   /// Of the stream that runs, or ran last; a change of the setting is for the next one.
   AudioChannelMode audioMode() const { return audioMode_; }
 
-  /// Another source: the outcome of a running change no longer matters.
+  /// Another source: a running change becomes stale.
   void invalidate() { ++streamSettingsGeneration_; }
-  /// A teardown: so is what waits.
+  /// A teardown: the running change becomes stale, and the waiting one is dropped.
   void abandon();
   /// Tells every route what is in force.
   void announce() const;

@@ -13,7 +13,8 @@ namespace {
 
 constexpr Logger kLog("App");
 
-/// Any stored value as an integer: numbers are cut, and a text counts by the number that it begins with.
+/// Any stored value as an integer: fractions are truncated, and a text counts by the number that it begins
+/// with.
 std::int64_t integerForm(const PreferenceValue& value) {
   if (const auto* text = std::get_if<std::string>(&value)) {
     std::int64_t number = 0;
@@ -51,7 +52,7 @@ PreferenceValue storedForm(Value value) {
   }
 }
 
-/// Nothing if nothing is stored, or, with a line in the log, if it is no value of this setting.
+/// Empty if nothing is stored; an invalid value is logged, and empty too.
 template <class Value>
 std::optional<Value> storedValue(const Preferences& preferences, const Setting<Value>& setting) {
   const auto stored = preferences.value(setting.key);

@@ -61,8 +61,8 @@ class StreamCoordinator::LocalViewerRequests final
       if (const auto self = owner.lock()) body(*self->parts_);
     });
   }
-  /// The same for what a viewer can send as fast as the connection carries it: beyond kMostWaitingTurns
-  /// waiting turns, which say the same, a further one is dropped.
+  /// The same, with a limit to the backlog, for what a viewer can send as fast as the connection carries it:
+  /// beyond kMostWaitingTurns requests of a kind a further one is dropped as redundant.
   template <class Body>
   void postWhileFew(WaitingTurns& waiting, Body body) {
     if (waiting >= kMostWaitingTurns) return;
@@ -97,7 +97,8 @@ void StreamCoordinator::connect() {
 
 /// The capture service calls back on the main queue, but for media, which goes from its thread to the routes.
 void StreamCoordinator::wireCapture() {
-  const std::shared_ptr<CoordinatorParts> parts(shared_from_this(), parts_.get());  // shares our life
+  const std::shared_ptr<CoordinatorParts> parts(
+      shared_from_this(), parts_.get());  // weak copies of it expire with the coordinator
   ScreenCaptureCallbacks callbacks;
   callbacks.onSourceChanged =
       directly(parts, [](auto& to, auto source) { to.source.handleSourceChanged(std::move(source)); });

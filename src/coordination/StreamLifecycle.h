@@ -26,7 +26,7 @@ class StreamLifecycle {
     std::function<bool()> isViewerConnected;
     std::function<void()> onServerStarted;
     std::function<void()> onArmed;
-    /// Capture is about to stop, or has stopped by itself: nothing the viewer holds may stay held.
+    /// Capture is about to stop, or has stopped by itself: the button that the viewer holds is released.
     std::function<void()> onStreamEnding;
     /// The standby is reached again after a stream.
     std::function<void()> onStreamEnded;

@@ -10,7 +10,7 @@ namespace kestrune {
 /// Starts a flow on the main queue that keeps its owner alive until it ends.
 using FlowStarter = std::function<TaskHandle(Task<void> flow)>;
 
-/// The place of a task of which one at a time may run. A task that has ended leaves its place free by itself.
+/// Owns at most one running task; free again when that task has ended.
 class TaskSlot {
  public:
   bool isRunning() const { return task_ && !task_.isFinished(); }

@@ -15,7 +15,7 @@ void ViewerPresence::handleLocalViewerChange(bool connected) {
   if (joints_.isTearingDown()) return;
   isConnected_ = connected;
   if (connected) joints_.onArrived();
-  cancelDeadlines();
+  cancelEncodingDisable();
   joints_.onChanged(connected);
   if (!connected && joints_.isCapturing()) {
     encodingDisableTask_.hold(startTask(mainQueue_, disableEncodingLater(weak_from_this())));
@@ -23,7 +23,7 @@ void ViewerPresence::handleLocalViewerChange(bool connected) {
 }
 
 void ViewerPresence::forget() {
-  cancelDeadlines();
+  cancelEncodingDisable();
   isConnected_ = false;
 }
 

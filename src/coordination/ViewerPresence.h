@@ -29,9 +29,9 @@ class ViewerPresence final : public std::enable_shared_from_this<ViewerPresence>
   const Observable<bool>& isConnected() const { return isConnected_; }
 
   void handleLocalViewerChange(bool connected);
-  /// Ends the tolerance without its consequences.
-  void cancelDeadlines() { encodingDisableTask_.cancelAndForget(); }
-  /// The same, and there is no viewer any more; no one is notified.
+  /// Stops the 5 second timer; encoding stays as it is.
+  void cancelEncodingDisable() { encodingDisableTask_.cancelAndForget(); }
+  /// The same, and there is no viewer any more; nothing is notified.
   void forget();
 
  private:

@@ -6,7 +6,6 @@
 #include <string>
 #include <vector>
 
-#include "coordination/ErrorReport.h"
 #include "runtime/Task.h"
 #include "viewer/ViewerRoute.h"
 

@@ -12,9 +12,8 @@
 namespace kestrune {
 
 enum class PixelFormat {
-  /// "420v": 8-bit 4:2:0 bi-planar, video range, ITU-R BT.709. Plane 0 is luma, plane 1 interleaved Cb Cr at
-  /// half
-  /// width and height.
+  /// "420v": 8-bit 4:2:0 bi-planar, video range, ITU-R BT.709. Plane 0 is luma, plane 1 interleaved Cb Cr of
+  /// half the width and height.
   biPlanar420VideoRange,
   /// One plane, bytes B G R X.
   bgrx,

@@ -64,7 +64,6 @@ class OutboundQueue {
 
   std::size_t droppableCount() const;
   std::size_t count() const { return pendingSends_.size(); }
-  std::size_t pendingBytes() const { return pendingBytes_; }
 
  private:
   void appendOrReplace(OutboundSend send);

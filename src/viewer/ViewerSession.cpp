@@ -15,8 +15,8 @@ constexpr Duration kClickSpacing = milliseconds(50);
 constexpr Duration kButtonSpacing = milliseconds(250);
 constexpr Duration kMoveSpacing = std::chrono::nanoseconds(8'333'334);
 
-/// Whether `spacing` has passed since the last accepted message of the same clock, which this one then is.
-bool claim(std::optional<Duration>& last, Duration spacing, Duration now) {
+/// True if `spacing` has passed since the last accepted message; `now` is then recorded as the last.
+bool acceptIfSpaced(std::optional<Duration>& last, Duration spacing, Duration now) {
   if (last && now - *last < spacing) return false;
   last = now;
   return true;
@@ -59,8 +59,8 @@ struct ViewerSession::Dispatch {
   void operator()(const viewer_command::Pointer& pointer) {
     if (!isControlling()) return;
     const bool isSpaced = rules.spacesEveryPointerPhase || pointer.phase == RemotePointerPhase::move;
-    if (!rules.spacesBeforeFields && isSpaced &&
-        !claim(session.lastRemotePointerMoveAt_, rules.pointerSpacing, now)) {
+    if (!rules.badMessagesCountForSpacing && isSpaced &&
+        !acceptIfSpaced(session.lastRemotePointerMoveAt_, rules.pointerSpacing, now)) {
       return;
     }
     const auto result = input.onRemotePointer(pointer.phase, pointer.position.x, pointer.position.y);
@@ -74,13 +74,14 @@ struct ViewerSession::Dispatch {
   void operator()(const viewer_command::Move& move) {
     if (!isControlling()) return;
     if (move.sensitivity < rules.lowestSensitivity || move.sensitivity > rules.highestSensitivity) return;
-    if (!claim(session.lastRemotePointerMoveAt_, kMoveSpacing, now)) return;
+    if (!acceptIfSpaced(session.lastRemotePointerMoveAt_, kMoveSpacing, now)) return;
     replyFailure(input.onRemoteMove(move.dx, move.dy, move.sensitivity));
   }
 
   void operator()(const viewer_command::Click& click) {
     if (!isControlling()) return;
-    if (!rules.spacesBeforeFields && !claim(session.lastRemoteTapAt_, kClickSpacing, now)) return;
+    if (!rules.badMessagesCountForSpacing && !acceptIfSpaced(session.lastRemoteTapAt_, kClickSpacing, now))
+      return;
     replyFailure(input.onRemoteClick(click.button));
   }
 
@@ -159,7 +160,7 @@ struct ViewerSession::Dispatch {
  private:
   bool isControlling() const { return session.isInControlMode_; }
 
-  bool claimButton() const { return claim(session.lastRemoteTapAt_, kButtonSpacing, now); }
+  bool claimButton() const { return acceptIfSpaced(session.lastRemoteTapAt_, kButtonSpacing, now); }
 
   void sendSettings() const {
     const auto active = channel.activeSettings();
@@ -184,11 +185,11 @@ void ViewerSession::handle(const ViewerMessage& message, Duration now, ViewerCha
 
 bool ViewerSession::isTooSoon(const std::string& type, Duration now) {
   if (!isInControlMode_) return false;  // the message is ignored, and starts no wait
-  if (type == "tap" || (rules_.spacesBeforeFields && type == "click")) {
-    return !claim(lastRemoteTapAt_, kClickSpacing, now);
+  if (type == "tap" || (rules_.badMessagesCountForSpacing && type == "click")) {
+    return !acceptIfSpaced(lastRemoteTapAt_, kClickSpacing, now);
   }
-  return rules_.spacesBeforeFields && type == "pointer" &&
-         !claim(lastRemotePointerMoveAt_, rules_.pointerSpacing, now);
+  return rules_.badMessagesCountForSpacing && type == "pointer" &&
+         !acceptIfSpaced(lastRemotePointerMoveAt_, rules_.pointerSpacing, now);
 }
 
 void ViewerSession::endControl() {

@@ -8,7 +8,7 @@
 
 namespace kestrune {
 
-/// In what the routes treat a viewer's messages differently.
+/// How the rules of the routes for a viewer's messages differ.
 struct ViewerSessionRules {
   /// The least time between two accepted "pointer" messages.
   Duration pointerSpacing;
@@ -16,7 +16,7 @@ struct ViewerSessionRules {
   bool spacesEveryPointerPhase;
   /// A "pointer" or "click" with bad fields delays the next one too, as a "tap" does; else only one
   /// with good fields.
-  bool spacesBeforeFields;
+  bool badMessagesCountForSpacing;
   /// A "pointer" of phase "up" is answered always; else only if it failed.
   bool answersPointerUp;
   /// Taps outside the picture are ignored; else the input refuses them.
@@ -39,7 +39,7 @@ struct ViewerSessionRules {
 inline constexpr ViewerSessionRules kLocalSessionRules{
     .pointerSpacing = std::chrono::nanoseconds(22'222'223),
     .spacesEveryPointerPhase = false,
-    .spacesBeforeFields = false,
+    .badMessagesCountForSpacing = false,
     .answersPointerUp = true,
     .ignoresTapsOutside = false,
     .lowestSensitivity = -std::numeric_limits<double>::infinity(),
@@ -53,7 +53,7 @@ inline constexpr ViewerSessionRules kLocalSessionRules{
 inline constexpr ViewerSessionRules kHostedSessionRules{
     .pointerSpacing = std::chrono::nanoseconds(8'333'334),
     .spacesEveryPointerPhase = true,
-    .spacesBeforeFields = true,
+    .badMessagesCountForSpacing = true,
     .answersPointerUp = false,
     .ignoresTapsOutside = true,
     .lowestSensitivity = 0.1,

@@ -1,6 +1,5 @@
 #include "platform/linux/audio/PulseAudioCapture.h"
 
-#include <pthread.h>
 #include <pulse/mainloop.h>
 
 #include <algorithm>
@@ -11,6 +10,7 @@
 #include "platform/linux/audio/PulseConnection.h"
 #include "runtime/Log.h"
 #include "runtime/MonotonicTime.h"
+#include "runtime/ThreadName.h"
 
 namespace kestrune::linux_platform {
 namespace {
@@ -48,7 +48,7 @@ PulseAudioCapture::~PulseAudioCapture() {
 }
 
 void PulseAudioCapture::run() {
-  pthread_setname_np(pthread_self(), "pulse-capture");
+  nameThread("pulse-capture");
   while (!isEnding_) {
     superviseConnection();
     if (pa_mainloop_prepare(loop_.get(), kTurnMicroseconds) < 0 || pa_mainloop_poll(loop_.get()) < 0 ||

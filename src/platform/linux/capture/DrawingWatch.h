@@ -24,7 +24,8 @@ class DrawingWatch {
     if (!first_) {
       first_ = now;
       const bool isPiece = lastCapture_ && now - *lastCapture_ < kPieceWindow;
-      suspicion_ = isPiece ? std::min(suspicion_ + 3, kCertain) : std::max(suspicion_ - 1, 0);
+      piecewiseScore_ =
+          isPiece ? std::min(piecewiseScore_ + 3, kHighestScore) : std::max(piecewiseScore_ - 1, 0);
     } else if (now - *first_ < kPatience) {
       cameInPieces_ = true;
     }
@@ -32,7 +33,7 @@ class DrawingWatch {
   }
 
   void captured(Duration now) {
-    if (cameInPieces_ && isCautious()) suspicion_ = std::min(suspicion_ + 3, kCertain);
+    if (cameInPieces_ && drawsInPieces()) piecewiseScore_ = std::min(piecewiseScore_ + 3, kHighestScore);
     cameInPieces_ = false;
     first_.reset();
     lastCapture_ = now;
@@ -40,19 +41,19 @@ class DrawingWatch {
 
   /// Until when a capture should wait for the rest of what is being drawn; nothing: it should not.
   std::optional<Duration> pauseExpectedAt() const {
-    if (!first_ || !isCautious()) return std::nullopt;
+    if (!first_ || !drawsInPieces()) return std::nullopt;
     return std::min(last_ + kPause, *first_ + kPatience);
   }
 
  private:
-  static constexpr int kCertain = 8;
-  bool isCautious() const { return suspicion_ >= 2; }
+  static constexpr int kHighestScore = 8;
+  bool drawsInPieces() const { return piecewiseScore_ >= 2; }
 
   std::optional<Duration> first_;  // drawing since the last capture
   Duration last_{};
   std::optional<Duration> lastCapture_;
   bool cameInPieces_ = false;
-  int suspicion_ = 0;
+  int piecewiseScore_ = 0;
 };
 
 }  // namespace kestrune::linux_platform

@@ -33,16 +33,16 @@ class ScreenReader {
   /// Asks the server for a sign of life.
   void requireAnswer() const;
 
-  /// Damage is told for this part of the root window only.
+  /// Damage is reported for this part of the root window only.
   void watch(const PixelRect& area) { watched_ = area; }
   /// What was drawn on since the last forgetDamage().
   const DirtyRegion& damage() const { return damage_; }
-  /// Goes up by one with each piece of news of damage.
+  /// The number of DamageNotify events so far.
   std::uint64_t damageReports() const { return damageReports_; }
-  /// Before reading what was damaged: later changes are told anew.
+  /// To be called before what was damaged is read: later changes are reported anew.
   void forgetDamage();
 
-  /// Whether to tell of the cursor's movement; off at first.
+  /// Whether the cursor's movement is reported; off at first.
   void watchPointer(bool isOn) { pointerWatch_.setOn(connection(), isOn); }
   /// Whether the cursor may have moved or changed since the last refreshCursor().
   bool mayCursorHaveChanged() const { return cursorMayHaveChanged_; }

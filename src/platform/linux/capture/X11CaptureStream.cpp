@@ -1,7 +1,6 @@
 #include "platform/linux/capture/X11CaptureStream.h"
 
 #include <poll.h>
-#include <pthread.h>
 #include <sys/prctl.h>
 
 #include <algorithm>
@@ -16,6 +15,7 @@
 #include "platform/linux/capture/CaptureSession.h"
 #include "platform/linux/x11/EventFd.h"
 #include "runtime/MonotonicTime.h"
+#include "runtime/ThreadName.h"
 
 namespace kestrune::linux_platform {
 
@@ -171,7 +171,7 @@ void X11CaptureStream::Core::endFromOwner() {
 }
 
 void X11CaptureStream::Core::run() {
-  pthread_setname_np(pthread_self(), "x11-capture");
+  nameThread("x11-capture");
   // A picture that waits for its time goes out at that time and not 50 microseconds later.
   prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL);
   std::exception_ptr reason;

@@ -79,7 +79,7 @@ class SystemActivities::Worker : public std::enable_shared_from_this<Worker> {
     return {};
   }
 
-  /// Behind the changes that wait already, so that the last of them counts.
+  /// Coalesces queued changes: one update follows the last of them.
   void scheduleUpdate() {
     if (std::exchange(isUpdateScheduled_, true)) return;
     reactor_->post([weak = weak_from_this()] {

@@ -20,7 +20,7 @@ namespace {
 constexpr Logger kLogger("App");
 constexpr Duration kRetryDelay = std::chrono::seconds(1);
 constexpr Duration kBorrowingTime = std::chrono::seconds(2);
-/// The server announces every change of a key's mapping on every connection.
+/// Events are drained this often, or the notices of key mappings, which every connection gets, pile up.
 constexpr Duration kReadPeriod = std::chrono::minutes(1);
 constexpr std::uint8_t kFirstWheelButton = 4;  // 4 up, 5 down, 6 left, 7 right
 
@@ -206,7 +206,7 @@ void InputInjector::button(std::uint8_t number, bool isDown) {
   hold({true, number}, isDown);
 }
 
-/// Noted before the press and until behind the release: never less than what is held.
+/// Journals before the press and erases after the release, so that the journal never misses what is held.
 void InputInjector::hold(InputJournal::Held control, bool isDown) {
   if (isDown && held_.insert(control).second) journal_->noteHeld(held_);
   if (control.isButton) {

@@ -81,7 +81,7 @@ class Source final : public InputEventSource {
     const std::uint8_t number = button == MouseButton::right ? 3 : 1;
     QueuedInput input;
     input.kind = kindOf(type);
-    // No key symbol is as small.
+    // Button numbers and key symbols share one space: no key symbol is below 0x20.
     input.control = number;
     input.send = [kind = input.kind, position, number](InputInjector& injector) {
       injector.movePointer(position);

@@ -59,7 +59,7 @@ void X264CompressionSession::configure() {
   p.i_width = wanted.width;
   p.i_height = wanted.height;
   p.i_csp = X264_CSP_NV12;
-  p.i_threads = 1;  // a second thread gains nothing at these sizes and widens the tail
+  p.i_threads = 1;  // a second thread gains nothing at these sizes and raises the worst case
   p.b_sliced_threads = 0;
   p.pf_log = logMessage;
   p.i_log_level = X264_LOG_WARNING;

@@ -63,8 +63,7 @@ bool X265CompressionSession::configure() {
   p.vui.transferCharacteristics = 1;
   p.vui.matrixCoeffs = 1;
 
-  // Worth its twentieth of the time in bits; and without it, x265 3.5 forgets a hundred kilobytes at the end
-  // of every session.
+  // Costs 5 % of the time and saves more in bits; without it, x265 3.5 leaks 100 KB with each session.
   p.bEnableSAO = 1;
 
   p.maxNumReferences = 1;

@@ -1,6 +1,5 @@
 #include "platform/linux/x11/X11Connection.h"
 
-#include <pthread.h>
 #include <sys/socket.h>
 #include <xcb/xtest.h>
 
@@ -10,6 +9,8 @@
 #include <system_error>
 #include <thread>
 #include <utility>
+
+#include "runtime/ThreadName.h"
 
 namespace kestrune::linux_platform {
 
@@ -61,7 +62,7 @@ class X11Connection::Attempt {
                                    int& screen) {
     auto attempt = std::make_shared<Attempt>();
     attempt->interrupt_ = interrupt;
-    // Those left behind by a server that hangs; they end when it goes on, or goes.
+    // Attempts abandoned on a hung server; each ends when the server answers or dies.
     constexpr int kMostAttempts = 8;
     static std::atomic<int> attempts{0};
     if (attempts.fetch_add(1) >= kMostAttempts) {
@@ -70,7 +71,7 @@ class X11Connection::Attempt {
     }
     try {
       std::thread([attempt, name] {
-        pthread_setname_np(pthread_self(), "x11-connect");
+        nameThread("x11-connect");
         attempt->run(name);
         --attempts;
       }).detach();
@@ -181,7 +182,7 @@ std::optional<X11Connection::Extension> X11Connection::extension(xcb_extension_t
   const LimitedWait wait(*this);
   const xcb_query_extension_reply_t* reply = xcb_get_extension_data(connection_, &id);
   if (reply == nullptr || reply->present == 0) return std::nullopt;
-  return Extension{reply->major_opcode, reply->first_event, reply->first_error};
+  return Extension{reply->major_opcode, reply->first_event};
 }
 
 void X11Connection::flush() const {

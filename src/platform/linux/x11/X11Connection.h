@@ -84,7 +84,6 @@ class X11Connection {
   struct Extension {
     std::uint8_t majorOpcode = 0;
     std::uint8_t firstEvent = 0;
-    std::uint8_t firstError = 0;
   };
   /// Asks the server (once per connection and extension); nothing if it does not have the extension.
   std::optional<Extension> extension(xcb_extension_t& id) const;

@@ -1,13 +1,13 @@
 #include "platform/linux/x11/X11Server.h"
 
 #include <poll.h>
-#include <pthread.h>
 #include <xcb/xtest.h>
 
 #include <array>
 #include <utility>
 
 #include "runtime/Log.h"
+#include "runtime/ThreadName.h"
 
 namespace kestrune::linux_platform {
 
@@ -69,7 +69,7 @@ void X11Server::answer(const Requests& requests) const {
 }
 
 void X11Server::run() {
-  pthread_setname_np(pthread_self(), "x11-server");
+  nameThread("x11-server");
   std::string lastFailure;
   while (!isStopping()) {
     try {
@@ -99,7 +99,7 @@ void X11Server::follow(const X11Connection& connection) {
   known.hasTestInput = connection.extension(xcb_test_id).has_value();
   bool mustRead = true;
   while (!isStopping()) {
-    // Before the events and requests that it stands for.
+    // Reset before draining, or a wake-up in between is lost.
     wake_.reset();
     while (const XcbOwned<xcb_generic_event_t> event{xcb_poll_for_event(connection)}) {
       mustRead = mustRead || watch.isChange(*event);

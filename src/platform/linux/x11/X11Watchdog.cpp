@@ -1,9 +1,10 @@
 #include "platform/linux/x11/X11Watchdog.h"
 
-#include <pthread.h>
 #include <sys/socket.h>
 
 #include <algorithm>
+
+#include "runtime/ThreadName.h"
 
 namespace kestrune::linux_platform {
 
@@ -42,7 +43,7 @@ void X11Watchdog::remove(const std::shared_ptr<Line>& line) {
 bool X11Watchdog::beginWait(Line& line) {
   if (line.waits_ % 2 != 0) return false;
   ++line.waits_;
-  // In this order, as run() does the opposite: one of the two sees what the other wrote.
+  // The wait is published before isAsleep_ is read; run() does the reverse, so that no wake-up is lost.
   if (line.watchdog_.isAsleep_) line.watchdog_.wake();
   return true;
 }
@@ -72,7 +73,7 @@ bool X11Watchdog::takeTurn() {
 }
 
 void X11Watchdog::run() {
-  pthread_setname_np(pthread_self(), "x11-watchdog");
+  nameThread("x11-watchdog");
   std::unique_lock guard(lock_);
   while (!isOver_) {
     if (!takeTurn()) {
