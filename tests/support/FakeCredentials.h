@@ -1,10 +1,8 @@
 #pragma once
 
-#include <atomic>
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <utility>
@@ -15,123 +13,83 @@
 
 namespace kestrune {
 
-/// A credential helper in memory. Replies and failures come within the call.
-class FakeCredentials final : public CredentialConnector,
-                              public std::enable_shared_from_this<FakeCredentials> {
+/// A credential helper in memory, for one call at a time. Replies and failures come within the call.
+class FakeCredentials final : public CredentialConnector {
  public:
-  enum class Behaviour {
-    answer,
-    noProxy,
-    interrupt,       // in place of an answer
-    invalidate,      // in place of an answer
-    errorHandler,    // in place of an answer
-    answerThenFail,  // the answer, then every failure
-    failThenAnswer,
-  };
+  /// What ends a call. The answer follows every failure of the connection, and comes too late.
+  enum class Behaviour { answer, noProxy, interrupt, invalidate, errorHandler };
+  using Name = std::pair<std::string, std::string>;  // service and account
 
-  std::unique_ptr<CredentialConnection> connect(const std::string& serviceName) override;
-
-  std::optional<Bytes> item(const std::string& service, const std::string& account) const {
-    std::lock_guard guard(lock_);
-    const auto found = items_.find({service, account});
-    if (found == items_.end()) return {};
-    return found->second;
+  std::unique_ptr<CredentialConnection> connect(const std::string& serviceName) override {
+    serviceNames.push_back(serviceName);
+    return std::make_unique<Connection>(*this);
   }
   void setItem(const std::string& service, const std::string& account, std::string_view text) {
-    std::lock_guard guard(lock_);
-    items_[{service, account}] = Bytes(text.begin(), text.end());
-  }
-  void removeItem(const std::string& service, const std::string& account) {
-    std::lock_guard guard(lock_);
-    items_.erase({service, account});
+    items[{service, account}] = Bytes(text.begin(), text.end());
   }
 
-  std::atomic<Behaviour> behaviour{Behaviour::answer};
-  /// In place of what an operation would give; a read then gives no data.
-  std::atomic<CredentialStatus> readStatus{0}, writeStatus{0};
-  std::atomic<bool> omitsData{false};
-  std::atomic<int> reads{0}, writes{0};
-  std::atomic<int> openConnections{0};
-  std::vector<std::string> serviceNames;  // by one caller at a time
+  std::map<Name, Bytes> items;
+  Behaviour behaviour = Behaviour::answer;
+  std::optional<CredentialStatus> readStatus;  // of every read, which then gives no data
+  CredentialStatus writeStatus = 0;
+  int reads = 0;
+  int writes = 0;
+  int openConnections = 0;
+  std::vector<std::string> serviceNames;
 
  private:
-  mutable std::mutex lock_;
-  std::map<std::pair<std::string, std::string>, Bytes> items_;  // guarded by lock_
+  struct Connection final : CredentialConnection, CredentialHelperProtocol {
+    explicit Connection(FakeCredentials& fake) : owner(fake) {}
+
+    void setInvalidationHandler(std::function<void()> handler) override { onInvalidation = handler; }
+    void setInterruptionHandler(std::function<void()> handler) override { onInterruption = handler; }
+    void resume() override { ++owner.openConnections; }
+    void invalidate() override { --owner.openConnections; }
+    CredentialHelperProtocol* remoteObjectProxy(std::function<void()> errorHandler) override {
+      onError = errorHandler;
+      return owner.behaviour == Behaviour::noProxy ? nullptr : this;
+    }
+
+    void readCredential(const std::string& service, const std::string& account, ReadReply reply) override {
+      ++owner.reads;
+      failIfAsked();
+      const auto found = owner.items.find({service, account});
+      if (owner.readStatus || found == owner.items.end()) {
+        return reply({}, owner.readStatus.value_or(kCredentialNotFound));
+      }
+      reply(found->second, kCredentialSuccess);
+    }
+    void writeCredential(const std::string& service, const std::string& account, const Bytes& data,
+                         StatusReply reply) override {
+      ++owner.writes;
+      if (owner.writeStatus == 0) owner.items[{service, account}] = data;
+      failIfAsked();
+      reply(owner.writeStatus);
+    }
+    void removeCredential(const std::string& service, const std::string& account,
+                          StatusReply reply) override {
+      failIfAsked();
+      reply(owner.items.erase({service, account}) > 0 ? kCredentialSuccess : kCredentialNotFound);
+    }
+
+    void failIfAsked() const {
+      if (owner.behaviour == Behaviour::interrupt) onInterruption();
+      if (owner.behaviour == Behaviour::invalidate) onInvalidation();
+      if (owner.behaviour == Behaviour::errorHandler) onError();
+    }
+
+    FakeCredentials& owner;
+    std::function<void()> onInvalidation, onInterruption, onError;
+  };
 };
-
-class FakeCredentialConnection final : public CredentialConnection, public CredentialHelperProtocol {
- public:
-  explicit FakeCredentialConnection(std::shared_ptr<FakeCredentials> owner) : owner_(std::move(owner)) {}
-
-  void setInvalidationHandler(std::function<void()> handler) override {
-    onInvalidation_ = std::move(handler);
-  }
-  void setInterruptionHandler(std::function<void()> handler) override {
-    onInterruption_ = std::move(handler);
-  }
-  void resume() override { ++owner_->openConnections; }
-  void invalidate() override { --owner_->openConnections; }
-  CredentialHelperProtocol* remoteObjectProxy(std::function<void()> errorHandler) override {
-    onError_ = std::move(errorHandler);
-    return owner_->behaviour == Behaviour::noProxy ? nullptr : this;
-  }
-
-  void readCredential(const std::string& service, const std::string& account, ReadReply reply) override {
-    ++owner_->reads;
-    auto data = owner_->item(service, account);
-    const CredentialStatus status = owner_->readStatus != 0 ? owner_->readStatus.load()
-                                    : data                  ? kCredentialSuccess
-                                                            : kCredentialNotFound;
-    if (status != 0 || owner_->omitsData) data.reset();
-    finish([&] { reply(data, status); });
-  }
-  void writeCredential(const std::string& service, const std::string& account, const Bytes& data,
-                       StatusReply reply) override {
-    ++owner_->writes;
-    if (owner_->writeStatus == 0) owner_->setItem(service, account, std::string(data.begin(), data.end()));
-    finish([&] { reply(owner_->writeStatus); });
-  }
-  void removeCredential(const std::string& service, const std::string& account, StatusReply reply) override {
-    const bool isFound = owner_->item(service, account).has_value();
-    owner_->removeItem(service, account);
-    finish([&] { reply(isFound ? kCredentialSuccess : kCredentialNotFound); });
-  }
-
- private:
-  using Behaviour = FakeCredentials::Behaviour;
-
-  void finish(const std::function<void()>& answer) const {
-    const Behaviour behaviour = owner_->behaviour;
-    if (behaviour == Behaviour::answer || behaviour == Behaviour::answerThenFail) answer();
-    if (behaviour == Behaviour::errorHandler) onError_();
-    if (behaviour == Behaviour::answer || behaviour == Behaviour::errorHandler) return;
-    if (behaviour != Behaviour::invalidate) onInterruption_();
-    if (behaviour != Behaviour::interrupt) onInvalidation_();
-    if (behaviour == Behaviour::failThenAnswer) answer();
-  }
-
-  const std::shared_ptr<FakeCredentials> owner_;
-  std::function<void()> onInvalidation_;
-  std::function<void()> onInterruption_;
-  std::function<void()> onError_;
-};
-
-inline std::unique_ptr<CredentialConnection> FakeCredentials::connect(const std::string& serviceName) {
-  {
-    std::lock_guard guard(lock_);
-    serviceNames.push_back(serviceName);
-  }
-  return std::make_unique<FakeCredentialConnection>(shared_from_this());
-}
 
 /// Counts up from 0xF8, or fails with `status`.
 class FakeRandomSource final : public RandomSource {
  public:
   std::int32_t copyBytes(std::span<std::uint8_t> destination) override {
-    if (status != 0) return status;
     std::uint8_t next = 0xF8;
     for (auto& byte : destination) byte = next++;
-    return 0;
+    return status;
   }
   std::int32_t status = 0;
 };

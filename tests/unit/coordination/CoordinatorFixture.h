@@ -38,10 +38,6 @@ class CoordinatorTest : public testing::Test {
   using Viewer = std::shared_ptr<FakeTcpConnection>;
   static constexpr const char* kToken = "abcdefghijklmnopqrstuvwxyz0123456789-_ABCDE";
 
-  struct FixedRandom final : RandomSource {
-    std::int32_t copyBytes(std::span<std::uint8_t>) override { return 0; }
-  };
-
   CoordinatorTest() {
     credentials->setItem("com.fennwick.Kestrune.viewer", "capability-token", kToken);
     displays->displays = screen->displays = {{7, {0, 0, 1000, 500}}};
@@ -62,7 +58,7 @@ class CoordinatorTest : public testing::Test {
     platform.bundle = std::make_shared<FakeBundle>();
     platform.preferences = preferences;
     platform.credentials = credentials;
-    platform.random = std::make_shared<FixedRandom>();
+    platform.random = std::make_shared<FakeRandomSource>();
     platform.displays = displays;
     platform.permissions = permissions;
     platform.inputEvents = input;
@@ -131,20 +127,44 @@ class CoordinatorTest : public testing::Test {
            (message.empty() ? "" : R"(,"message":")" + message + "\"") + "}";
   }
 
-  Viewer streamToViewer() {
+  /// A viewer of a host on standby, which has read its greeting.
+  Viewer waitingViewer() {
     launch();
     auto viewer = connectViewer();
+    viewer->sent.clear();
+    phases.clear();
+    return viewer;
+  }
+  Viewer streamToViewer() {
+    auto viewer = waitingViewer();
     requestStart(viewer);
     EXPECT_TRUE(coordinator->isCapturing);
     viewer->sent.clear();
     phases.clear();
     return viewer;
   }
+  static std::exception_ptr failure(const std::string& text) {
+    return std::make_exception_ptr(KestruneError::operationFailed(text));
+  }
   static VideoSample frame() {
     VideoSample sample;
     sample.image = makePixelBuffer(640, 320);
     sample.presentationMicroseconds = 1;
     return sample;
+  }
+  /// Ends the oldest call of the newest stream that waits.
+  void answer(const std::exception_ptr& failed = nullptr) {
+    screen->latest()->complete(failed);
+    time->runReady();
+  }
+  /// Likewise, and later calls do not wait.
+  void answerAll() {
+    screen->latest()->holds = false;
+    answer();
+  }
+  void edit(const std::map<std::string, std::optional<PreferenceValue>>& changes) {
+    preferences->edit(changes);
+    time->runReady();
   }
   /// One frame on its way from the screen to the encoder.
   void showFrame() {

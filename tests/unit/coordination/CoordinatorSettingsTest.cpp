@@ -8,54 +8,41 @@ namespace keys = preference_keys;
 
 class CoordinatorSettingsTest : public CoordinatorTest {
  protected:
-  void store(std::string_view key, PreferenceValue value) { preferences->set(key, std::move(value)); }
   PreferenceValue stored(std::string_view key) {
     return preferences->value(key).value_or(std::string("absent"));
   }
 };
 
 TEST_F(CoordinatorSettingsTest, ALaunchResolvesWhatIsStoredAndWritesItBack) {
-  make();
-  EXPECT_EQ(coordinator->profile, StreamProfile::balanced);
-  EXPECT_EQ(coordinator->frameRate, StreamFrameRate::fps60);
-  EXPECT_EQ(stored(keys::kProfile), PreferenceValue("balanced"));
-  EXPECT_EQ(stored(keys::kFrameRate), PreferenceValue(std::int64_t{60}));
-  EXPECT_EQ(stored(keys::kVideoCodec), PreferenceValue("hevc"));
-  EXPECT_EQ(stored(keys::kBitRate), PreferenceValue("medium"));
-  EXPECT_EQ(stored(keys::kVideoEncoderKind), PreferenceValue("automatic"));
-  EXPECT_EQ(stored(keys::kAudioChannelMode), PreferenceValue("stereo"));
-  EXPECT_EQ(preferences->values.count(std::string(keys::kDisplayMode)), 0u);
-
-  store(keys::kProfile, "safe");
-  store(keys::kFrameRate, "24");
-  store(keys::kVideoCodec, "h264");
-  store(keys::kBitRate, "enormous");
-  store(keys::kVideoEncoderKind, "software");
-  store(keys::kAudioChannelMode, "mono");
-  store(keys::kDisplayMode, "virtualDisplay");
+  struct Row {
+    std::string_view key;
+    PreferenceValue byDefault, found, resolved;
+  };
+  const std::int64_t fast = 60;
+  const std::vector<Row> rows{{keys::kProfile, "balanced", "safe", "safe"},
+                              {keys::kFrameRate, fast, "24", std::int64_t{24}},
+                              {keys::kFrameRate, fast, std::int64_t{25}, fast},
+                              {keys::kFrameRate, fast, 30.9e30, fast},
+                              {keys::kFrameRate, fast, "x30", fast},
+                              {keys::kFrameRate, fast, true, fast},
+                              {keys::kFrameRate, fast, 30.9, std::int64_t{30}},  // cut, not rounded
+                              {keys::kVideoCodec, "hevc", "h264", "hevc"},
+                              {keys::kBitRate, "medium", "enormous", "medium"},
+                              {keys::kVideoEncoderKind, "automatic", "software", "software"},
+                              {keys::kAudioChannelMode, "stereo", "mono", "stereo"},
+                              {keys::kDisplayMode, "absent", "virtualDisplay", "virtualDisplay"}};
+  for (const Row& row : rows) {
+    preferences->values.clear();
+    make();
+    EXPECT_EQ(stored(row.key), row.byDefault) << row.key;
+    preferences->set(row.key, row.found);
+    make();
+    EXPECT_EQ(stored(row.key), row.resolved) << row.key;
+  }
+  preferences->set(keys::kProfile, "safe");
   make();
   EXPECT_EQ(coordinator->profile, StreamProfile::safe);
-  EXPECT_EQ(coordinator->frameRate, StreamFrameRate::fps24);
-  EXPECT_EQ(coordinator->videoCodec, StreamVideoCodec::hevc);
-  EXPECT_EQ(coordinator->bitRate, StreamBitRate::medium);
-  EXPECT_EQ(coordinator->videoEncoderKind, StreamVideoEncoderKind::software);
-  EXPECT_EQ(coordinator->audioChannelMode, AudioChannelMode::stereo);
-  EXPECT_EQ(coordinator->streamDisplayMode, StreamDisplayMode::virtualDisplay);
-  EXPECT_EQ(stored(keys::kFrameRate), PreferenceValue(std::int64_t{24}));
-  EXPECT_EQ(stored(keys::kVideoCodec), PreferenceValue("hevc"));
-  EXPECT_EQ(stored(keys::kBitRate), PreferenceValue("medium"));
-}
-
-TEST_F(CoordinatorSettingsTest, OddFrameRatesAreSixty) {
-  for (const PreferenceValue& odd : {PreferenceValue(std::int64_t{25}), PreferenceValue(30.9e30),
-                                     PreferenceValue("x30"), PreferenceValue(true)}) {
-    store(keys::kFrameRate, odd);
-    make();
-    EXPECT_EQ(coordinator->frameRate, StreamFrameRate::fps60);
-  }
-  store(keys::kFrameRate, 30.9);  // cut, not rounded
-  make();
-  EXPECT_EQ(coordinator->frameRate, StreamFrameRate::fps30);
+  EXPECT_EQ(coordinator->frameRate, StreamFrameRate::fps60);
 }
 
 TEST_F(CoordinatorSettingsTest, ATokenFailureIsShownInPlaceOfTheAddress) {
@@ -65,15 +52,13 @@ TEST_F(CoordinatorSettingsTest, ATokenFailureIsShownInPlaceOfTheAddress) {
   EXPECT_EQ(coordinator->lastError.get(), "Could not access the viewer token in Keychain (OSStatus -25291).");
   EXPECT_EQ(coordinator->phase.get(), StreamPhase(Case::idle));
 
-  credentials->readStatus = 0;
+  credentials->readStatus.reset();
   make();
   EXPECT_EQ(coordinator->localViewerURL.get(), std::string("http://127.0.0.1:8080#") + kToken);
 }
 
 TEST_F(CoordinatorSettingsTest, WithoutCaptureAChangeIsStoredAndToldAtOnce) {
-  launch();
-  const auto viewer = connectViewer();
-  viewer->sent.clear();
+  const auto viewer = waitingViewer();
   run(coordinator->applyStreamSettings(StreamProfile::high, StreamFrameRate::fps30));
   EXPECT_EQ(stored(keys::kProfile), PreferenceValue("high"));
   EXPECT_EQ(stored(keys::kFrameRate), PreferenceValue(std::int64_t{30}));
@@ -112,9 +97,7 @@ TEST_F(CoordinatorSettingsTest, OfSeveralQuickChangesTheLastIsApplied) {
     run(coordinator->applyStreamSettings(StreamProfile::safe, rate));
   }
   EXPECT_EQ(coordinator->profile, StreamProfile::balanced);  // nothing is published before it is true
-  stream->holds = false;
-  stream->complete();
-  time->runReady();
+  answerAll();
   EXPECT_TRUE(first.isFinished());
   EXPECT_FALSE(coordinator->isUpdatingStreamSettings);
   EXPECT_EQ(coordinator->profile, StreamProfile::safe);
@@ -126,13 +109,10 @@ TEST_F(CoordinatorSettingsTest, AViewersMessageDoesNotUndoARunningChange) {
   const auto viewer = streamToViewer();
   const auto stream = screen->latest();
   stream->holds = true;
-  preferences->edit({{"stream.profile", "high"}, {"stream.frameRate", 24.0}});
-  time->runReady();
+  edit({{"stream.profile", "high"}, {"stream.frameRate", 24.0}});
   send(viewer, R"({"type":"streamSettings","quality":"safe","fps":30})");
   send(viewer, R"({"type":"codecFallback"})");
-  stream->holds = false;
-  stream->complete();
-  time->runReady();
+  answerAll();
   EXPECT_FALSE(coordinator->isUpdatingStreamSettings);
   EXPECT_EQ(coordinator->profile, StreamProfile::high);
   EXPECT_EQ(coordinator->frameRate, StreamFrameRate::fps24);
@@ -148,7 +128,6 @@ TEST_F(CoordinatorSettingsTest, AViewersMessageDoesNotUndoARunningChange) {
 
 TEST_F(CoordinatorSettingsTest, AFloodOfViewersWishesIsBounded) {
   const auto viewer = streamToViewer();
-  viewer->sent.clear();
   std::string flood;
   for (int index = 0; index < 1000; ++index) flood += textFrame(R"({"type":"startStream"})");
   viewer->deliver(flood);
@@ -159,43 +138,28 @@ TEST_F(CoordinatorSettingsTest, AFloodOfViewersWishesIsBounded) {
 }
 
 TEST_F(CoordinatorSettingsTest, AChangeDuringTheStartReachesTheStream) {
-  launch();
-  const auto viewer = connectViewer();
+  const auto viewer = waitingViewer();
   screen->holdsStart = true;
   requestStart(viewer);
   const auto stream = screen->latest();
   run(coordinator->applyStreamSettings(StreamProfile::safe, StreamFrameRate::fps24));
   EXPECT_EQ(coordinator->profile, StreamProfile::safe);
-  stream->complete();  // the start
-  time->runReady();
+  answer();  // the start
   ASSERT_EQ(stream->configurations.size(), 1u);
   EXPECT_EQ(stream->configurations.back().minimumFrameIntervalFPS, 24);
   // One more, and then the stream refuses: what it has is what is told.
   run(coordinator->applyStreamSettings(StreamProfile::high, StreamFrameRate::fps24));
-  stream->complete();
-  time->runReady();
-  stream->complete(std::make_exception_ptr(KestruneError::operationFailed("no")));
-  time->runReady();
+  answer();
+  answer(failure("no"));
   EXPECT_TRUE(coordinator->isCapturing);
   EXPECT_EQ(coordinator->profile, StreamProfile::safe);
   EXPECT_EQ(coordinator->lastError.get(), "Unable to change video quality: no");
 }
 
-TEST_F(CoordinatorSettingsTest, ARefusedChangeKeepsTheOldValuesAndSaysSo) {
-  const auto viewer = streamToViewer();
-  screen->latest()->outcomes = {std::make_exception_ptr(KestruneError::operationFailed("no"))};
-  run(coordinator->applyStreamSettings(StreamProfile::high, StreamFrameRate::fps24));
-  EXPECT_EQ(coordinator->profile, StreamProfile::balanced);
-  EXPECT_EQ(coordinator->lastError.get(), "Unable to change video quality: no");
-  EXPECT_EQ(coordinator->phase.get(), StreamPhase(Case::streaming));
-  EXPECT_THAT(received(viewer), Contains(HasSubstr(R"("quality":"balanced","fps":60)")));
-}
-
 TEST_F(CoordinatorSettingsTest, EditedPreferencesAreAppliedAsIfChangedHere) {
   const auto viewer = streamToViewer();
   const auto stream = screen->latest();
-  preferences->edit({{"stream.profile", "safe"}, {"stream.bitRate", "enormous"}, {"other", true}});
-  time->runReady();
+  edit({{"stream.profile", "safe"}, {"stream.bitRate", "enormous"}, {"other", true}});
   EXPECT_EQ(coordinator->profile, StreamProfile::safe);
   EXPECT_EQ(coordinator->bitRate, StreamBitRate::medium);
   EXPECT_TRUE(log.mentions("stream.bitRate"));
@@ -205,16 +169,13 @@ TEST_F(CoordinatorSettingsTest, EditedPreferencesAreAppliedAsIfChangedHere) {
 
   // Edits that come while one is applied build on it.
   stream->holds = true;
-  preferences->edit({{"stream.frameRate", 24.0}});
-  time->runReady();
+  edit({{"stream.frameRate", 24.0}});
   preferences->edit({{"stream.bitRate", "high"}});
   preferences->edit({{"stream.profile", std::nullopt},
                      {"stream.audioChannelMode", "mono"},
                      {"app.preventMacSleep", false}});
   time->runReady();
-  stream->holds = false;
-  stream->complete();
-  time->runReady();
+  answerAll();
   EXPECT_EQ(coordinator->frameRate, StreamFrameRate::fps24);
   EXPECT_EQ(coordinator->bitRate, StreamBitRate::high);
   EXPECT_EQ(coordinator->profile, StreamProfile::safe);  // what is removed goes on until the next launch
@@ -225,20 +186,20 @@ TEST_F(CoordinatorSettingsTest, EditedPreferencesAreAppliedAsIfChangedHere) {
   EXPECT_THAT(received(viewer), Contains(HasSubstr(R"("audioChannels":2)")));  // as it is sent
 
   // The display mode is for the next launch while something runs.
-  preferences->edit({{"stream.displayMode", "virtualDisplay"}});
-  time->runReady();
+  edit({{"stream.displayMode", "virtualDisplay"}});
   EXPECT_EQ(coordinator->streamDisplayMode, StreamDisplayMode::mainDisplay);
   EXPECT_EQ(stored(keys::kDisplayMode), PreferenceValue("virtualDisplay"));
 }
 
-TEST_F(CoordinatorSettingsTest, ARefusedEditIsTakenBack) {
-  streamToViewer();
-  screen->latest()->outcomes = {std::make_exception_ptr(KestruneError::operationFailed("no"))};
-  preferences->edit({{"stream.profile", "high"}});
-  time->runReady();
+TEST_F(CoordinatorSettingsTest, ARefusedEditIsTakenBackAndSoIsSaid) {
+  const auto viewer = streamToViewer();
+  screen->latest()->outcomes = {failure("no")};
+  edit({{"stream.profile", "high"}});
   EXPECT_EQ(coordinator->lastError.get(), "Unable to change video quality: no");
   EXPECT_EQ(coordinator->profile, StreamProfile::balanced);
   EXPECT_EQ(stored(keys::kProfile), PreferenceValue("balanced"));
+  EXPECT_EQ(coordinator->phase.get(), StreamPhase(Case::streaming));
+  EXPECT_THAT(received(viewer), Contains(HasSubstr(R"("quality":"balanced","fps":60)")));
 }
 
 TEST_F(CoordinatorSettingsTest, ATeardownMakesARunningChangeMeaningless) {
@@ -251,8 +212,7 @@ TEST_F(CoordinatorSettingsTest, ATeardownMakesARunningChangeMeaningless) {
   time->runReady();
   run(coordinator->applyStreamSettings(StreamProfile::safe, StreamFrameRate::fps60));  // dropped
   while (!stream->waiting.empty()) {
-    stream->complete();
-    time->runReady();
+    answer();
   }
   EXPECT_TRUE(change.isFinished() && end.isFinished());
   EXPECT_EQ(coordinator->profile, StreamProfile::balanced);

