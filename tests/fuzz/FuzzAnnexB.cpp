@@ -1,9 +1,9 @@
 // The packaging of encoded samples. The first byte chooses the length prefix, whether it is a keyframe, and
 // the codec; the rest is the sample.
 
-#include <cstdlib>
 #include <optional>
 
+#include "FuzzInput.h"
 #include "capture/AnnexB.h"
 #include "support/FakeCompression.h"
 
@@ -12,7 +12,9 @@ namespace {
 using namespace kestrune;
 
 /// What the conversion must give, by another road: sizes first, then bytes.
-std::optional<Bytes> expected(ByteView data, std::size_t prefix) {
+std::optional<Bytes> expected(ByteView data, int nalHeaderLength) {
+  if (nalHeaderLength < 1 || nalHeaderLength > 4) return std::nullopt;
+  const auto prefix = static_cast<std::size_t>(nalHeaderLength);
   Bytes output;
   std::size_t at = 0;
   while (at != data.size()) {
@@ -29,10 +31,6 @@ std::optional<Bytes> expected(ByteView data, std::size_t prefix) {
   return output;
 }
 
-void check(bool condition) {
-  if (!condition) std::abort();
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
@@ -44,18 +42,19 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
 
   const auto converted = annexb::annexBUnits(data, nalHeaderLength);
   const auto* units = std::get_if<Bytes>(&converted);
-  const bool isLegalLength = nalHeaderLength >= 1 && nalHeaderLength <= 4;
-  const auto wanted =
-      isLegalLength ? expected(data, static_cast<std::size_t>(nalHeaderLength)) : std::nullopt;
-  check(wanted.has_value() == (units != nullptr));
-  if (units != nullptr) check(*units == *wanted);
+  require((units ? std::optional(*units) : std::nullopt) == expected(data, nalHeaderLength),
+          "units are converted, or refused");
 
   auto sample = *makeFakeSample(Bytes(data.begin(), data.end()), isKeyframe);
   sample.format = FakeFormatDescription::withSets({{0x67, 0x42}}, nalHeaderLength);
   const auto assembled = annexb::assemble(sample, codec);
-  if (const auto* unit = std::get_if<annexb::AccessUnit>(&assembled)) {
-    check(unit->isKeyframe == isKeyframe);
-    if (isKeyframe) check(wanted && unit->payload.size() == 6 + wanted->size());
-  }
+  // A delta frame is read with prefixes of four bytes.
+  const auto content = expected(data, isKeyframe ? nalHeaderLength : 4);
+  const auto* unit = std::get_if<annexb::AccessUnit>(&assembled);
+  require((unit != nullptr) == content.has_value(), "a sample is packed, or refused");
+  if (unit == nullptr) return 0;
+  Bytes wanted = isKeyframe ? Bytes{0, 0, 0, 1, 0x67, 0x42} : Bytes{};
+  wanted.insert(wanted.end(), content->begin(), content->end());
+  require(unit->payload == wanted, "the units follow the parameter sets");
   return 0;
 }

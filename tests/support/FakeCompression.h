@@ -56,12 +56,18 @@ class FakeBlockBuffer final : public BlockBuffer {
   MediaStatus copyStatus_;
 };
 
+/// What a fake session does.
+struct FakeSessionBehaviour {
+  MediaStatus propertyStatus = 0;
+  MediaStatus prepareStatus = 0;
+  bool answersAtOnce = false;  // each frame becomes a sample within encode()
+};
+
 /// What happened to one fake session. It outlives the session, so that a test can look at it afterwards.
-struct FakeSessionRecord {
+struct FakeSessionRecord : FakeSessionBehaviour {
   struct Frame {
     SharedPixelBuffer image;
     std::optional<std::int64_t> presentationMicroseconds;
-    std::int64_t durationMicroseconds = 0;
     bool forceKeyframe = false;
     CompressionSession::OutputHandler handler;
   };
@@ -72,14 +78,11 @@ struct FakeSessionRecord {
   std::vector<Frame> frames;
   int completeCalls = 0;
   int invalidateCalls = 0;
-  MediaStatus propertyStatus = 0;
-  MediaStatus prepareStatus = 0;
   std::deque<MediaStatus> encodeStatuses;  // used up from the front, then 0
   bool emitsOnComplete = false;            // completeFrames() gives a sample for the last frame
-  bool answersAtOnce = false;              // each frame becomes a sample within encode()
 };
 
-inline std::shared_ptr<const EncodedSample> makeFakeSample(Bytes data, bool isKeyframe,
+inline std::shared_ptr<const EncodedSample> makeFakeSample(Bytes data, std::optional<bool> isKeyframe,
                                                            std::optional<std::int64_t> microseconds = 0) {
   auto sample = std::make_shared<EncodedSample>();
   sample->isKeyframe = isKeyframe;
@@ -98,9 +101,8 @@ class FakeCompressionSession final : public CompressionSession {
   }
   MediaStatus prepareToEncode() override { return record_->prepareStatus; }
   MediaStatus encode(const SharedPixelBuffer& image, std::optional<std::int64_t> presentationMicroseconds,
-                     std::int64_t durationMicroseconds, bool forceKeyframe, OutputHandler handler) override {
-    record_->frames.push_back(
-        {image, presentationMicroseconds, durationMicroseconds, forceKeyframe, std::move(handler)});
+                     std::int64_t, bool forceKeyframe, OutputHandler handler) override {
+    record_->frames.push_back({image, presentationMicroseconds, forceKeyframe, std::move(handler)});
     if (record_->answersAtOnce) {
       record_->frames.back().handler(0, makeFakeSample({0, 0, 0, 1, 0x65}, forceKeyframe));
     }
@@ -122,13 +124,10 @@ class FakeCompressionSession final : public CompressionSession {
   std::shared_ptr<FakeSessionRecord> record_;
 };
 
-/// Gives a session for every attempt, unless a status was queued for it.
-class FakeCompressionSessionFactory final : public CompressionSessionFactory {
+/// Gives a session of the present behaviour for every attempt, unless a status was queued for it.
+class FakeCompressionSessionFactory final : public CompressionSessionFactory, public FakeSessionBehaviour {
  public:
   std::deque<MediaStatus> createStatuses;  // used up from the front, then 0
-  MediaStatus prepareStatus = 0;           // for sessions made from now on, as the next
-  MediaStatus propertyStatus = 0;
-  bool answersAtOnce = false;
   std::vector<std::optional<EncoderSpecification>> attempts;
   std::vector<std::shared_ptr<FakeSessionRecord>> sessions;
 
@@ -141,12 +140,10 @@ class FakeCompressionSessionFactory final : public CompressionSessionFactory {
       if (status != 0) return {status, nullptr};
     }
     auto record = std::make_shared<FakeSessionRecord>();
+    static_cast<FakeSessionBehaviour&>(*record) = *this;
     record->width = width;
     record->height = height;
     record->codec = codec;
-    record->prepareStatus = prepareStatus;
-    record->propertyStatus = propertyStatus;
-    record->answersAtOnce = answersAtOnce;
     sessions.push_back(record);
     return {0, std::make_unique<FakeCompressionSession>(record)};
   }

@@ -3,6 +3,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -70,12 +71,7 @@ class FakeInputEvents final : public InputEvents {
     }
 
    private:
-    static std::string number(double value) {
-      std::string text = std::to_string(value);
-      text.erase(text.find_last_not_of('0') + 1);
-      if (text.back() == '.') text.pop_back();
-      return text;
-    }
+    static std::string number(double value) { return (std::ostringstream() << value).str(); }
     FakeInputEvents& owner_;
   };
 

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -34,15 +35,11 @@ class FakeStreamRecord {
   ScreenStream::StopHandler onStopped;
   ScreenStream::ContentChangeHandler onContentChanged;
   std::shared_ptr<SerialQueue> videoQueue;
-  std::shared_ptr<SerialQueue> audioQueue;
   ScreenStream::VideoOutput video;
   ScreenStream::AudioOutput audio;
 
   void sendVideo(VideoSample sample) {
     videoQueue->post([output = video, sample = std::move(sample)] { output(sample); });
-  }
-  void sendAudio(AudioSample sample) {
-    audioQueue->post([output = audio, sample = std::move(sample)] { output(sample); });
   }
   /// Ends the oldest call that waits.
   void complete(const std::exception_ptr& failure = nullptr) {
@@ -76,8 +73,7 @@ class FakeScreenStream final : public ScreenStream {
     record_->videoQueue = std::move(queue);
     record_->video = std::move(output);
   }
-  void addAudioOutput(std::shared_ptr<SerialQueue> queue, AudioOutput output) override {
-    record_->audioQueue = std::move(queue);
+  void addAudioOutput(std::shared_ptr<SerialQueue>, AudioOutput output) override {
     record_->audio = std::move(output);
     record_->hasOutputs = true;
   }
@@ -112,11 +108,8 @@ class FakeScreenCapture final : public ScreenCapture {
   std::deque<std::exception_ptr> outcomes;  // for the calls of the next stream
 
   void shareableContent(bool, bool, ContentCompletion completion) override {
-    if (contentFailure) {
-      completion(std::nullopt, contentFailure);
-    } else {
-      completion(ShareableContent{displays}, nullptr);
-    }
+    if (contentFailure) return completion(std::nullopt, contentFailure);
+    completion(ShareableContent{displays}, nullptr);
   }
   ContentFilter filterForDisplay(const ShareableDisplay& display) const override {
     ContentFilter filter;
@@ -159,6 +152,7 @@ class FakeScreenCapture final : public ScreenCapture {
 class FakeDisplays final : public Displays {
  public:
   std::vector<ShareableDisplay> displays;  // the main one first
+  std::function<void()> onBounds;          // before bounds() looks
 
   std::optional<DisplayID> mainDisplay() const override {
     return displays.empty() ? std::nullopt : std::optional(displays.front().id);
@@ -169,6 +163,7 @@ class FakeDisplays final : public Displays {
     return all;
   }
   Rect bounds(DisplayID id) const override {
+    if (const auto interfere = onBounds) interfere();
     for (const auto& display : displays) {
       if (display.id == id) return display.frame;
     }

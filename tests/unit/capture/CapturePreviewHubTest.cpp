@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <future>
 #include <string>
 #include <thread>
 #include <vector>
@@ -28,8 +29,6 @@ class CapturePreviewHubTest : public testing::Test {
       seen.push_back(name + (shown ? std::to_string(*shown->presentationMicroseconds) : "none"));
     };
   }
-  /// Runs `body` as the capture queue would: away from the main queue.
-  void onCapture(std::function<void()> body) { capture->post(std::move(body)); }
   std::vector<std::string> take() {
     time->runReady();
     return std::exchange(seen, {});
@@ -44,7 +43,7 @@ class CapturePreviewHubTest : public testing::Test {
 };
 
 TEST_F(CapturePreviewHubTest, OnlyTheNewestFrameIsDelivered) {
-  onCapture([this] {
+  capture->post([this] {
     for (int number = 1; number <= 10; ++number) hub->publish(frame(number));
   });
   EXPECT_EQ(take(), Lines{});  // nobody looks, and the next delivery is scheduled all the same
@@ -52,11 +51,11 @@ TEST_F(CapturePreviewHubTest, OnlyTheNewestFrameIsDelivered) {
   EXPECT_EQ(seen, Lines{"b10"});  // at once, of the stored frame
   hub->addObserver(kFirst, noting("a"));
   EXPECT_EQ(take(), (Lines{"b10", "a10"}));
-  onCapture([this] {
+  capture->post([this] {
     for (int number = 11; number <= 20; ++number) hub->publish(frame(number));
   });
   EXPECT_EQ(take(), (Lines{"a20", "b20"}));
-  onCapture([this] {
+  capture->post([this] {
     hub->publish(frame(21));
     hub->clear();
   });
@@ -67,7 +66,7 @@ TEST_F(CapturePreviewHubTest, OnlyTheNewestFrameIsDelivered) {
 }
 
 TEST_F(CapturePreviewHubTest, AnObserverAddedElsewhereIsServedOnTheMainQueue) {
-  onCapture([this] {
+  capture->post([this] {
     hub->addObserver(kFirst, noting("a"));
     hub->publish(frame(1));
     hub->addObserver(kSecond, noting("b"));
@@ -75,7 +74,7 @@ TEST_F(CapturePreviewHubTest, AnObserverAddedElsewhereIsServedOnTheMainQueue) {
     EXPECT_EQ(seen, Lines{});
   });
   EXPECT_EQ(take(), Lines{"a1"});
-  onCapture([this] {
+  capture->post([this] {
     hub->publish(frame(2));
     hub.reset();  // what is on its way does not keep it
   });
@@ -113,12 +112,9 @@ TEST(CapturePreviewHubThreadTest, ThreadsMeetWithoutARace) {
     hub->removeObserver(kSecond);
   }
   producer.join();
-  std::atomic<bool> reached{false};
-  main->post([&] {
-    reached = true;
-    reached.notify_all();
-  });
-  reached.wait(false);
+  std::promise<void> reached;
+  main->post([&] { reached.set_value(); });
+  ASSERT_EQ(reached.get_future().wait_for(std::chrono::seconds(10)), std::future_status::ready);
   EXPECT_EQ(newest, kFrames);
   EXPECT_EQ(wrongQueue, 0);
 }

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
-#include <functional>
 #include <limits>
 
 #include "capture/PCMConverter.h"
@@ -13,7 +12,6 @@ namespace kestrune {
 namespace {
 
 using Encoding = AudioFormat::Encoding;
-using Case = PCMConversionError::Case;
 
 constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
 constexpr float kInfinity = std::numeric_limits<float>::infinity();
@@ -108,11 +106,15 @@ TEST_F(PCMConverterTest, MapsChannelsToTheChosenMode) {
   EXPECT_EQ(converted(surround), (std::vector<int>{16384, 0}));
   EXPECT_EQ(converted(surround, AudioChannelMode::mono), std::vector<int>{8192});
 
-  const auto mono = converter.convert(floats(2, std::vector<float>(960)), AudioChannelMode::mono);
-  EXPECT_EQ(mono.pcm.size(), 960U);
-  EXPECT_EQ(mono.channels, 1);
-  EXPECT_EQ(mono.frameCount, 480);
-  EXPECT_EQ(mono.sampleRate, 48000);
+  auto sample = floats(2, std::vector<float>(960));
+  using Micros = std::pair<std::optional<std::int64_t>, std::uint64_t>;
+  for (const auto& [time, expected] :
+       {Micros{7'201'000'000, 7'201'000'000}, Micros{-3, 0}, Micros{std::nullopt, 0}}) {
+    sample.presentationMicroseconds = time;
+    const auto mono = converter.convert(sample, AudioChannelMode::mono);
+    EXPECT_EQ(mono.captureTimeMicroseconds, expected);
+    EXPECT_EQ(std::tuple(mono.channels, mono.frameCount, mono.sampleRate), std::tuple(1, 480, 48000));
+  }
 }
 
 TEST_F(PCMConverterTest, ReadsEveryEncodingInBothOrdersAndLayouts) {
@@ -133,68 +135,52 @@ TEST_F(PCMConverterTest, ReadsEveryEncodingInBothOrdersAndLayouts) {
       {Encoding::float64, {0, 0, 0, 0, 0, 0, 0xE0, 0x3F}, {0, 0, 0, 0, 0, 0, 0xD0, 0xBF}},
   };
   const int frames = 37;
+  const auto check = [&](const Expected& one, AudioFormat format) {
+    AudioSample sample;
+    sample.format = format;
+    sample.frameCount = frames;
+    std::vector<int> expected;
+    for (int i = 0; i < frames * format.channels; ++i) {
+      const int channel = format.isInterleaved ? i % format.channels : i / frames;
+      Bytes bytes = channel == 0 ? one.left : one.right;
+      if (format.isBigEndian) std::reverse(bytes.begin(), bytes.end());
+      sample.data.insert(sample.data.end(), bytes.begin(), bytes.end());
+    }
+    for (int i = 0; i < 2 * frames; ++i)
+      expected.push_back(i % 2 == 0 || format.channels == 1 ? 16384 : -8192);
+    EXPECT_EQ(converted(sample), expected) << static_cast<int>(one.encoding) << format.channels;
+  };
   for (const Expected& one : all) {
-    for (const bool isBigEndian : {false, true}) {
-      for (const bool isInterleaved : {true, false}) {
-        for (const int channels : {1, 2, 3}) {
-          AudioSample sample;
-          sample.format = AudioFormat{one.encoding, isBigEndian, isInterleaved, 48000, channels};
-          sample.frameCount = frames;
-          for (int i = 0; i < frames * channels; ++i) {
-            const int channel = isInterleaved ? i % channels : i / frames;
-            Bytes bytes = channel == 0 ? one.left : one.right;
-            if (isBigEndian) std::reverse(bytes.begin(), bytes.end());
-            sample.data.insert(sample.data.end(), bytes.begin(), bytes.end());
-          }
-          std::vector<int> expected;
-          for (int i = 0; i < frames; ++i) {
-            expected.push_back(16384);
-            expected.push_back(channels == 1 ? 16384 : -8192);
-          }
-          EXPECT_EQ(converted(sample), expected)
-              << static_cast<int>(one.encoding) << isBigEndian << isInterleaved << channels;
-        }
+    for (const int channels : {1, 2, 3}) {
+      for (const int layout : {0, 1, 2, 3}) {
+        check(one, {one.encoding, layout % 2 == 1, layout < 2, 48000, channels});
       }
     }
   }
 }
 
-TEST_F(PCMConverterTest, CarriesTheTimeOfTheSampleWhateverItIs) {
-  auto sample = floats(1, {0, 0});
-  for (const std::int64_t time : {7'201'000'000L, 5L, -3L}) {
-    sample.presentationMicroseconds = time;
-    EXPECT_EQ(converter.convert(sample, AudioChannelMode::mono).captureTimeMicroseconds,
-              static_cast<std::uint64_t>(std::max<std::int64_t>(time, 0)));
-  }
-  sample.presentationMicroseconds.reset();
-  EXPECT_EQ(converter.convert(sample, AudioChannelMode::mono).captureTimeMicroseconds, 0U);
-}
-
 TEST_F(PCMConverterTest, RefusesWhatItCannotReadAndGoesOn) {
-  using Change = std::function<void(AudioSample&)>;
-  const std::vector<std::pair<std::string, std::vector<Change>>> refused{
-      {"The captured audio format is unavailable.", {[](auto& sample) { sample.format.reset(); }}},
-      {"The captured audio format is not PCM.",
-       {[](auto& sample) { sample.format->encoding = Encoding::aLaw; },
-        [](auto& sample) { sample.format->encoding = Encoding::muLaw; },
-        [](auto& sample) { sample.format->encoding = Encoding::compressed; },
-        [](auto& sample) { sample.format->channels = 0; }}},
-      {"Unable to read captured audio samples (OSStatus -12742).",
-       {[](auto& sample) { sample.frameCount = 3; },
-        [](auto& sample) { sample.format->channels = std::numeric_limits<int>::max(); }}},
-      {"Unable to read captured audio samples (OSStatus 0).", {[](auto& sample) { sample.frameCount = -1; }}},
-      {"Unable to create the 48 kHz audio converter.",
-       {[](auto& sample) { sample.format->sampleRate = 0; },
-        [](auto& sample) { sample.format->sampleRate = -48000; },
-        [](auto& sample) { sample.format->sampleRate = 1; },
-        [](auto& sample) { sample.format->sampleRate = 10'000'000; }}}};
-  for (const auto& [message, changes] : refused) {
-    for (const auto& change : changes) {
-      AudioSample sample = floats(2, {0, 0, 0, 0});
-      change(sample);
-      EXPECT_EQ(failureOf(sample), message);
-    }
+  constexpr int kHuge = std::numeric_limits<int>::max();
+  const std::string unreadable = "Unable to read captured audio samples (OSStatus ";
+  const std::string notPCM = "The captured audio format is not PCM.";
+  const std::string noConverter = "Unable to create the 48 kHz audio converter.";
+  const auto refusal = [this](AudioFormat format, int frames = 2) {
+    AudioSample sample = floats(2, {0, 0, 0, 0});
+    sample.format = format;
+    sample.frameCount = frames;
+    return failureOf(sample);
+  };
+  for (const auto encoding : {Encoding::aLaw, Encoding::muLaw, Encoding::compressed}) {
+    EXPECT_EQ(refusal({encoding, false, true, 48000, 2}), notPCM);
   }
+  EXPECT_EQ(refusal({Encoding::float32, false, true, 48000, 0}), notPCM);
+  EXPECT_EQ(refusal({Encoding::float32, false, true, 48000, kHuge}), unreadable + "-12742).");
+  EXPECT_EQ(refusal({Encoding::float32, false, true, 48000, 2}, 3), unreadable + "-12742).");
+  EXPECT_EQ(refusal({Encoding::float32, false, true, 48000, 2}, -1), unreadable + "0).");
+  for (const int rate : {0, -48000, 1, 10'000'000}) {
+    EXPECT_EQ(refusal({Encoding::float32, false, true, rate, 2}), noConverter) << rate;
+  }
+  EXPECT_EQ(failureOf({}), "The captured audio format is unavailable.");
   EXPECT_EQ(converted(floats(1, {}), AudioChannelMode::mono), std::vector<int>{});
   AudioSample overLong = floats(1, {0.5F, 0.5F, 0.5F});
   overLong.frameCount = 2;
@@ -215,16 +201,13 @@ TEST_F(PCMConverterTest, KeepsTheResamplerAsLongAsTheFormatStays) {
   EXPECT_EQ(resamplers->created, 3);
   converted(floats(6, std::vector<float>(12), 96000));
   EXPECT_EQ(resamplers->channels, 2);
+  converted(fast);
 
   // All held back: a success without sound.
-  const auto chunk = converter.convert(floats(2, {0, 0}, 96000), AudioChannelMode::stereo);
-  EXPECT_EQ(chunk.frameCount, 0);
-  EXPECT_TRUE(chunk.pcm.empty());
-}
+  EXPECT_EQ(converted(floats(2, {0, 0}, 96000)), std::vector<int>{});
 
-TEST_F(PCMConverterTest, AFailureLeavesTheResamplerAsItWas) {
-  const auto fast = floats(2, std::vector<float>(8), 96000);
-  converted(fast);
+  // A failure leaves it as it was.
+  const int created = resamplers->created;
   resamplers->fails = true;
   EXPECT_EQ(failureOf(fast), "Audio conversion failed: it broke");
   resamplers->fails = false;
@@ -234,7 +217,7 @@ TEST_F(PCMConverterTest, AFailureLeavesTheResamplerAsItWas) {
   EXPECT_EQ(failureOf(floats(1, std::vector<float>(21UL * 48000))),
             "Unable to create the 48 kHz audio converter.");
   converted(fast);
-  EXPECT_EQ(resamplers->created, 1);
+  EXPECT_EQ(resamplers->created, created);
 }
 
 TEST_F(PCMConverterTest, NothingUnendingReachesTheResampler) {

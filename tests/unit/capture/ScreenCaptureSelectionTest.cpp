@@ -20,22 +20,6 @@ TEST(CaptureContent, ADisplayThatIsNotNamedIsTheOneThatOverlapsMost) {
   EXPECT_FALSE(controlTargetOfContent(filter, displays));
 }
 
-TEST(CaptureContent, TheStreamIsAskedForTheEncodersSize) {
-  ContentFilter filter = displayFilter({1, {0, 0, 1440.4, 900}});
-  filter.pointPixelScale = 2;
-  ScreenStreamConfiguration expected;
-  expected.width = 1600;
-  expected.height = 1000;  // of 2881 by 1800 pixels
-  expected.minimumFrameIntervalFPS = 24;
-  expected.showsCursor = false;
-  expected.channelCount = 1;
-  expected.excludesCurrentProcessAudio = false;
-  expected.streamName = "Kestrune";
-  EXPECT_EQ(streamConfiguration(filter, StreamProfile::high, StreamFrameRate::fps24, AudioChannelMode::mono,
-                                false, true),
-            expected);
-}
-
 TEST_F(ScreenCaptureSelectionTest, SelectsDisplaysByIdentifier) {
   const auto selectDisplay = [this](DisplayID display, bool managed) {
     return run(service->selectDisplay(display, std::nullopt, managed, managed));
