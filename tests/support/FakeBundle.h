@@ -15,14 +15,10 @@ class FakeBundle final : public Bundle {
  public:
   std::map<std::string, std::string> files;
   std::set<std::string> unreadable;
-  std::map<std::string, std::string, std::less<>> information;
   mutable std::vector<std::string> lookups;
 
   std::string bundleIdentifier() const override { return "test.bundle"; }
-  std::optional<std::string> informationValue(std::string_view key) const override {
-    const auto found = information.find(key);
-    return found == information.end() ? std::nullopt : std::optional(found->second);
-  }
+  std::optional<std::string> informationValue(std::string_view) const override { return {}; }
   std::optional<std::filesystem::path> resource(std::string_view name, std::string_view extension,
                                                 std::string_view subdirectory) const override {
     std::string path(subdirectory);

@@ -51,13 +51,12 @@ class FakeTcpConnection final : public TcpConnection, public std::enable_shared_
 
   std::string sent;      // all that was taken
   std::string inFlight;  // the send that is not taken yet
-  bool started = false;
   bool finished = false;
   bool cancelled = false;
 
   // The server's side.
   void setStateHandler(StateHandler handler) override { stateHandler_ = std::move(handler); }
-  void start() override { started = true; }
+  void start() override {}
   void receive(std::size_t minimum, std::size_t maximum, ReceiveHandler handler) override {
     if (receiveHandler_ || cancelled || minimum != 1) throw std::logic_error("bad receive");
     maximum_ = maximum;

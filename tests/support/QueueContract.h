@@ -13,6 +13,8 @@
 
 namespace kestrune {
 
+using namespace std::chrono_literals;
+
 /// A clock that a test moves on while a real queue reads it.
 class SettableClock final : public Clock {
  public:
@@ -54,7 +56,7 @@ class ThreadQueueLab final : public QueueLab {
     for (int turn = 0; turn < 3; ++turn) {
       std::promise<void> done;
       queue()->post([&] { done.set_value(); });
-      done.get_future().wait();
+      ASSERT_EQ(done.get_future().wait_for(10s), std::future_status::ready);
     }
     hold();
   }
@@ -90,26 +92,26 @@ class QueueContract : public ::testing::TestWithParam<std::function<std::unique_
 };
 
 TEST_P(QueueContract, RunsInOrderOfPostingAndOfDueTime) {
-  queue().postAfter(std::chrono::milliseconds(20), note(6));
-  queue().postAfter(std::chrono::milliseconds(10), note(4));
-  queue().postAfter(std::chrono::milliseconds(10), note(5));
+  queue().postAfter(20ms, note(6));
+  queue().postAfter(10ms, note(4));
+  queue().postAfter(10ms, note(5));
   queue().post(note(1));
-  queue().postAfter(-std::chrono::milliseconds(1), note(2));
+  queue().postAfter(-1ms, note(2));
   queue().post([this] {
     order_.push_back(3);
     queue().post(note(33));
   });
-  lab_->run(std::chrono::milliseconds(9));
+  lab_->run(9ms);
   EXPECT_EQ(order_, (std::vector{1, 2, 3, 33}));
-  lab_->run(std::chrono::milliseconds(1));
+  lab_->run(1ms);
   EXPECT_EQ(order_, (std::vector{1, 2, 3, 33, 4, 5}));
-  lab_->run(std::chrono::milliseconds(10));
+  lab_->run(10ms);
   EXPECT_EQ(order_.back(), 6);
 }
 
 TEST_P(QueueContract, CancelledWorkNeverStartsAndIsDestroyedAtOnce) {
   auto held = std::make_shared<int>(0);
-  DelayedWork timer = queue().postAfter(std::chrono::milliseconds(10), [held, this] { order_.push_back(1); });
+  DelayedWork timer = queue().postAfter(10ms, [held, this] { order_.push_back(1); });
   EXPECT_TRUE(timer.isPending());
   EXPECT_EQ(held.use_count(), 2);
   EXPECT_TRUE(timer.cancel());
@@ -120,13 +122,13 @@ TEST_P(QueueContract, CancelledWorkNeverStartsAndIsDestroyedAtOnce) {
   // Due at the same instant: the first may still cancel the second, but no longer itself.
   DelayedWork first;
   DelayedWork second;
-  first = queue().postAfter(std::chrono::milliseconds(10), [&] {
+  first = queue().postAfter(10ms, [&] {
     order_.push_back(2);
     EXPECT_FALSE(first.cancel());
     EXPECT_TRUE(second.cancel());
   });
-  second = queue().postAfter(std::chrono::milliseconds(10), note(3));
-  lab_->run(std::chrono::seconds(1));
+  second = queue().postAfter(10ms, note(3));
+  lab_->run(1s);
   EXPECT_EQ(order_, std::vector{2});
   EXPECT_FALSE(DelayedWork().cancel());
 }
@@ -137,7 +139,7 @@ TEST_P(QueueContract, EndDestroysWaitingWork) {
   std::shared_ptr<void> dropped(nullptr, [queue = std::weak_ptr(lab_->queue())](void*) {
     if (const auto alive = queue.lock()) alive->post([] { FAIL(); });
   });
-  *handle = queue().postAfter(std::chrono::milliseconds(10), [handle, dropped] { FAIL(); });
+  *handle = queue().postAfter(10ms, [handle, dropped] { FAIL(); });
   queue().post([this, dropped] { EXPECT_TRUE(lab_->runsPostedWorkAtEnd()); });
   lab_->end();
   EXPECT_EQ(dropped.use_count(), 1);
@@ -146,10 +148,10 @@ TEST_P(QueueContract, EndDestroysWaitingWork) {
 }
 
 TEST_P(QueueContract, ManyCancelledTimersDoNotDisturbTheOthers) {
-  DelayedWork kept = queue().postAfter(std::chrono::hours(1), note(1));
-  for (int i = 0; i < 2000; ++i) queue().postAfter(std::chrono::hours(1), note(-1)).cancel();
-  queue().postAfter(std::chrono::hours(1), note(2));
-  lab_->run(std::chrono::hours(1));
+  DelayedWork kept = queue().postAfter(1h, note(1));
+  for (int i = 0; i < 2000; ++i) queue().postAfter(1h, note(-1)).cancel();
+  queue().postAfter(1h, note(2));
+  lab_->run(1h);
   EXPECT_EQ(order_, (std::vector{1, 2}));
   EXPECT_FALSE(kept.isPending());
 }

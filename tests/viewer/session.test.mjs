@@ -1,10 +1,9 @@
-// What a closed connection means, clocks and queue depth, and what the page says in each state.
+// What a closed connection means, clocks and queue depth.
 import assert from 'node:assert/strict';
 import { test } from 'node:test';
 import { KeyframeRequests, QueueDepth, decoderIsBehind } from '../../Resources/Viewer/adaptive-quality.js';
 import { ClockOffsetFilter } from '../../Resources/Viewer/decoder-clock.js';
-import { missingCapabilities, telemetryMessage } from '../../Resources/Viewer/reporting.js';
-import { cardFor } from '../../Resources/Viewer/viewer-ui.js';
+import { telemetryMessage } from '../../Resources/Viewer/reporting.js';
 import { Connection, Liveness, ReconnectPolicy, streamAddress } from '../../Resources/Viewer/wire-runtime.js';
 
 test('retries grow to a limit, are jittered, and start over after a success', () => {
@@ -129,14 +128,4 @@ test('telemetry is complete and whole where it has to be', () => {
     type: 'telemetry', viewerFPS: 59.7, decodeMilliseconds: 0, videoBufferMilliseconds: 13, audioBufferMilliseconds: 240,
     audioDriftMilliseconds: -4, reconnects: 2, videoBufferRebuildTargetMilliseconds: 5000,
   });
-});
-
-test('each state has its words', () => {
-  const model = (changes) => ({
-    missing: [], hasToken: true, phase: 'connected', details: {}, stream: { state: 'streaming' }, hasPicture: true, problem: null, everConnected: true, ...changes,
-  });
-  assert.equal(cardFor(model({})), null);
-  assert.equal(cardFor(model({ stream: { state: 'error', message: 'No display.' } })).text, 'No display.');
-  assert.deepEqual(cardFor(model({ stream: { state: 'armed' } })).primary, ['start', 'Start streaming']);
-  assert.match(cardFor(model({ missing: missingCapabilities({ WebSocket: 1, isSecureContext: false }) })).text, /secure connection/);
 });

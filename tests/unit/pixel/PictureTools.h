@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <random>
 #include <vector>
@@ -55,16 +56,15 @@ inline int chromaAt(const PixelBuffer& picture, int x, int y, int component) {
 }
 
 inline bool sameBytes(const PixelBuffer& a, const PixelBuffer& b) {
-  for (int y = 0; y < a.height(); ++y) {
-    for (int x = 0; x < a.width(); ++x) {
-      if (lumaAt(a, x, y) != lumaAt(b, x, y)) return false;
-    }
-  }
-  for (int y = 0; y < (a.height() + 1) / 2; ++y) {
-    for (int x = 0; x < (a.width() + 1) / 2; ++x) {
-      if (chromaAt(a, x, y, 0) != chromaAt(b, x, y, 0) || chromaAt(a, x, y, 1) != chromaAt(b, x, y, 1))
-        return false;
-    }
+  const int evenWidth = (a.width() + 1) / 2 * 2;
+  for (int row = 0; row < a.height() + (a.height() + 1) / 2; ++row) {
+    const bool isLuma = row < a.height();
+    const auto begin = [&](const PixelBuffer& picture) {
+      const auto& plane = picture.plane(isLuma ? 0 : 1);
+      return plane.data + (isLuma ? row : row - a.height()) * plane.stride;
+    };
+    if (std::memcmp(begin(a), begin(b), static_cast<std::size_t>(isLuma ? a.width() : evenWidth)) != 0)
+      return false;
   }
   return true;
 }

@@ -89,7 +89,7 @@ TEST(ThreadQueue, KeepsTheOrderOfEachPosterOnItsOwnThread) {
     });
   }
   for (auto& poster : posters) poster.join();
-  delayedRan.get_future().wait();
+  EXPECT_EQ(delayedRan.get_future().wait_for(10s), std::future_status::ready);
   posters.clear();
   queue = nullptr;  // runs what was posted, and joins
   for (const auto& values : seen) {
@@ -117,7 +117,7 @@ TEST(ThreadQueue, MayBeDestroyedByItsOwnWork) {
   raw->postAfter(1h, [tells] { FAIL(); });
   raw->post([held = std::move(queue)]() mutable { held = nullptr; });
   tells = nullptr;
-  gone.get_future().wait();
+  EXPECT_EQ(gone.get_future().wait_for(10s), std::future_status::ready);
 }
 
 TEST(Published, TellsOnlyOfChangesAndEachObserverOnce) {

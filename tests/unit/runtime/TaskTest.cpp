@@ -240,7 +240,7 @@ TEST_F(TaskTest, CompletionsAndCancellationsComeFromOtherThreads) {
   const auto awaitEnd = [](const TaskHandle& handle) {
     std::promise<void> ended;
     handle.whenFinished([&] { ended.set_value(); });
-    ended.get_future().wait();
+    ASSERT_EQ(ended.get_future().wait_for(10s), std::future_status::ready);
   };
   int count = 0;
   awaitEnd(startTask(thread, countOnThread(thread, platform, count)));
