@@ -10,7 +10,8 @@
 
 import { readFileSync, readdirSync } from 'node:fs';
 
-import { Host, Scene, XServer, launchBrowser, openViewer, processUse, sleep } from '../../tests/browser/lab.mjs';
+import { Host, XServer, launchBrowser, openViewer, sleep } from '../../tests/browser/lab.mjs';
+import { Scene, processUse } from './tools.mjs';
 
 const builds = process.argv.slice(2).filter((argument) => !argument.startsWith('--'));
 const options = new Map(process.argv.slice(2).filter((argument) => argument.startsWith('--')).map((argument) => argument.slice(2).split('=')));

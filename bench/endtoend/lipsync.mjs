@@ -5,7 +5,8 @@
 //
 // usage: scripts/with-private-sound node bench/endtoend/lipsync.mjs BUILD_FOLDER [COUNT]
 
-import { Host, Scene, XServer, launchBrowser, sleep, waitForPictures } from '../../tests/browser/lab.mjs';
+import { Host, XServer, launchBrowser, sleep, waitForPictures } from '../../tests/browser/lab.mjs';
+import { Scene } from './tools.mjs';
 
 const [build, countText = '50'] = process.argv.slice(2);
 if (!build) {

@@ -5,7 +5,8 @@
 // usage: scripts/with-private-sound node bench/endtoend/soak.mjs BUILD_FOLDER [MINUTES]
 
 import { readFileSync, readdirSync } from 'node:fs';
-import { Host, Scene, XServer, connectViewer, processUse, sleep } from '../../tests/browser/lab.mjs';
+import { Host, XServer, sleep } from '../../tests/browser/lab.mjs';
+import { Scene, connectCounter, processUse } from './tools.mjs';
 
 const [build, minutesText = '10'] = process.argv.slice(2);
 if (!build) {
@@ -39,7 +40,7 @@ const server = await XServer.start(1920, 1080);
 const beeps = await Scene.start(build, server.display, 'beep');
 const scene = await Scene.start(build, server.display, 'video'); // covers the other
 const host = await Host.start(build, server.display, { 'stream.profile': 'high', 'stream.frameRate': 60 });
-const viewer = await connectViewer(host);
+const viewer = await connectCounter(host);
 const counts = { soundBytes: 0 };
 let isEnding = false;
 pollSound(host, counts).catch((error) => {

@@ -3,7 +3,8 @@
 //
 // usage: node bench/endtoend/throughput.mjs BUILD_FOLDER [SECONDS [SCENE...]]
 
-import { Host, Scene, XServer, connectViewer, processUse, sleep, spawnQuiet } from '../../tests/browser/lab.mjs';
+import { Host, XServer, sleep, spawnQuiet } from '../../tests/browser/lab.mjs';
+import { Scene, connectCounter, processUse } from './tools.mjs';
 
 const [build, secondsText = '8', ...onlyScenes] = process.argv.slice(2);
 if (!build) {
@@ -26,7 +27,7 @@ const sizes = { high: '1600:900', balanced: '1280:720' };
 async function measureHost(display, entry) {
   const host = await Host.start(build, display, { 'stream.profile': entry.profile, 'stream.frameRate': entry.fps });
   try {
-    const viewer = await connectViewer(host);
+    const viewer = await connectCounter(host);
     await sleep(4);
     const before = { use: processUse(host.pid), ...viewer.counts() };
     await sleep(seconds);

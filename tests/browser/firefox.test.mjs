@@ -9,20 +9,15 @@ import path from 'node:path';
 import { test } from 'node:test';
 import puppeteer from 'puppeteer-core';
 
-import { Client, Host, SoundServer, XServer, assertColours, assertNoFaults, near, pattern, pictureColours, picturePoints, takeControl, waitFor, watchFaults } from './lab.mjs';
-
-const build = process.env.KESTRUNE_BUILD;
-assert.ok(build, 'KESTRUNE_BUILD names the build folder');
+import { SoundServer, assertColours, assertNoFaults, near, pattern, pictureColours, picturePoints, stage, takeControl, waitFor, watchFaults } from './lab.mjs';
 
 const width = 1280;
 const height = 800;
 
-test('Firefox shows the picture, asks for a tap before the sound, and its clicks arrive', async () => {
+test('Firefox shows the picture, asks for a tap before the sound, and its clicks arrive', async (t) => {
   const home = mkdtempSync(path.join(tmpdir(), 'kestrune-firefox-'));
   const sound = await SoundServer.start(); // without a sound device Firefox starts no audio
-  const server = await XServer.start(width, height);
-  const client = await Client.start(build, server.display);
-  const host = await Host.start(build, server.display, {}, { environment: sound.environment });
+  const { host, client } = await stage(t, { environment: sound.environment });
   const firefox = await puppeteer.launch({
     browser: 'firefox', executablePath: '/usr/bin/firefox-esr', headless: true,
     userDataDir: path.join(home, 'profile'), env: { ...process.env, ...sound.environment, HOME: home },
@@ -36,10 +31,7 @@ test('Firefox shows the picture, asks for a tap before the sound, and its clicks
       window.firstTap = { sound: window.kestruneViewer.audio.state, prompt: [left, top, right, bottom] };
     }, { capture: true, once: true }));
     await page.goto(host.url);
-    // Waited for at the host: a look into the page counts as the user's gesture, and would unlock the sound.
-    const { origin, hash } = new URL(host.url);
-    const status = () => fetch(`${origin}/status`, { headers: { Authorization: `Bearer ${hash.slice(1)}` } }).then((answer) => answer.json());
-    await waitFor(async () => (await status()).viewer?.viewerFPS > 0, 20);
+    await host.waitForPictures();
     const stopTone = sound.playTone(1000, 0.5);
     await page.mouse.click(60, 38);
     const { sound: before, prompt: [left, top, right, bottom] } = await page.evaluate(() => window.firstTap);
@@ -57,9 +49,6 @@ test('Firefox shows the picture, asks for a tap before the sound, and its clicks
     assertNoFaults();
   } finally {
     await firefox.close();
-    await host.stop();
-    client.stop();
-    server.stop();
     sound.stop();
     rmSync(home, { recursive: true, force: true });
   }

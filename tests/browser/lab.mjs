@@ -8,6 +8,9 @@ import { tmpdir } from 'node:os';
 import path from 'node:path';
 import readline from 'node:readline';
 
+/** The build under test. */
+export const build = process.env.KESTRUNE_BUILD ?? 'build';
+
 // The packages stand beside this file.
 export const require = createRequire(import.meta.url);
 
@@ -25,7 +28,7 @@ export function spawnQuiet(command, args, env = {}, stdio = ['ignore', 'pipe', '
 }
 
 /** Calls `onLine` for each line; resolves with the first line for which `test` gives a value, as that value. */
-function waitForLine(stream, test, onLine = () => {}) {
+export function waitForLine(stream, test, onLine = () => {}) {
   return new Promise((resolve, reject) => {
     const lines = readline.createInterface({ input: stream });
     lines.on('line', (line) => {
@@ -99,66 +102,41 @@ export function listen(page) {
   });
 }
 
-export class Scene {
-  /** `onToggle(microseconds, colour)` hears of each change of the square. */
-  static async start(build, display, name, onToggle = () => {}) {
-    const child = spawnQuiet(path.join(build, 'bin/screen_content'), [name], { DISPLAY: display });
-    await waitForLine(child.stdout, (line) => line === 'ready', (line) => {
-      const match = /^(\d+) ([01])$/.exec(line);
-      if (match) onToggle(Number(match[1]), Number(match[2]));
-    });
-    return Object.assign(new Scene(), { child });
-  }
-  stop() { this.child.kill('SIGTERM'); }
-}
-
 /** The pattern client of the end-to-end tests; its lines are read in order, each once. */
 export class Client {
   static async start(build, display) {
-    const client = Object.assign(new Client(), { lines: [], wake: () => {} });
+    const client = Object.assign(new Client(), { lines: [] });
     client.child = spawnQuiet(path.join(build, 'tests/pattern_client'), [], { DISPLAY: display }, ['pipe', 'pipe', 'inherit']);
-    readline.createInterface({ input: client.child.stdout }).on('line', (line) => {
-      client.lines.push(line);
-      client.wake();
-    });
+    readline.createInterface({ input: client.child.stdout }).on('line', (line) => client.lines.push(line));
     await client.line(/^ready$/);
     return client;
   }
   write(text) { this.child.stdin.write(`${text}\n`); }
   /** The next line that matches; lines before it are forgotten. */
-  async line(pattern, seconds = 10) {
-    const end = Date.now() + seconds * 1000;
-    const seen = [];
-    for (;;) {
-      while (this.lines.length > 0) {
-        const line = this.lines.shift();
-        if (pattern.test(line)) return line;
-        seen.push(line);
-      }
-      const left = end - Date.now();
-      if (left <= 0) throw new Error(`no line matches ${pattern}; seen: ${seen.slice(-20).join(' | ')}`);
-      let timer;
-      await new Promise((resolve) => { this.wake = resolve; timer = setTimeout(resolve, left); });
-      clearTimeout(timer);
-    }
+  async line(pattern) {
+    const seen = [''];
+    await waitFor(() => {
+      while (this.lines.length > 0 && !pattern.test(seen.at(-1))) seen.push(this.lines.shift());
+      return pattern.test(seen.at(-1));
+    }, 10, () => `no line matches ${pattern}; seen: ${seen.slice(-20).join(' | ')}`);
+    return seen.at(-1);
   }
   stop() { this.child.kill('SIGTERM'); }
 }
 
-let nextPort = 18080 + (process.pid % 1000) * 4;
-
 export class Host {
+  static port = 18080 + (process.pid % 1000) * 4; // of the latest
+
   /** With a `home` of an earlier host, its settings and token go on. */
-  static async start(build, display, preferences, { home = null, port = null, environment = {} } = {}) {
+  static async start(build, display, preferences, { home = null, environment = {} } = {}) {
     const folder = home ?? mkdtempSync(path.join(tmpdir(), 'kestrune-host-'));
     if (preferences) {
       mkdirSync(path.join(folder, 'config/kestrune'), { recursive: true, mode: 0o700 });
       writeFileSync(path.join(folder, 'config/kestrune/preferences.json'), JSON.stringify(preferences));
     }
-    const usedPort = port ?? (home ? Host.lastPort : nextPort++);
-    Host.lastPort = usedPort;
+    if (!home) Host.port += 1;
     const child = spawnQuiet(path.join(build, 'bin/kestrune-headless'), [], {
-      DISPLAY: display, HOME: folder, KESTRUNE_PORT: String(usedPort), XDG_CONFIG_HOME: path.join(folder, 'config'),
+      DISPLAY: display, HOME: folder, KESTRUNE_PORT: String(Host.port), XDG_CONFIG_HOME: path.join(folder, 'config'),
       XDG_DATA_HOME: path.join(folder, 'data'), XDG_RUNTIME_DIR: folder, DBUS_SESSION_BUS_ADDRESS: '',
       ...environment,
     });
@@ -166,10 +144,16 @@ export class Host {
     child.stderr.on('data', (data) => { log = (log + data).slice(-20000); });
     const url = await waitForLine(child.stdout, (line) => /^Local viewer: (\S+)/.exec(line)?.[1])
       .catch((error) => { throw new Error(`${error.message}\n${log}`); });
-    return Object.assign(new Host(), { child, home: folder, url, pid: child.pid, log: () => log });
+    return Object.assign(new Host(), { child, home: folder, url, pid: child.pid });
   }
   get preferencesFile() { return path.join(this.home, 'config/kestrune/preferences.json'); }
   preferences() { return JSON.parse(readFileSync(this.preferencesFile, 'utf8')); }
+  async status() {
+    const { origin, hash } = new URL(this.url);
+    return (await fetch(`${origin}/status`, { headers: { Authorization: `Bearer ${hash.slice(1)}` } })).json();
+  }
+  /** Waits without a look into the page, which would count as a gesture of the user and unlock the sound. */
+  waitForPictures() { return waitFor(async () => (await this.status()).viewer?.viewerFPS > 0, 20); }
   async stop({ keepHome = false } = {}) {
     if (this.child.exitCode === null && this.child.signalCode === null) {
       const ended = new Promise((resolve) => { this.child.on('exit', resolve); });
@@ -180,12 +164,24 @@ export class Host {
   }
 }
 
-/** A viewer without a decoder: it takes over, starts the stream in this codec, and counts and hands on what arrives. */
+/** A display with the pattern on it and the host, until the test `t` is over. */
+export async function stage(t, { size: [width, height] = [1280, 800], hasModes, preferences = {}, environment } = {}) {
+  const server = await XServer.start(width, height, { hasModes });
+  const client = await Client.start(build, server.display);
+  const made = { server, client, host: await Host.start(build, server.display, preferences, { environment }) };
+  t.after(async () => {
+    await made.host.stop(); // the one that runs then
+    client.stop();
+    server.stop();
+  });
+  return made;
+}
+
+/** A viewer without a decoder: it takes over, starts the stream in this codec, and hands on what arrives. */
 export async function connectViewer(host, { codec: wanted = 'h264', onFrame = () => {} } = {}) {
   const { WebSocket } = require('ws');
   const url = new URL(host.url);
   const socket = new WebSocket(`ws://${url.host}/stream`);
-  const counts = { frames: 0, bytes: 0, keyframes: 0 };
   const streaming = new Promise((resolve, reject) => {
     const send = (message) => socket.send(JSON.stringify(message));
     socket.on('open', () => send({ type: 'auth', token: url.hash.slice(1), takeover: true }));
@@ -194,13 +190,7 @@ export async function connectViewer(host, { codec: wanted = 'h264', onFrame = ()
     let codec = null;
     let asked = false;
     socket.on('message', (data, isBinary) => {
-      if (isBinary) {
-        counts.frames += 1;
-        counts.bytes += data.length;
-        counts.keyframes += data[0];
-        onFrame(data);
-        return;
-      }
+      if (isBinary) return onFrame(data);
       const message = JSON.parse(String(data));
       if (message.type === 'streamSettings') {
         codec = message.codec;
@@ -212,17 +202,7 @@ export async function connectViewer(host, { codec: wanted = 'h264', onFrame = ()
     });
   });
   await streaming;
-  return { counts: () => ({ ...counts }), close: () => socket.terminate() };
-}
-
-/** Processor time of all threads since the start, and resident memory, of a process. */
-export function processUse(pid) {
-  const fields = readFileSync(`/proc/${pid}/stat`, 'utf8').replace(/^.*\) /s, '').split(' ');
-  const resident = /VmRSS:\s+(\d+) kB/.exec(readFileSync(`/proc/${pid}/status`, 'utf8'));
-  return {
-    processorSeconds: (Number(fields[11]) + Number(fields[12])) / 100,
-    residentMiB: Number(resident[1]) / 1024,
-  };
+  return { close: () => socket.terminate() };
 }
 
 /** Headless Chromium as the machine has it; no service of its maker is asked for anything. */
@@ -354,14 +334,8 @@ export function pictureColours(page, screenshot = null) {
     const canvas = new OffscreenCanvas(width, height);
     const context = canvas.getContext('2d', { willReadFrequently: true });
     context.drawImage(source, 0, 0, width, height);
-    const colours = [];
-    for (let row = 0; row < 2; row++) {
-      for (let column = 0; column < 4; column++) {
-        const x = Math.round(((column + 0.5) * width) / 4);
-        const y = Math.round(((row + 0.5) * height) / 2);
-        colours.push([...context.getImageData(x, y, 1, 1).data.slice(0, 3)]);
-      }
-    }
-    return colours;
+    const middle = (index, count, size) => Math.round(((index + 0.5) * size) / count);
+    return Array.from({ length: 8 }, (_, field) => (
+      [...context.getImageData(middle(field % 4, 4, width), middle(field >> 2, 2, height), 1, 1).data.slice(0, 3)]));
   }, screenshot);
 }

@@ -3,13 +3,10 @@
 // usage: KESTRUNE_BUILD=<build folder> node --test tests/browser/live.test.mjs
 
 import assert from 'node:assert/strict';
-import { readFileSync, renameSync, writeFileSync } from 'node:fs';
+import { renameSync, writeFileSync } from 'node:fs';
 import { after, before, test } from 'node:test';
 
-import { Client, Host, XServer, assertNoFaults, launchBrowser, openViewer, sleep, waitFor } from './lab.mjs';
-
-const build = process.env.KESTRUNE_BUILD;
-assert.ok(build, 'KESTRUNE_BUILD names the build folder');
+import { Client, Host, XServer, assertNoFaults, build, launchBrowser, openViewer, sleep, waitFor } from './lab.mjs';
 
 const width = 1600;
 const height = 1000;
@@ -49,44 +46,24 @@ test('an edited preferences file changes the running stream, without a new conne
       last = now;
     };
   });
-  const preferences = host.preferences();
-  const report = [];
-  /** Saves in place or, as many editors do, by replacing the file; then the stream settles. */
-  const edit = async (changes, replacing, wantedWidth) => {
-    Object.assign(preferences, changes);
+  /** Saves as many editors do, by replacing the file; then the stream settles. */
+  const edit = async (changes, wantedWidth) => {
     await page.evaluate(() => { window.gaps = []; });
-    const text = JSON.stringify(preferences);
-    if (replacing) {
-      writeFileSync(`${host.preferencesFile}~`, text);
-      renameSync(`${host.preferencesFile}~`, host.preferencesFile);
-    } else {
-      writeFileSync(host.preferencesFile, text);
-    }
-    const started = Date.now();
+    writeFileSync(`${host.preferencesFile}~`, JSON.stringify({ ...host.preferences(), ...changes }));
+    renameSync(`${host.preferencesFile}~`, host.preferencesFile);
     await waitFor(async () => await pictureWidth() === wantedWidth, 10, () => `the picture is not ${wantedWidth} wide`);
-    const settled = Date.now() - started;
     await sleep(0.8);
     const gaps = await page.evaluate(() => window.gaps);
-    report.push(`${JSON.stringify(changes)}: ${settled} ms, longest pause of the picture ${Math.max(...gaps).toFixed(0)} ms`);
     assert.ok(gaps.length > 5, 'the picture goes on');
     assert.ok(gaps.filter((gap) => gap > 300).length <= 1, `one hiccup at most: ${gaps.map(Math.round)}`);
   };
   assert.equal(await pictureWidth(), 1280);
-  await edit({ 'stream.profile': 'safe' }, false, 960);
-  await edit({ 'stream.profile': 'high' }, true, 1600);
-  await edit({ 'stream.bitRate': 'low', 'stream.frameRate': 30 }, true, 1600);
-  await edit({ 'stream.videoEncoderKind': 'software' }, false, 1600);
-
-  // While somebody is in the middle of it, the file is nobody else's.
-  const half = '{"stream.profile": "sa';
-  writeFileSync(host.preferencesFile, half);
-  await waitFor(() => /no JSON object/.test(host.log()));
-  assert.equal(readFileSync(host.preferencesFile, 'utf8'), half);
-  assert.equal(await pictureWidth(), 1600);
-  await edit({ 'stream.profile': 'balanced', 'stream.frameRate': 24 }, false, 1280);
+  await edit({ 'stream.profile': 'high' }, 1600);
+  await edit({ 'stream.bitRate': 'low', 'stream.videoEncoderKind': 'software' }, 1600);
+  await edit({ 'stream.profile': 'balanced', 'stream.frameRate': 24 }, 1280);
 
   // This browser decodes no H.265 and says so; the file tells what is in force.
-  await edit({ 'stream.videoCodec': 'hevc' }, true, 1280);
+  await edit({ 'stream.videoCodec': 'hevc' }, 1280);
   await waitFor(() => host.preferences()['stream.videoCodec'] === 'h264');
 
   // A still picture changes as well.
@@ -98,29 +75,16 @@ test('an edited preferences file changes the running stream, without a new conne
   const { connected, reconnects, decodeErrors } = await page.evaluate(() => window.kestruneViewer.stats);
   assert.deepEqual({ connected, reconnects, decodeErrors, sockets: sockets.length },
     { connected: true, reconnects: 0, decodeErrors: 0, sockets: 1 });
-  assert.equal(host.preferences()['stream.bitRate'], 'low');
-  console.log(report.join('\n'));
 });
 
 test('the statistics show what the host says of itself, with the last minute as curves', async () => {
   await page.evaluate(() => document.querySelector('#show-statistics').click());
-  /** The columns of a plot in which a curve can be seen. */
-  const columns = (id, name) => page.evaluate(([plot, variable]) => {
-    const style = getComputedStyle(document.documentElement).getPropertyValue(variable).trim();
+  /** How many columns of a plot differ: its grid has few, a curve many. */
+  const variety = (id) => page.evaluate((plot) => {
     const canvas = document.getElementById(plot);
-    const probe = new OffscreenCanvas(1, 1).getContext('2d');
-    probe.fillStyle = style;
-    probe.fillRect(0, 0, 1, 1);
-    const wanted = probe.getImageData(0, 0, 1, 1).data;
-    const { data } = canvas.getContext('2d').getImageData(0, 0, canvas.width, canvas.height);
-    const found = new Set();
-    for (let at = 0; at < data.length; at += 4) {
-      if (data[at + 3] > 120 && [0, 1, 2].every((channel) => Math.abs(data[at + channel] - wanted[channel]) < 40)) {
-        found.add((at / 4) % canvas.width);
-      }
-    }
-    return found.size;
-  }, [id, name]);
+    const context = canvas.getContext('2d');
+    return new Set(Array.from({ length: canvas.width }, (_, x) => context.getImageData(x, 0, 1, canvas.height).data.join())).size;
+  }, id);
   await waitFor(async () => {
     const rows = await page.evaluate(() => Object.fromEntries([...document.querySelectorAll('#figures dt:not(.heading)')]
       .map((term) => [term.textContent, term.nextElementSibling.textContent])));
@@ -129,9 +93,7 @@ test('the statistics show what the host says of itself, with the last minute as 
     assert.ok(parseFloat(rows['Bit rate']) > 0.01, rows['Bit rate']);
     assert.ok(parseInt(rows['Captured / encoded'], 10) > 100);
     assert.equal(rows.Display, 'physical');
-    assert.ok(await columns('plot-frames', '--line-capture') > 10, 'captured frames');
-    assert.ok(await columns('plot-times', '--wait') > 10, 'latency');
-    assert.ok(await columns('plot-rates', '--line-encode') > 10, 'encoded bits');
+    for (const id of ['plot-frames', 'plot-times', 'plot-rates']) assert.ok(await variety(id) > 20, id);
     return true;
   });
   await page.evaluate(() => document.querySelector('#close-statistics').click());

@@ -5,10 +5,9 @@
 import assert from 'node:assert/strict';
 import { after, afterEach, before, beforeEach, test } from 'node:test';
 
-import { Host, SoundServer, XServer, assertNoFaults, connectViewer, launchBrowser, listen, spawnQuiet, waitFor, watchFaults } from './lab.mjs';
-
-const build = process.env.KESTRUNE_BUILD;
-assert.ok(build, 'KESTRUNE_BUILD names the build folder');
+import {
+  Host, SoundServer, XServer, assertNoFaults, build, connectViewer, launchBrowser, listen, spawnQuiet, waitFor, watchFaults,
+} from './lab.mjs';
 
 const frequency = 1000;
 const level = 0.5;
@@ -43,8 +42,7 @@ beforeEach(async () => {
     return route.continue({ url: url.href });
   });
   await page.goto(host.url);
-  // Waited for at the host: a look into the page counts as the user's gesture.
-  await waitFor(async () => (await status()).viewer?.viewerFPS > 0, 20);
+  await host.waitForPictures();
 });
 afterEach(async () => {
   stopTone();
@@ -53,11 +51,6 @@ afterEach(async () => {
   await host.stop();
   assertNoFaults();
 });
-
-async function status() {
-  const { origin, hash } = new URL(host.url);
-  return (await fetch(`${origin}/status`, { headers: { Authorization: `Bearer ${hash.slice(1)}` } })).json();
-}
 
 const state = (wanted) => page.waitForFunction((name) => window.kestruneViewer.audio.state === name, wanted, { timeout: 10000 });
 
@@ -91,7 +84,7 @@ test('waits for a gesture and says so; then plays, in step with the picture, and
   let seen;
   await waitFor(async () => {
     const { audio, lipSyncMilliseconds } = await page.evaluate(() => window.kestruneViewer.stats);
-    const { viewer } = await status();
+    const { viewer } = await host.status();
     seen = { held: audio.bufferMilliseconds, lipSyncMilliseconds, viewer };
     return audio.bufferMilliseconds > 40 && audio.bufferMilliseconds < 600 && Math.abs(lipSyncMilliseconds) < 40
       && viewer.audioBufferMilliseconds > 40 && Number.isInteger(viewer.audioDriftMilliseconds);

@@ -5,7 +5,7 @@
 //   red     green  blue   white
 //   yellow  cyan   grey   black
 // Standard input takes lines: "invert" exchanges the rows, "point X Y" puts the pointer there. Printed, one
-// line each: "ready", "press BUTTON X Y", "release BUTTON X Y", "motion X Y" (root coordinates), "inverted".
+// line each: "ready", "press BUTTON X Y", "release BUTTON X Y" (root coordinates), "inverted".
 
 #include <poll.h>
 #include <unistd.h>
@@ -68,21 +68,13 @@ struct Pattern {
 };
 
 void report(const xcb_generic_event_t& event) {
-  // Press, release and motion share one layout.
+  // Press and release share one layout.
   const auto& input = reinterpret_cast<const xcb_button_press_event_t&>(event);
   const std::string place = std::to_string(input.root_x) + " " + std::to_string(input.root_y);
-  switch (event.response_type & 0x7F) {
-    case XCB_BUTTON_PRESS:
-      say("press " + std::to_string(input.detail) + " " + place);
-      break;
-    case XCB_BUTTON_RELEASE:
-      say("release " + std::to_string(input.detail) + " " + place);
-      break;
-    case XCB_MOTION_NOTIFY:
-      say("motion " + place);
-      break;
-    default:
-      break;
+  if ((event.response_type & 0x7F) == XCB_BUTTON_PRESS) {
+    say("press " + std::to_string(input.detail) + " " + place);
+  } else if ((event.response_type & 0x7F) == XCB_BUTTON_RELEASE) {
+    say("release " + std::to_string(input.detail) + " " + place);
   }
 }
 
@@ -97,8 +89,8 @@ int main() {
   }
   pattern.screen = xcb_setup_roots_iterator(xcb_get_setup(pattern.connection)).data;
   pattern.window = xcb_generate_id(pattern.connection);
-  const std::uint32_t values[] = {1, XCB_EVENT_MASK_EXPOSURE | XCB_EVENT_MASK_BUTTON_PRESS |
-                                         XCB_EVENT_MASK_BUTTON_RELEASE | XCB_EVENT_MASK_POINTER_MOTION};
+  const std::uint32_t values[] = {
+      1, XCB_EVENT_MASK_EXPOSURE | XCB_EVENT_MASK_BUTTON_PRESS | XCB_EVENT_MASK_BUTTON_RELEASE};
   xcb_create_window(pattern.connection, XCB_COPY_FROM_PARENT, pattern.window, pattern.screen->root, 0, 0,
                     pattern.screen->width_in_pixels, pattern.screen->height_in_pixels, 0,
                     XCB_WINDOW_CLASS_INPUT_OUTPUT, XCB_COPY_FROM_PARENT,
