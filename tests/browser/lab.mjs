@@ -165,15 +165,16 @@ export class Host {
 }
 
 /** A display with the pattern on it and the host, until the test `t` is over. */
-export async function stage(t, { size: [width, height] = [1280, 800], hasModes, preferences = {}, environment } = {}) {
-  const server = await XServer.start(width, height, { hasModes });
-  const client = await Client.start(build, server.display);
-  const made = { server, client, host: await Host.start(build, server.display, preferences, { environment }) };
+export async function stage(t, { hasModes, environment } = {}) {
+  const made = {};
   t.after(async () => {
-    await made.host.stop(); // the one that runs then
-    client.stop();
-    server.stop();
+    await made.host?.stop(); // the one that runs then
+    made.client?.stop();
+    made.server?.stop();
   });
+  made.server = await XServer.start(1280, 800, { hasModes });
+  made.client = await Client.start(build, made.server.display);
+  made.host = await Host.start(build, made.server.display, {}, { environment });
   return made;
 }
 

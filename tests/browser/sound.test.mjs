@@ -13,8 +13,7 @@ const frequency = 1000;
 const level = 0.5;
 
 let sound; let server; let host; let browser; let page; let stopTone;
-let polls; // {after, authorized}, as the page asked
-let skip; // chunks that the next poll does not get
+let polls; // for each poll of the page, the chunk that it has
 
 before(async () => {
   sound = await SoundServer.start();
@@ -31,22 +30,16 @@ beforeEach(async () => {
   host = await Host.start(build, server.display, {}, { environment: sound.environment });
   stopTone = sound.playTone(frequency, level);
   polls = [];
-  skip = 0;
   page = watchFaults(await browser.newPage({ viewport: { width: 1200, height: 800 } }));
-  await page.route('**/audio?*', (route) => {
-    const url = new URL(route.request().url());
-    const number = Number(url.searchParams.get('after'));
-    polls.push({ after: number, authorized: /^Bearer /.test(route.request().headers().authorization) });
-    url.searchParams.set('after', number + skip);
-    skip = 0;
-    return route.continue({ url: url.href });
+  page.on('request', (request) => {
+    const { pathname, searchParams } = new URL(request.url());
+    if (pathname === '/audio') polls.push(Number(searchParams.get('after')));
   });
   await page.goto(host.url);
   await host.waitForPictures();
 });
 afterEach(async () => {
   stopTone();
-  await page.unrouteAll({ behavior: 'ignoreErrors' });
   await page.context().close();
   await host.stop();
   assertNoFaults();
@@ -77,8 +70,7 @@ test('waits for a gesture and says so; then plays, in step with the picture, and
   assert.ok(box.width >= 44 && box.height >= 44);
   await unlock();
   assert.equal(await page.locator('#sound-prompt').isVisible(), false);
-  assert.ok(polls.every(({ authorized }) => authorized));
-  assert.ok(polls[0].after > 0, 'begins at the live edge');
+  assert.ok(polls[0] > 0, 'begins at the live edge');
   // Pictures that come often enough for a mean.
   const counter = spawnQuiet('xterm', ['-e', 'sh', '-c', 'while :; do date +%N; sleep 0.03; done'], { DISPLAY: server.display });
   let seen;
@@ -105,7 +97,7 @@ test('is silent in control mode and when muted, and comes back at the live edge'
   assert.equal(await page.evaluate(() => window.kestruneViewer.audio.contextState), 'suspended', 'the audio thread rests');
   await page.click('#mode-video');
   await hearTone();
-  assert.ok(polls[length].after > polls[length - 1].after + 50, 'what was missed is not fetched');
+  assert.ok(polls[length] > polls[length - 1] + 50, 'what was missed is not fetched');
   await page.click('#sound');
   await state('muted');
   await hearSilence();
@@ -113,16 +105,12 @@ test('is silent in control mode and when muted, and comes back at the live edge'
   await hearTone();
 });
 
-test('goes on after an interruption by the system, lost chunks, and a time without the stream', async () => {
+test('goes on after an interruption by the system and a time without the stream', async () => {
   await unlock();
   await page.evaluate(() => window.kestruneViewer.audioAnalyser.context.suspend());
   await state('interrupted');
   assert.match(await page.locator('#sound-prompt').textContent(), /interrupted/);
   await unlock();
-  const { gaps } = await page.evaluate(() => window.kestruneViewer.audio);
-  skip = 5;
-  await page.waitForFunction((before) => window.kestruneViewer.audio.gaps > before, gaps);
-  await hearTone();
   const other = await connectViewer(host);
   await state('off');
   other.close();

@@ -21,9 +21,8 @@ class FakeTcpConnection final : public TcpConnection, public std::enable_shared_
   explicit FakeTcpConnection(std::shared_ptr<SerialQueue> queue) : queue_(std::move(queue)) {}
 
   // The peer's side. What it does takes effect with the next turn of the queue.
-  void deliver(std::string_view bytes) { deliver(bytes, bytes.size()); }
   /// In reads of at most `pieceSize` bytes.
-  void deliver(std::string_view bytes, std::size_t pieceSize) {
+  void deliver(std::string_view bytes, std::size_t pieceSize = std::string_view::npos) {
     for (; !bytes.empty(); bytes.remove_prefix(std::min(pieceSize, bytes.size()))) {
       arriving_.push_back({std::string(bytes.substr(0, pieceSize)), false, std::nullopt});
     }

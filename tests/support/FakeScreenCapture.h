@@ -12,8 +12,18 @@
 
 #include "platform/Displays.h"
 #include "platform/ScreenStream.h"
+#include "support/FakePixelTransfer.h"
 
 namespace kestrune {
+
+/// A picture as capture gives it.
+inline VideoSample makeVideoSample(int width = 1280, int height = 720,
+                                   PixelFormat format = PixelFormat::biPlanar420VideoRange) {
+  VideoSample sample;
+  sample.image = makePixelBuffer(width, height, format);
+  sample.presentationMicroseconds = 5'000'000;
+  return sample;
+}
 
 /// What happened to one fake stream, and the hand that moves it. It outlives the stream.
 class FakeStreamRecord {

@@ -29,10 +29,7 @@ inline ContentFilter displayFilter(const ShareableDisplay& display) {
 }
 
 inline VideoSample frame() {
-  static const SharedPixelBuffer image = makePixelBuffer(1280, 720);
-  VideoSample sample;
-  sample.image = image;
-  sample.presentationMicroseconds = 1;
+  static const VideoSample sample = makeVideoSample();
   return sample;
 }
 

@@ -6,7 +6,7 @@
 #include "capture/StreamVideoEncoder.h"
 #include "support/CapturedLog.h"
 #include "support/FakeCompression.h"
-#include "support/FakePixelTransfer.h"
+#include "support/FakeScreenCapture.h"
 #include "support/ManualTime.h"
 
 namespace kestrune {
@@ -46,14 +46,7 @@ class StreamVideoEncoderTest : public testing::Test {
         settings, callbacks, time->makeQueue(StreamVideoEncoder::kQueueLabel), sessions, transfers, time);
     encoder->setEnabled(true);
   }
-  static VideoSample sample(int width = 1280, int height = 720,
-                            PixelFormat format = PixelFormat::biPlanar420VideoRange) {
-    VideoSample made;
-    made.image = makePixelBuffer(width, height, format);
-    made.presentationMicroseconds = 5'000'000;
-    return made;
-  }
-  void submit(VideoSample frame = sample()) {
+  void submit(VideoSample frame = makeVideoSample()) {
     encoder->submit(std::move(frame));
     time->runReady();
   }
@@ -82,9 +75,9 @@ class StreamVideoEncoderTest : public testing::Test {
 };
 
 TEST_F(StreamVideoEncoderTest, AdmitsTwoWaitingFramesAndDropsTheArrivalThatFindsThem) {
-  encoder->submit(sample());
-  encoder->submit(sample());
-  encoder->submit(sample());
+  encoder->submit(makeVideoSample());
+  encoder->submit(makeVideoSample());
+  encoder->submit(makeVideoSample());
   EXPECT_EQ(dropped, 1);
   EXPECT_EQ(depths, (Depths{1, 2}));
   time->runReady();
@@ -99,7 +92,7 @@ TEST_F(StreamVideoEncoderTest, MakesASessionOfTheFramesSizeWithEveryProperty) {
                                               StreamVideoEncoderKind::software};
   make(settings);
   sessions->propertyStatus = -12900;  // ignored
-  submit(sample(1600, 900));
+  submit(makeVideoSample(1600, 900));
   EXPECT_EQ(std::pair(session().width, session().height), std::pair(1600, 900));
   EXPECT_EQ(session().codec, VideoCodecType::hvc1);
   EXPECT_EQ(session().properties, compressionProperties(settings));
@@ -136,7 +129,7 @@ TEST_F(StreamVideoEncoderTest, OnlyAutomaticTriesAgainAndThenWithoutASpecificati
 TEST_F(StreamVideoEncoderTest, ANewSizeReplacesTheSessionWithoutAskingForAKeyframe) {
   submit();
   submit();
-  submit(sample(1280, 800));
+  submit(makeVideoSample(1280, 800));
   ASSERT_EQ(sessions->sessions.size(), 2u);
   EXPECT_EQ(sessions->sessions[0]->completeCalls, 1);
   EXPECT_EQ(sessions->sessions[0]->invalidateCalls, 1);
@@ -163,10 +156,10 @@ TEST_F(StreamVideoEncoderTest, EnablingAgainAbandonsOldFramesAndBeginsWithAKeyfr
   session().emitsOnComplete = true;
   encoder->setEnabled(true);  // no change: no new generation, no new request
   submit();
-  encoder->submit(sample());
+  encoder->submit(makeVideoSample());
   encoder->setEnabled(false);
   encoder->setEnabled(true);
-  encoder->submit(sample());
+  encoder->submit(makeVideoSample());
   time->runReady();
   ASSERT_EQ(sessions->sessions.size(), 2u);
   EXPECT_EQ(sessions->sessions[0]->frames.size(), 2u);
@@ -190,7 +183,7 @@ TEST_F(StreamVideoEncoderTest, DisablingEndsTheSessionAndInvalidationEverything)
   time->runReady();
   EXPECT_EQ(session().invalidateCalls, 1);
   encoder->setEnabled(true);
-  encoder->submit(sample());
+  encoder->submit(makeVideoSample());
   encoder->invalidate();
   time->runReady();
   EXPECT_EQ(sessions->sessions.size(), 1u);
@@ -204,7 +197,7 @@ TEST_F(StreamVideoEncoderTest, DisablingEndsTheSessionAndInvalidationEverything)
 }
 
 TEST_F(StreamVideoEncoderTest, ScalesOnlyWhatDoesNotFitAndWarmsThatUp) {
-  const VideoSample fitting = sample();
+  const VideoSample fitting = makeVideoSample();
   submit(fitting);
   EXPECT_EQ(session().frames[0].image, fitting.image);  // no copy
 
@@ -213,7 +206,7 @@ TEST_F(StreamVideoEncoderTest, ScalesOnlyWhatDoesNotFitAndWarmsThatUp) {
   VideoSample large;
   large.image = image;
   submit(large);
-  submit(sample(1280, 720, PixelFormat::bgrx));
+  submit(makeVideoSample(1280, 720, PixelFormat::bgrx));
   using Transfer = FakePixelTransferFactory::Transfer;
   EXPECT_EQ(transfers->transfers,
             (std::vector<Transfer>{{64, 64, 32, 32}, {2560, 1440, 1280, 720}, {1280, 720, 1280, 720}}));
@@ -224,7 +217,7 @@ TEST_F(StreamVideoEncoderTest, ScalesOnlyWhatDoesNotFitAndWarmsThatUp) {
 }
 
 TEST_F(StreamVideoEncoderTest, ScalingFailuresAreReportedAndTheSessionStays) {
-  const VideoSample large = sample(2560, 1440);
+  const VideoSample large = makeVideoSample(2560, 1440);
   transfers->makesSessions = false;
   submit(large);
   transfers->makesSessions = true;

@@ -146,12 +146,7 @@ class CoordinatorTest : public testing::Test {
   static std::exception_ptr failure(const std::string& text) {
     return std::make_exception_ptr(KestruneError::operationFailed(text));
   }
-  static VideoSample frame() {
-    VideoSample sample;
-    sample.image = makePixelBuffer(640, 320);
-    sample.presentationMicroseconds = 1;
-    return sample;
-  }
+  static VideoSample frame() { return makeVideoSample(640, 320); }
   /// Ends the oldest call of the newest stream that waits.
   void answer(const std::exception_ptr& failed = nullptr) {
     screen->latest()->complete(failed);

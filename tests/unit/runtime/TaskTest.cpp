@@ -165,20 +165,21 @@ TEST_F(TaskTest, AQueueThatEndsTakesItsTasksWithIt) {
   sleeping.cancel();
 }
 
-/// Hands its completion to the test.
-Task<void> awaits(Notes& notes, [[maybe_unused]] Witness witness, std::optional<Completion<int>>& slot) {
-  auto start = [&slot](Completion<int> done) { slot = std::move(done); };
+using Start = std::function<void(Completion<int>)>;
+
+Task<void> awaits(Notes& notes, [[maybe_unused]] Witness witness, Start start) {
   try {
     const int value = co_await awaitCallback<int>(start);
     notes.push_back(std::to_string(value));
-  } catch (const std::exception& error) {
+  } catch (const std::runtime_error& error) {
     notes.push_back(error.what());
   }
 }
 
 TEST_F(TaskTest, CompletionsGiveOneResultOrFailureOrAbandonTheTask) {
   std::optional<Completion<int>> done;
-  auto handle = startTask(queue, awaits(notes, Witness(alive), done));
+  const Start handsOver = [&done](Completion<int> completion) { done = std::move(completion); };
+  auto handle = startTask(queue, awaits(notes, Witness(alive), handsOver));
   time->runReady();
   handle.cancel();  // does not interrupt the wait
   time->runReady();
@@ -189,13 +190,13 @@ TEST_F(TaskTest, CompletionsGiveOneResultOrFailureOrAbandonTheTask) {
   time->runReady();
   EXPECT_EQ(notes, Notes{"7"});
 
-  startTask(queue, awaits(notes, Witness(alive), done));
+  startTask(queue, awaits(notes, Witness(alive), handsOver));
   time->runReady();
   done->fail(std::make_exception_ptr(std::runtime_error("refused")));
   time->runReady();
   EXPECT_EQ(notes.back(), "refused");
 
-  handle = startTask(queue, awaits(notes, Witness(alive), done));
+  handle = startTask(queue, awaits(notes, Witness(alive), handsOver));
   time->runReady();
   EXPECT_EQ(alive, 1);
   done.reset();
@@ -204,21 +205,16 @@ TEST_F(TaskTest, CompletionsGiveOneResultOrFailureOrAbandonTheTask) {
   EXPECT_EQ(notes.size(), 2u);
 }
 
-/// 0: completes before start() returns; 1: drops the completion; 2: throws; 3: completes, then throws.
-Task<void> awaitsAtOnce(Notes& notes, [[maybe_unused]] Witness witness, int how) {
-  auto start = [how](Completion<int> done) {
-    if (how == 0 || how == 3) done(1);
-    if (how >= 2) throw std::runtime_error("start");
-  };
-  try {
-    notes.push_back(std::to_string(co_await awaitCallback<int>(start)));
-  } catch (const std::runtime_error& error) {
-    notes.push_back(error.what());
-  }
-}
-
 TEST_F(TaskTest, StartsThatCompleteDropOrThrowAtOnce) {
-  for (int how = 0; how < 4; ++how) startTask(queue, awaitsAtOnce(notes, Witness(alive), how));
+  const Start completes = [](Completion<int> done) { done(1); };
+  const Start throws = [](Completion<int>) { throw std::runtime_error("start"); };
+  const Start completesAndThrows = [&](Completion<int> done) {
+    done(1);
+    throws(done);
+  };
+  for (const Start& start : {completes, Start([](Completion<int>) {}), throws, completesAndThrows}) {
+    startTask(queue, awaits(notes, Witness(alive), start));
+  }
   time->runReady();
   EXPECT_EQ(notes, (Notes{"1", "start", "1"}));
   EXPECT_EQ(alive, 0);
