@@ -20,6 +20,14 @@ TEST(CaptureContent, ADisplayThatIsNotNamedIsTheOneThatOverlapsMost) {
   EXPECT_FALSE(controlTargetOfContent(filter, displays));
 }
 
+TEST(CaptureContent, TheStreamIsAskedForTheEncodersSize) {
+  ContentFilter filter = displayFilter({1, {0, 0, 1440.4, 900}});
+  filter.pointPixelScale = 2;  // thus 2881 by 1800 pixels
+  const auto asked = streamConfiguration(filter, StreamProfile::high, StreamFrameRate::fps24,
+                                         AudioChannelMode::mono, false, true);
+  EXPECT_EQ(std::tuple(asked.width, asked.height, asked.channelCount), std::tuple(1600, 1000, 1));
+}
+
 TEST_F(ScreenCaptureSelectionTest, SelectsDisplaysByIdentifier) {
   const auto selectDisplay = [this](DisplayID display, bool managed) {
     return run(service->selectDisplay(display, std::nullopt, managed, managed));

@@ -27,6 +27,8 @@ class RemoteControlServiceTest : public ::testing::Test {
     displays->displays = {{1, {100, 200, 1000, 500}}};
     service.setEnabled(true);
     service.setTarget(target);
+    // A lock held while an event is posted would be waited for here.
+    events->beforePost = [this] { (void)service.cursorState(); };
   }
 
   /// What one operation posted; it must succeed.
@@ -47,8 +49,6 @@ class RemoteControlServiceTest : public ::testing::Test {
 };
 
 TEST_F(RemoteControlServiceTest, ButtonFollowsTheFinger) {
-  // A lock held while an event is posted would be waited for here.
-  events->beforePost = [&] { (void)service.cursorState(); };
   EXPECT_THAT(posted(service.pointer(Phase::move, 0.5, 0.5)), ElementsAre(at(5, "600, 450")));
   EXPECT_THAT(posted(service.pointer(Phase::down, 0.1, 0.2)), ElementsAre(at(1, "200, 300")));
   EXPECT_THAT(posted(service.pointer(Phase::move, 1, 1)), ElementsAre(at(6, "1100, 700")));
