@@ -17,6 +17,7 @@ const height = 800;
 test('Firefox shows the picture, asks for a tap before the sound, and its clicks arrive', async (t) => {
   const home = mkdtempSync(path.join(tmpdir(), 'kestrune-firefox-'));
   const sound = await SoundServer.start(); // without a sound device Firefox starts no audio
+  t.after(() => sound.stop());
   const { host, client } = await stage(t, { environment: sound.environment });
   const firefox = await puppeteer.launch({
     browser: 'firefox', executablePath: '/usr/bin/firefox-esr', headless: true,
@@ -49,7 +50,6 @@ test('Firefox shows the picture, asks for a tap before the sound, and its clicks
     assertNoFaults();
   } finally {
     await firefox.close();
-    sound.stop();
     rmSync(home, { recursive: true, force: true });
   }
 });
