@@ -63,6 +63,7 @@ TEST_F(PrivateDirectoryTest, AFullDiskLeavesTheOldFileAndTheNextWriteSucceeds) {
   setrlimit(RLIMIT_FSIZE, &before);
   std::signal(SIGXFSZ, handler);
   EXPECT_EQ(error, EFBIG);
+  EXPECT_FALSE(fs::exists(path_ / "file.new"));
   EXPECT_EQ(directory.read("file", 100), bytes("old"));
   directory.write("file", bytes("much longer"));
   EXPECT_EQ(directory.read("file", 100), bytes("much longer"));

@@ -37,8 +37,13 @@ bool replaceFileIf(int directory, const std::string& name, ByteView bytes,
   const UniqueDescriptor file(
       openat(directory, temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kFileMode));
   check(static_cast<bool>(file), temporary);
-  writeAll(file.get(), bytes, temporary);
-  check(fsync(file.get()) == 0, temporary);
+  try {
+    writeAll(file.get(), bytes, temporary);
+    check(fsync(file.get()) == 0, temporary);
+  } catch (...) {
+    unlinkat(directory, temporary.c_str(), 0);  // a full disk needs its room
+    throw;
+  }
   if (!isStillRight()) {
     check(unlinkat(directory, temporary.c_str(), 0) == 0, temporary);
     return false;
