@@ -177,8 +177,17 @@ TEST_F(JsonPreferencesTest, EditorsAreNoticedHoweverTheySave) {
   writeText(directory_ / ".edited", R"({"key": 3})");
   fs::rename(directory_ / ".edited", file_);
   EXPECT_TRUE(waitFor(3));
+  // Its folder vanishes: the next value makes another, which is watched like the first.
+  fs::remove_all(directory_);
+  setAndStore(4);
+  writeText(file_, R"({"key": 5})");
+  EXPECT_TRUE(waitFor(5));
+  fs::rename(directory_, top_.path() / "elsewhere");
+  setAndStore(6);
+  writeText(file_, R"({"key": 7})");
+  EXPECT_TRUE(waitFor(7));
   const std::lock_guard guard(lock);
-  EXPECT_EQ(calls, 2);
+  EXPECT_EQ(calls, 4);
 }
 
 TEST_F(JsonPreferencesTest, WithoutAFileValuesLiveInMemory) {
