@@ -36,6 +36,20 @@ TEST(X11DisplaysTest, FollowsOutputsAndModesOfXorg) {
   const DisplayID second = displays.activeDisplays().back();
   EXPECT_TRUE(eventually([&] { return displays.bounds(second) == Rect{1280, 0, 1024, 768}; }));
   EXPECT_EQ(displays.bounds(*mainDisplay), (Rect{0, 0, 1280, 720}));
+
+  // Older versions of RandR have no monitors but outputs, and at first nothing but the screen.
+  const auto connection = X11Connection::open(server.displayName());
+  for (const std::uint32_t version : {5U, 4U, 2U}) {
+    const DisplayLayout layout = readDisplayLayout(*connection, version);
+    ASSERT_EQ(layout.displays.size(), 2U) << version;
+    EXPECT_EQ(layout.displays[0].id, *mainDisplay);
+    EXPECT_EQ(layout.displays[1].id, second);
+    EXPECT_EQ(layout.bounds(layout.displays[1]), (Rect{1280, 0, 1024, 768}));
+  }
+  const DisplayLayout screen = readDisplayLayout(*connection, 1);
+  ASSERT_EQ(screen.displays.size(), 1U);
+  EXPECT_EQ(screen.displays[0].area, (PixelRect{0, 0, 1280 + 1024, 768}));
+
   ASSERT_EQ(server.run("xrandr --output DUMMY1 --off --output DUMMY0 --mode 1024x768"), 0);
   EXPECT_TRUE(eventually([&] {
     return displays.activeDisplays() == std::vector<DisplayID>{*mainDisplay} &&

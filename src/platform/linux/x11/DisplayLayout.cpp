@@ -14,10 +14,10 @@ struct Found {
 };
 
 /// 0 without RandR, else major * 100 + minor.
-int randrVersion(const X11Connection& connection) {
+int randrVersion(const X11Connection& connection, std::uint32_t newest) {
   if (!connection.extension(xcb_randr_id)) return 0;
   const auto reply =
-      waitForReply(connection, xcb_randr_query_version_reply, xcb_randr_query_version(connection, 1, 5));
+      waitForReply(connection, xcb_randr_query_version_reply, xcb_randr_query_version(connection, 1, newest));
   return reply ? static_cast<int>(reply->major_version * 100 + reply->minor_version) : 0;
 }
 
@@ -89,8 +89,8 @@ Rect DisplayLayout::bounds(const X11Display& display) const {
           static_cast<double>(display.area.height)};
 }
 
-DisplayLayout readDisplayLayout(const X11Connection& connection) {
-  const int version = randrVersion(connection);
+DisplayLayout readDisplayLayout(const X11Connection& connection, std::uint32_t newestRandr) {
+  const int version = randrVersion(connection, newestRandr);
   std::vector<Found> found;
   if (version >= 105) found = readMonitors(connection);
   if (found.empty() && version >= 102) found = readOutputs(connection);

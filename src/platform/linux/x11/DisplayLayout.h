@@ -29,7 +29,8 @@ struct DisplayLayout {
 
 /// Asks the server: RandR 1.5 monitors, else 1.2 outputs, else the root window as the one display. No
 /// displays if the connection is broken. Outputs that show the same area (mirrors) are one display.
-DisplayLayout readDisplayLayout(const X11Connection& connection);
+/// `newestRandr` is the newest version to use of RandR 1, by its minor number.
+DisplayLayout readDisplayLayout(const X11Connection& connection, std::uint32_t newestRandr = 5);
 
 /// Makes the server announce changes of its displays on a connection, and knows those announcements. Whoever
 /// uses it reads the connection's events.
