@@ -42,7 +42,7 @@ int main() {
     return kUsageExit;
   }
   try {
-    const CredentialVault vault(dataHome() / "kestrune", &SecretService::connect);
+    const CredentialVault vault(dataHome() / "kestrune", [] { return SecretService::connect(); });
     return serveCredentialRequest(kHelperSocket, vault) ? 0 : 1;
   } catch (const std::exception& error) {
     kLog.error(error.what());

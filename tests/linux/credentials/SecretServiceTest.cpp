@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <csignal>
 #include <cstdlib>
 #include <memory>
 #include <string>
@@ -101,6 +103,21 @@ TEST_F(SecretServiceTest, AKeyringThatCannotStoreLeavesTheItemToTheFile) {
   EXPECT_EQ(client_.writeCredential("s", "a", {5}), 0);
   EXPECT_EQ(client_.readCredential("s", "a").data, Bytes{5});
   EXPECT_NE(readText(file_).find("\"data\""), std::string::npos);
+}
+
+TEST_F(SecretServiceTest, AKeyringThatSaysNothingHoldsUpNoCallBeyondItsLimit) {
+  startKeyring(true);
+  ASSERT_EQ(client_.writeCredential("s", "a", {1}), 0);
+  keyring_->signal(SIGSTOP);
+  const CredentialHelperClient client(std::make_shared<HelperCredentialConnector>(KESTRUNE_IMPATIENT_HELPER));
+  const auto begin = std::chrono::steady_clock::now();
+  EXPECT_EQ(client.readCredential("s", "a").status, kCredentialNotAvailable);
+  EXPECT_EQ(client.removeCredential("s", "a"), kCredentialNotAvailable);
+  EXPECT_EQ(client.writeCredential("s", "b", {2}), 0);  // in the file
+  EXPECT_EQ(client.readCredential("s", "b").data, Bytes{2});
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(8));  // three times one second
+  keyring_->signal(SIGCONT);
+  EXPECT_EQ(client.readCredential("s", "a").data, Bytes{1});
 }
 
 }  // namespace

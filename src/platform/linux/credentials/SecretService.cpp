@@ -16,9 +16,6 @@ namespace kestrune::linux_platform {
 namespace {
 
 constexpr Logger kLog("App");
-constexpr auto kConnectLimit = std::chrono::seconds(3);
-// Long enough for a person to type the keyring's password.
-constexpr auto kOperationLimit = std::chrono::seconds(25);
 constexpr const char* kBusName = "org.freedesktop.secrets";
 
 const SecretSchema* schema() {
@@ -138,19 +135,19 @@ SecretService::Outcome meaningOfNothing(const std::string& serviceName, const st
 
 }  // namespace
 
-std::unique_ptr<SecretService> SecretService::connect() {
+std::unique_ptr<SecretService> SecretService::connect(Limits limits) {
   if (!hasSessionBus()) return nullptr;
-  const TimeLimit limit(kConnectLimit);
+  const TimeLimit limit(limits.connect);
   GDBusConnection* bus = g_bus_get_sync(G_BUS_TYPE_SESSION, limit.get(), nullptr);
   if (!bus) return nullptr;
   const bool isServed =
       lists(bus, "ListNames", limit.get()) || lists(bus, "ListActivatableNames", limit.get());
   g_object_unref(bus);
-  return isServed ? std::make_unique<SecretService>() : nullptr;
+  return isServed ? std::unique_ptr<SecretService>(new SecretService(limits)) : nullptr;
 }
 
 SecretService::Found SecretService::read(const std::string& service, const std::string& account) const {
-  const TimeLimit limit(kOperationLimit);
+  const TimeLimit limit(limits_.operation);
   GError* error = nullptr;
   SecretValue* value = secret_password_lookup_binary_sync(
       schema(), limit.get(), &error, "service", service.c_str(), "account", account.c_str(), nullptr);
@@ -165,7 +162,7 @@ SecretService::Found SecretService::read(const std::string& service, const std::
 
 SecretService::Outcome SecretService::write(const std::string& service, const std::string& account,
                                             const Bytes& data) const {
-  const TimeLimit limit(kOperationLimit);
+  const TimeLimit limit(limits_.operation);
   GError* error = nullptr;
   SecretValue* value = secret_value_new(reinterpret_cast<const char*>(data.data()),
                                         static_cast<gssize>(data.size()), "application/octet-stream");
@@ -178,7 +175,7 @@ SecretService::Outcome SecretService::write(const std::string& service, const st
 }
 
 SecretService::Outcome SecretService::remove(const std::string& service, const std::string& account) const {
-  const TimeLimit limit(kOperationLimit);
+  const TimeLimit limit(limits_.operation);
   GError* error = nullptr;
   const bool isRemoved = secret_password_clear_sync(schema(), limit.get(), &error, "service", service.c_str(),
                                                     "account", account.c_str(), nullptr);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <optional>
 #include <string>
@@ -19,12 +20,23 @@ class SecretService {
     std::optional<Bytes> data;
   };
 
+  struct Limits {
+    std::chrono::seconds connect{3};
+    std::chrono::seconds operation{25};  // long enough for a person to type the keyring's password
+  };
+
   /// Null where there is no session bus, or no secret service on it.
-  static std::unique_ptr<SecretService> connect();
+  static std::unique_ptr<SecretService> connect(Limits limits);
+  static std::unique_ptr<SecretService> connect() { return connect(Limits()); }
 
   Found read(const std::string& service, const std::string& account) const;
   Outcome write(const std::string& service, const std::string& account, const Bytes& data) const;
   Outcome remove(const std::string& service, const std::string& account) const;
+
+ private:
+  explicit SecretService(Limits limits) : limits_(limits) {}
+
+  const Limits limits_;
 };
 
 }  // namespace kestrune::linux_platform
