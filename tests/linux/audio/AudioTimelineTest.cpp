@@ -4,6 +4,8 @@
 #include <random>
 
 #include "platform/linux/audio/AudioTimeline.h"
+#include "platform/linux/audio/SampleHandover.h"
+#include "support/ManualTime.h"
 
 namespace kestrune::linux_platform {
 namespace {
@@ -38,6 +40,36 @@ TEST(AudioTimelineTest, TakesOverAJumpAtOnceButNeverGoesBack) {
   timeline.restart();
   EXPECT_FALSE(timeline.hasBegun());
   EXPECT_EQ(stamped(7'200'050'000), 7'200'050'000);
+}
+
+TEST(SampleHandoverTest, AReceiverThatWasHeldUpGetsTheNewestSecondAndThenGoesOn) {
+  const auto time = ManualTime::make();
+  std::vector<std::int64_t> received;
+  const auto handover = std::make_shared<SampleHandover>(time->makeQueue(), [&](const AudioSample& sample) {
+    received.push_back(*sample.presentationMicroseconds);
+  });
+  AudioTimeline timeline(48000);
+  timeline.measured(0);
+  const auto push = [&](int count) {
+    for (; count > 0; --count) {
+      AudioSample sample;
+      sample.presentationMicroseconds = timeline.stamp(960);
+      handover->push(std::move(sample));
+    }
+  };
+  push(1);
+  time->runReady();
+  push(200);  // while the receiver stands still
+  time->runReady();
+  push(1);
+  time->runReady();
+  std::vector<std::int64_t> expected{0};
+  for (std::int64_t piece = 151; piece <= 201; ++piece) expected.push_back(piece * 20'000);
+  EXPECT_EQ(received, expected);
+  push(3);
+  handover->close();
+  time->runReady();
+  EXPECT_EQ(received, expected);
 }
 
 }  // namespace

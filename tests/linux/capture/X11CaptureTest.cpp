@@ -42,10 +42,12 @@ INSTANTIATE_TEST_SUITE_P(WithAndWithoutSharedMemory, X11CapturePictureTest,
                          ::testing::Values("", "-extension MIT-SHM"));
 
 TEST(X11CaptureTest, ADepthThatCannotBeReadIsRefused) {
-  XServer server(640, 360, XServer::Kind::xvfb, "-screen 0 640x360x16");
-  Receiver receiver(server.displayName(), sized(320, 180));
-  EXPECT_EQ(receiver.start(),
-            "The X display's pixel format (depth 16) cannot be captured; it needs a depth of 24.");
+  for (const std::string depth : {"16", "30"}) {
+    XServer server(640, 360, XServer::Kind::xvfb, "-screen 0 640x360x" + depth);
+    Receiver receiver(server.displayName(), sized(320, 180));
+    EXPECT_EQ(receiver.start(), "The X display's pixel format (depth " + depth +
+                                    ") cannot be captured; it needs a depth of 24.");
+  }
 }
 
 TEST(X11CaptureTest, ChangingScreenKeepsTheRateAndTheInterval) {
