@@ -46,15 +46,26 @@ EndSection
 XServer::XServer(int width, int height, Kind kind, const std::string& options) {
   const auto folder = folder_.path();
   if (kind == Kind::dummy) writeText(folder / "xorg.conf", dummyConfiguration(width, height));
-  const auto number = folder / "number";
-  const auto output = folder / "output";
-  server_ = std::make_unique<ChildProcess>(commandLine(kind, width, height, folder) + " " + options +
-                                           " -displayfd 3 -nolisten tcp -noreset 3>" + number.string() +
-                                           " >" + output.string() + " 2>&1");
+  command_ = commandLine(kind, width, height, folder) + " " + options;
+  start("");
+}
+
+void XServer::start(const std::string& display) {
+  const auto number = folder_.path() / "number";
+  const auto output = folder_.path() / "output";
+  writeText(number, "");
+  server_ =
+      std::make_unique<ChildProcess>(command_ + " " + display + " -displayfd 3 -nolisten tcp -noreset 3>" +
+                                     number.string() + " >" + output.string() + " 2>&1");
   eventually([&] { return readText(number).ends_with('\n') || server_->hasEnded(); });
   displayName_ = ":" + readText(number);
   if (!displayName_.ends_with('\n')) throw std::runtime_error("No X server: " + readText(output));
   displayName_.pop_back();
+}
+
+void XServer::restart() {
+  kill();
+  start(std::string(displayName_));
 }
 
 int XServer::run(const std::string& command) const {

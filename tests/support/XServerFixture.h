@@ -28,6 +28,8 @@ class XServer {
   const std::string& displayName() const { return displayName_; }
   /// Ends the server: its clients lose their connection. Idempotent.
   void kill() { server_->terminate(); }
+  /// Starts another server under the same name.
+  void restart();
   /// Leaves the server without a word until it goes on or is killed: its clients keep their connection.
   void hang() const { server_->signal(SIGSTOP); }
   void goOn() const { server_->signal(SIGCONT); }
@@ -35,7 +37,11 @@ class XServer {
   int run(const std::string& command) const;
 
  private:
+  /// Starts the server on this display, such as ":1", or on a free one, and waits for it.
+  void start(const std::string& display);
+
   const TemporaryDirectory folder_;
+  std::string command_;
   std::unique_ptr<ChildProcess> server_;
   std::string displayName_;
 };

@@ -175,6 +175,22 @@ TEST_F(XTestInputEventsTest, LostServerIsARefusalAndNoCrash) {
   EXPECT_EQ(events.cursorLocation(), std::nullopt);
 }
 
+TEST_F(XTestInputEventsTest, AServerThatIsBackTakesTheNextTapAndHoldsNothing) {
+  events.createSource()->keyboardEvent(49, true)->post();
+  mouse(MouseEventType::leftDown, 10, 20);
+  ASSERT_TRUE(eventually([&] { return window.keyboard().state() == unsigned{XCB_BUTTON_MASK_1}; }));
+  server.restart();
+  RecordingWindow next(server);
+  mouse(MouseEventType::leftDown, 30, 40);
+  mouse(MouseEventType::leftUp, 30, 40);
+  std::vector<std::string> lines;
+  EXPECT_TRUE(eventually([&] {
+    for (auto& line : next.take()) lines.push_back(std::move(line));
+    return lines.size() >= 3;
+  }));
+  EXPECT_THAT(lines, ElementsAre("motion 30,40 state 0", "press 1", "release 1"));
+}
+
 TEST_F(XTestInputEventsTest, ReleaseArrivesWhileTheServerIsGrabbedForTheDrag) {
   mouse(MouseEventType::leftDown, 10, 20);
   // As a window manager that draws the outline of the window that is dragged.

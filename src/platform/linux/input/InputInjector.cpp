@@ -93,6 +93,7 @@ void InputInjector::connect() {
   } catch (const X11Error&) {
     isConnected = false;  // the X11Server says why
     connection_.reset();
+    isReplacement_ = false;
   }
   {
     const std::lock_guard guard(lock_);
@@ -129,6 +130,7 @@ void InputInjector::openConnection() {
 }
 
 void InputInjector::sendWaiting() {
+  if (replaceEndedConnection()) return;
   for (;;) {
     std::optional<QueuedInput> next;
     {
@@ -145,7 +147,25 @@ void InputInjector::sendWaiting() {
     connection_->flush();
     readEvents();
     checkConnection();
+    isReplacement_ = false;
   }
+}
+
+/// The server may have ended and come back while there was nothing to send: what waits is for the new one.
+/// Once, so that a server that ends every connection is left alone for a while.
+bool InputInjector::replaceEndedConnection() {
+  if (connection_) readEvents();
+  if (!connection_ || !connection_->isBroken() || std::exchange(isReplacement_, true)) {
+    checkConnection();
+    return false;
+  }
+  closeConnection();
+  const std::lock_guard guard(lock_);
+  isSending_ = false;
+  if (state_ == State::closed) return true;
+  state_ = State::connecting;
+  requestConnection(Duration::zero());
+  return true;
 }
 
 void InputInjector::readEvents() {
@@ -183,11 +203,15 @@ void InputInjector::checkConnection() {
   if (connection_ && connection_->isBroken()) dropConnection();
 }
 
-void InputInjector::dropConnection() {
+void InputInjector::closeConnection() {
   map_.reset();
   journal_.reset();
   connection_.reset();
   giveBack_.cancel();
+}
+
+void InputInjector::dropConnection() {
+  closeConnection();
   const std::lock_guard guard(lock_);
   backlog_.clear();
   pointer_.reset();

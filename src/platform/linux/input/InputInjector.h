@@ -22,9 +22,9 @@
 namespace kestrune::linux_platform {
 
 /// Sends events over XTEST from a thread of its own ("x11-input"), which has the connection and alone waits
-/// for the server. It connects at once, and again a second after a failure; what waits when the connection is
-/// lost is dropped, since it was meant for a moment that has passed, and what was held is released with the
-/// next one.
+/// for the server. It connects at once, at once again where an event finds the connection ended, and a second
+/// after a failure; what waits when the connection is lost is dropped, since it was meant for a moment that
+/// has passed, and what was held is released with the next one.
 class InputInjector {
  public:
   InputInjector(std::shared_ptr<const X11Server> server, std::shared_ptr<const Clock> clock);
@@ -66,6 +66,8 @@ class InputInjector {
   void readRegularly();
   void askForPointer();
   void checkConnection();
+  bool replaceEndedConnection();
+  void closeConnection();
   void dropConnection();
   void hold(InputJournal::Held control, bool isDown);
   void releaseAll();
@@ -97,6 +99,7 @@ class InputInjector {
   std::unique_ptr<InputJournal> journal_;  // of connection_
   std::unique_ptr<KeyboardMap> map_;       // of connection_
   xcb_window_t journalWindow_ = XCB_NONE;  // of the last connection
+  bool isReplacement_ = false;             // the connection is one, and nothing was sent over it yet
   std::set<InputJournal::Held> held_;
   std::array<int, 2> collected_{};  // pixels of a wheel that do not make a step yet: vertical, horizontal
   DelayedWork giveBack_;
