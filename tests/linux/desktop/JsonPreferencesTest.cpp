@@ -1,9 +1,8 @@
 #include <gtest/gtest.h>
 
-#include <condition_variable>
+#include <atomic>
 #include <future>
 #include <limits>
-#include <mutex>
 #include <vector>
 
 #include "platform/linux/desktop/JsonPreferences.h"
@@ -34,6 +33,11 @@ class JsonPreferencesTest : public ::testing::Test {
                                                 std::chrono::milliseconds limit = std::chrono::seconds(10)) {
     writeText(file_, before_);
     return std::make_unique<JsonPreferences>(watch_.reactor(), directory_, std::move(writer), limit);
+  }
+  /// Until it is in the file, where that can be written.
+  void store(JsonPreferences& preferences, const std::string& key, PreferenceValue value) {
+    preferences.set(key, std::move(value));
+    time_->advance(JsonPreferences::kWriteDelay);
   }
 };
 
@@ -102,13 +106,11 @@ TEST_F(JsonPreferencesTest, WhatOthersWriteIsMergedAndTold) {
   std::vector<std::string> told;
   JsonPreferences preferences(watch_.reactor(), directory_, writer_);
   preferences.set("mine", std::int64_t{1});
-  preferences.set("both", std::int64_t{1});
-  time_->advance(JsonPreferences::kWriteDelay);
+  store(preferences, "both", std::int64_t{1});
   preferences.observeExternalChanges(time_->makeQueue(), [&](const auto& keys) { told = keys; });
   // A value is set before the watch reports the edit: both are kept.
   writeText(file_, R"({"theirs": [1], "both": 2, "kind": "x"})");
-  preferences.set("both", std::int64_t{3});
-  time_->advance(JsonPreferences::kWriteDelay);
+  store(preferences, "both", std::int64_t{3});
   EXPECT_EQ(readText(file_), "{\n  \"theirs\": [1],\n  \"both\": 3,\n  \"kind\": \"x\"\n}\n");
   EXPECT_EQ(told, (std::vector<std::string>{"mine", "kind", "theirs"}));
   EXPECT_FALSE(preferences.value("mine"));
@@ -120,21 +122,18 @@ TEST_F(JsonPreferencesTest, ABrokenFileIsLeftToItsAuthor) {
   std::vector<std::string> told;
   {
     JsonPreferences preferences(watch_.reactor(), directory_, writer_);
-    preferences.set("codec", std::string("hevc"));
-    time_->advance(JsonPreferences::kWriteDelay);
+    store(preferences, "codec", std::string("hevc"));
     preferences.observeExternalChanges(time_->makeQueue(), [&](const auto& keys) { told = keys; });
     writeText(file_, "{\"codec\": \"h2");
     time_->advance(std::chrono::seconds(1));  // the look at the file that begins the observation
     EXPECT_TRUE(log.mentions("is ignored until"));
-    preferences.set("rate", std::int64_t{30});
-    time_->advance(JsonPreferences::kWriteDelay);
+    store(preferences, "rate", std::int64_t{30});
     EXPECT_EQ(readText(file_), "{\"codec\": \"h2");
     EXPECT_EQ(preferences.value("codec"), PreferenceValue("hevc"));
     EXPECT_TRUE(told.empty());
 
     writeText(file_, R"({"codec": "h264"})");
-    preferences.set("wide", true);
-    time_->advance(JsonPreferences::kWriteDelay);
+    store(preferences, "wide", true);
     EXPECT_EQ(readText(file_), "{\n  \"codec\": \"h264\",\n  \"rate\": 30,\n  \"wide\": true\n}\n");
     EXPECT_EQ(told, std::vector<std::string>{"codec"});
 
@@ -148,7 +147,6 @@ TEST_F(JsonPreferencesTest, ABrokenFileIsLeftToItsAuthor) {
 
 TEST_F(JsonPreferencesTest, EditorsAreNoticedHoweverTheySave) {
   ThreadQueue queue("observer");
-  const auto line = std::shared_ptr<SerialQueue>(std::shared_ptr<void>(), &queue);
   JsonPreferences preferences(watch_.reactor(), directory_);
   const auto setAndStore = [&](std::int64_t value) {
     preferences.set("key", value);
@@ -156,21 +154,14 @@ TEST_F(JsonPreferencesTest, EditorsAreNoticedHoweverTheySave) {
         testing::eventually([&] { return readText(file_).ends_with(std::to_string(value) + "\n}\n"); }));
   };
   setAndStore(0);
-  std::mutex lock;
-  std::condition_variable changed;
-  std::int64_t seen = 0;
-  int calls = 0;
-  preferences.observeExternalChanges(line, [&](const auto& keys) {
-    const std::lock_guard guard(lock);
+  std::atomic<std::int64_t> seen = 0;
+  std::atomic<int> calls = 0;
+  preferences.observeExternalChanges({std::shared_ptr<void>(), &queue}, [&](const auto& keys) {
     EXPECT_EQ(keys, std::vector<std::string>{"key"});
-    seen = std::get<std::int64_t>(*preferences.value("key"));
     ++calls;
-    changed.notify_all();
+    seen = std::get<std::int64_t>(*preferences.value("key"));
   });
-  const auto waitFor = [&](std::int64_t value) {
-    std::unique_lock guard(lock);
-    return changed.wait_for(guard, std::chrono::seconds(10), [&] { return seen == value; });
-  };
+  const auto waitFor = [&](std::int64_t value) { return testing::eventually([&] { return seen == value; }); };
   writeText(file_, R"({"key": 1})");  // in place
   EXPECT_TRUE(waitFor(1));
   setAndStore(2);  // our own writing is no news
@@ -186,7 +177,6 @@ TEST_F(JsonPreferencesTest, EditorsAreNoticedHoweverTheySave) {
   setAndStore(6);
   writeText(file_, R"({"key": 7})");
   EXPECT_TRUE(waitFor(7));
-  const std::lock_guard guard(lock);
   EXPECT_EQ(calls, 4);
 }
 
@@ -205,17 +195,7 @@ TEST_F(JsonPreferencesTest, WithoutAFileValuesLiveInMemory) {
   EXPECT_TRUE(fs::exists(top_.path() / "blocked" / "preferences.json"));
 }
 
-TEST_F(JsonPreferencesTest, AnUnchangedValueIsNotWritten) {
-  JsonPreferences preferences(watch_.reactor(), directory_, writer_);
-  preferences.set("key", 1.5);
-  time_->advance(JsonPreferences::kWriteDelay);
-  fs::remove(file_);
-  preferences.set("key", 1.5);
-  time_->advance(JsonPreferences::kWriteDelay);
-  EXPECT_FALSE(fs::exists(file_));
-}
-
-TEST_F(JsonPreferencesTest, ManyChangesAreOneWriteALittleLater) {
+TEST_F(JsonPreferencesTest, ManyChangesAreOneWriteALittleLaterAndNoChangeIsNone) {
   const auto preferences = withOneValue(writer_);
   for (std::int64_t value = 0; value < 1000; ++value) preferences->set("key", value);
   EXPECT_EQ(time_->pendingDelayedWork(), 1u);
@@ -223,6 +203,9 @@ TEST_F(JsonPreferencesTest, ManyChangesAreOneWriteALittleLater) {
   EXPECT_EQ(readText(file_), before_);
   time_->advance(JsonPreferences::kWriteDelay);
   EXPECT_EQ(readText(file_), "{\n  \"key\": 999\n}\n");
+  fs::remove(file_);
+  store(*preferences, "key", std::int64_t{999});
+  EXPECT_FALSE(fs::exists(file_));
 }
 
 TEST_F(JsonPreferencesTest, ALockedFileHoldsUpNobodyAndIsWrittenOnceItIsFree) {

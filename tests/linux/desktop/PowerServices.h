@@ -28,9 +28,9 @@ class PowerServices {
     std::vector<std::string> idleArguments, saverArguments;  // of the latest request
   };
 
-  explicit PowerServices(const std::string& address, Manner manner = Manner::answers)
-      : manner_(manner), thread_([this, address] { serve(address); }) {
-    while (!isUp_) std::this_thread::yield();
+  explicit PowerServices(const std::string& address, Manner manner = Manner::answers) : manner_(manner) {
+    connect(address);
+    thread_ = std::thread([this] { serve(); });
   }
   ~PowerServices() {
     isOver_ = true;
@@ -54,7 +54,7 @@ class PowerServices {
     std::string owner;
   };
 
-  void serve(const std::string& address) {
+  void connect(const std::string& address) {
     static const sd_bus_vtable kMethods[] = {
         SD_BUS_VTABLE_START(0), SD_BUS_METHOD("Inhibit", "ssss", "h", &onInhibit, SD_BUS_VTABLE_UNPRIVILEGED),
         SD_BUS_VTABLE_END};
@@ -66,15 +66,19 @@ class PowerServices {
     check(sd_bus_set_bus_client(bus_, 1));
     check(sd_bus_negotiate_fds(bus_, 1));
     check(sd_bus_start(bus_));
-    check(sd_bus_add_object_vtable(bus_, nullptr, "/org/freedesktop/login1", "org.freedesktop.login1.Manager",
-                                   kMethods, this));
-    check(sd_bus_add_object_vtable(bus_, nullptr, "/org/freedesktop/ScreenSaver",
-                                   "org.freedesktop.ScreenSaver", kSaverMethods, this));
+    serveAt("/org/freedesktop/login1", "org.freedesktop.login1.Manager", kMethods);
+    serveAt("/org/freedesktop/ScreenSaver", "org.freedesktop.ScreenSaver", kSaverMethods);
     check(sd_bus_match_signal(bus_, nullptr, "org.freedesktop.DBus", nullptr, "org.freedesktop.DBus",
                               "NameOwnerChanged", &onOwnerChange, this));
     check(sd_bus_request_name(bus_, "org.freedesktop.login1", 0));
     check(sd_bus_request_name(bus_, "org.freedesktop.ScreenSaver", 0));
-    isUp_ = true;
+  }
+
+  void serveAt(const char* path, const char* interface, const sd_bus_vtable* methods) {
+    check(sd_bus_add_object_vtable(bus_, nullptr, path, interface, methods, this));
+  }
+
+  void serve() {
     while (!isOver_) {
       while (sd_bus_process(bus_, nullptr) > 0) {
       }
@@ -153,7 +157,6 @@ class PowerServices {
   }
 
   std::atomic<Manner> manner_;
-  std::atomic<bool> isUp_{false};
   std::atomic<bool> isOver_{false};
   // The thread's own:
   sd_bus* bus_ = nullptr;

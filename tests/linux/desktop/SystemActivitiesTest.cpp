@@ -26,23 +26,26 @@ constexpr ActivityOptions kBoth = kActivityUserInitiated | kActivityIdleDisplayS
 constexpr const char* kNoBus = "unix:path=/no/such/bus";
 constexpr const char* kNoDisplay = ":no";
 
-SystemActivities::Settings impatient(const std::string& bus, const std::string& display = kNoDisplay) {
-  return {.systemBus = bus,
-          .sessionBus = bus,
-          .displayName = display,
-          .answerTimeout = 100ms,
-          .retryDelay = 50ms};
-}
 SystemActivities::Settings patient(const std::string& bus, const std::string& display = kNoDisplay) {
   return {.systemBus = bus, .sessionBus = bus, .displayName = display};
 }
+SystemActivities::Settings impatient(const std::string& bus, const std::string& display = kNoDisplay) {
+  auto settings = patient(bus, display);
+  settings.answerTimeout = 100ms;
+  settings.retryDelay = 50ms;
+  return settings;
+}
 
-std::string command(const std::string& bus, const std::string& display) {
-  return std::string(KESTRUNE_HOLD_ACTIVITY) + " " + bus + " " + display;
+bool areHeld(const PowerServices& services, int idle, int saver) {
+  return eventually([&] { return services.isHeld(idle, saver); });
 }
 
 class SystemActivitiesTest : public ::testing::Test {
  protected:
+  bool isLogged(std::string_view text) const {
+    return eventually([&] { return log_.mentions(text); });
+  }
+
   CapturedLog log_;
   const TemporaryDirectory top_;
   const testing::MessageBus bus_{top_.path()};
@@ -52,40 +55,40 @@ TEST_F(SystemActivitiesTest, BothAreHeldExactlyWhileAnActivityWantsThem) {
   PowerServices services(bus_.address());
   SystemActivities activities(patient(bus_.address()));
   auto first = activities.beginActivity(kBoth, "the reason");
-  ASSERT_TRUE(eventually([&] { return services.isHeld(1, 1); }));
+  ASSERT_TRUE(areHeld(services, 1, 1));
   EXPECT_THAT(services.counts().idleArguments, ElementsAre("idle", "Kestrune", "the reason", "block"));
   EXPECT_THAT(services.counts().saverArguments, ElementsAre("Kestrune", "the reason"));
 
   auto second = activities.beginActivity(kActivityUserInitiated, "only the machine");
   first.reset();
-  ASSERT_TRUE(eventually([&] { return services.isHeld(1, 0); }));
+  ASSERT_TRUE(areHeld(services, 1, 0));
   EXPECT_EQ(services.counts().uninhibited, 1);
   EXPECT_EQ(services.counts().idleRequests, 1);
   second.reset();
-  ASSERT_TRUE(eventually([&] { return services.isHeld(0, 0); }));
+  ASSERT_TRUE(areHeld(services, 0, 0));
 
   // However fast they follow each other, the last one counts.
   for (int times = 0; times < 300; ++times) first = activities.beginActivity(kBoth, "again");
-  ASSERT_TRUE(eventually([&] { return services.isHeld(1, 1); }));
+  ASSERT_TRUE(areHeld(services, 1, 1));
   for (int times = 0; times < 300; ++times) activities.beginActivity(kBoth, "and again").reset();
   first.reset();
-  ASSERT_TRUE(eventually([&] { return services.isHeld(0, 0); }));
+  ASSERT_TRUE(areHeld(services, 0, 0));
 }
 
 TEST_F(SystemActivitiesTest, NothingIsLeftOfAnObjectThatEndsOrAProcessThatIsKilled) {
   PowerServices services(bus_.address());
   {
-    ChildProcess process(command(bus_.address(), kNoDisplay));
-    ASSERT_TRUE(eventually([&] { return services.isHeld(1, 1); }));
+    ChildProcess process(std::string(KESTRUNE_HOLD_ACTIVITY) + " " + bus_.address() + " " + kNoDisplay);
+    ASSERT_TRUE(areHeld(services, 1, 1));
   }
-  ASSERT_TRUE(eventually([&] { return services.isHeld(0, 0); }));
+  ASSERT_TRUE(areHeld(services, 0, 0));
   EXPECT_EQ(services.counts().uninhibited, 0);
 
   auto activities = std::make_unique<SystemActivities>(patient(bus_.address()));
   auto outliving = activities->beginActivity(kBoth, "x");
-  ASSERT_TRUE(eventually([&] { return services.isHeld(1, 1); }));
+  ASSERT_TRUE(areHeld(services, 1, 1));
   activities.reset();
-  ASSERT_TRUE(eventually([&] { return services.isHeld(0, 0); }));
+  ASSERT_TRUE(areHeld(services, 0, 0));
 }
 
 TEST_F(SystemActivitiesTest, AServiceThatSaysNothingCostsNoWaitAndIsAskedAgain) {
@@ -96,17 +99,14 @@ TEST_F(SystemActivitiesTest, AServiceThatSaysNothingCostsNoWaitAndIsAskedAgain) 
   activity.reset();
   activity = activities.beginActivity(kBoth, "x");
   EXPECT_LT(std::chrono::steady_clock::now() - start, 50ms);
-  ASSERT_TRUE(eventually([&] {
-    return log_.contains(
-        "notice [App] Idle system sleep cannot be held off: org.freedesktop.login1 does not answer");
-  }));
+  const std::string failure = "notice [App] Idle system sleep cannot be held off: ";
+  ASSERT_TRUE(isLogged(failure + "org.freedesktop.login1 does not answer"));
   services.setManner(Manner::refuses);
-  ASSERT_TRUE(eventually(
-      [&] { return log_.contains("notice [App] Idle system sleep cannot be held off: Not for you"); }));
+  ASSERT_TRUE(isLogged(failure + "Not for you"));
   services.setManner(Manner::answers);
-  ASSERT_TRUE(eventually([&] { return services.isHeld(1, 1); }));
+  ASSERT_TRUE(areHeld(services, 1, 1));
   activity.reset();
-  ASSERT_TRUE(eventually([&] { return services.isHeld(0, 0); }));
+  ASSERT_TRUE(areHeld(services, 0, 0));
 
   // What is granted too late is not left behind.
   services.setManner(Manner::answersLate);
@@ -114,7 +114,7 @@ TEST_F(SystemActivitiesTest, AServiceThatSaysNothingCostsNoWaitAndIsAskedAgain) 
   const int before = services.counts().saverRequests;
   ASSERT_TRUE(eventually([&] { return services.counts().saverRequests >= before + 2; }));
   activity.reset();
-  ASSERT_TRUE(eventually([&] { return services.isHeld(0, 0); }));
+  ASSERT_TRUE(areHeld(services, 0, 0));
 }
 
 TEST_F(SystemActivitiesTest, ABusThatAcceptsAndSaysNothingIsGivenUp) {
@@ -127,7 +127,7 @@ TEST_F(SystemActivitiesTest, ABusThatAcceptsAndSaysNothingIsGivenUp) {
   {
     SystemActivities activities(impatient("unix:path=" + path));
     const auto activity = activities.beginActivity(kBoth, "x");
-    ASSERT_TRUE(eventually([&] { return log_.mentions("org.freedesktop.login1 does not answer"); }));
+    ASSERT_TRUE(isLogged("org.freedesktop.login1 does not answer"));
   }
   auto activities = std::make_unique<SystemActivities>(patient("unix:path=" + path));
   const auto activity = activities->beginActivity(kBoth, "x");
@@ -142,18 +142,15 @@ TEST_F(SystemActivitiesTest, AServiceThatRestartsIsAskedAgainAtOnce) {
   const testing::XServer server;
   SystemActivities activities(patient(bus_.address(), server.displayName()));
   const auto activity = activities.beginActivity(kBoth, "x");
-  const auto countOf = [&](std::string_view line) {
-    const auto lines = log_.lines();
-    return std::count(lines.begin(), lines.end(), line);
+  const auto isHeldBy = [&](const std::string& holder, int times) {
+    const std::string line = "info [App] Idle display sleep is held off by the " + holder;
+    return eventually([&] { return std::ranges::count(log_.lines(), line) == times; });
   };
   for (int round = 1; round <= 2; ++round) {
-    ASSERT_TRUE(eventually(
-        [&] { return countOf("info [App] Idle display sleep is held off by the X server") == round; }));
+    ASSERT_TRUE(isHeldBy("X server", round));
     PowerServices services(bus_.address());
-    ASSERT_TRUE(eventually([&] { return services.isHeld(1, 1); }));
-    ASSERT_TRUE(eventually([&] {
-      return countOf("info [App] Idle display sleep is held off by the screen saver service") == round;
-    }));
+    ASSERT_TRUE(areHeld(services, 1, 1));
+    ASSERT_TRUE(isHeldBy("screen saver service", round));
   }
 }
 
@@ -171,7 +168,7 @@ TEST_F(SystemActivitiesTest, WithoutAServiceTheXServersScreenSaverIsSuspended) {
   {
     SystemActivities activities(impatient(kNoBus, server.displayName()));
     const auto activity = activities.beginActivity(kBoth, "x");
-    ASSERT_TRUE(eventually([&] { return log_.mentions("held off by the X server"); }));
+    ASSERT_TRUE(isLogged("held off by the X server"));
     xcb_force_screen_saver(*connection, XCB_SCREEN_SAVER_RESET);
     xcb_flush(*connection);
     poll(nullptr, 0, 2500);

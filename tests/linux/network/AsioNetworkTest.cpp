@@ -26,12 +26,13 @@ class AsioNetworkTest : public testing::Test {
  protected:
   using Connection = std::shared_ptr<TcpConnection>;
 
-  void listen(std::function<void(Connection)> onAccept) {
+  /// "" when it listens, or why not.
+  std::string listenOutcome(std::function<void(Connection)> onAccept) {
     FirstOutcome<std::string> outcome;
     runOn(*queue_, [&] {
-      listener_ = network_.createListener({"127.0.0.1", port_});
+      listener_ = network_->createListener({"127.0.0.1", port_});
       listener_->setStateHandler([&](TcpListener::State state, const std::string& reason) {
-        outcome.set(state == TcpListener::State::ready ? "ready" : reason);
+        outcome.set(state == TcpListener::State::ready ? "" : reason);
       });
       listener_->setNewConnectionHandler([onAccept](Connection connection) {
         connection->start();
@@ -39,11 +40,24 @@ class AsioNetworkTest : public testing::Test {
       });
       listener_->start();
     });
-    ASSERT_EQ(outcome.get(), "ready");
+    const std::string text = outcome.get();
     runOn(*queue_, [&] { listener_->setStateHandler(nullptr); });
+    return text;
   }
+  void listen(std::function<void(Connection)> onAccept) { ASSERT_EQ(listenOutcome(std::move(onAccept)), ""); }
+
+  /// Keeps every connection, and greets it.
+  void listenAndGreet() {
+    listen([&](Connection connection) {
+      connections_.push_back(connection);
+      connection->send({bytes("hello"), nullptr}, [](bool) {});
+    });
+  }
+  /// What a new peer is greeted with; empty if it is turned away.
+  std::string greeting() const { return LoopbackPeer(port_).receive(5); }
 
   void TearDown() override {
+    if (!network_) return;
     runOn(*queue_, [&] {
       if (listener_) listener_->cancel();
       for (const auto& connection : connections_) connection->cancel();
@@ -65,42 +79,33 @@ class AsioNetworkTest : public testing::Test {
   }
 
   const std::uint16_t port_ = LoopbackPeer::freePort();
-  AsioNetwork network_{"test"};
-  const std::shared_ptr<SerialQueue> queue_ = network_.queue();
+  std::unique_ptr<AsioNetwork> network_ = std::make_unique<AsioNetwork>("test");
+  const std::shared_ptr<SerialQueue> queue_ = network_->queue();
   std::unique_ptr<TcpListener> listener_;  // on the queue
   std::vector<Connection> connections_;    // on the queue
 };
 
 TEST_F(AsioNetworkTest, OnlyLoopbackIsBound) {
   for (const auto* host : {"0.0.0.0", "::", "10.0.0.1", "localhost", "", "127.0.0.1 "}) {
-    EXPECT_THROW(network_.createListener({host, port_}), Error) << host;
+    EXPECT_THROW(network_->createListener({host, port_}), Error) << host;
   }
 }
 
 TEST_F(AsioNetworkTest, PortInUseFailsAndARestartWorks) {
   {
     auto [peer, connection] = connected();
-    FirstOutcome<std::string> second;
-    std::unique_ptr<TcpListener> other;
-    runOn(*queue_, [&] {
-      other = network_.createListener({"127.0.0.1", port_});
-      other->setStateHandler([&](TcpListener::State state, const std::string& reason) {
-        EXPECT_EQ(state, TcpListener::State::failed);
-        second.set(reason);
-      });
-      other->start();
-    });
-    EXPECT_EQ(second.get(), "Address already in use");
+    const auto first = std::move(listener_);
+    EXPECT_EQ(listenOutcome([](const Connection&) {}), "Address already in use");
     // Our side closes first, which leaves the port with a connection in TIME_WAIT.
     runOn(*queue_, [&] {
       connection->cancel();
-      listener_->cancel();
-      other.reset();
+      first->cancel();
+      listener_.reset();
     });
     EXPECT_EQ(peer.receive(1), "");
   }
-  listen([](Connection connection) { connection->cancel(); });
-  EXPECT_TRUE(LoopbackPeer(port_).isConnected());
+  listenAndGreet();
+  EXPECT_EQ(greeting(), "hello");
 }
 
 TEST_F(AsioNetworkTest, ReceivesWithinTheBoundsAsked) {
@@ -138,7 +143,6 @@ TEST_F(AsioNetworkTest, SendsBothPiecesWholeToASlowReader) {
   std::string body(5'000'000, 'b');
   for (std::size_t i = 0; i < body.size(); i += 997) body[i] = static_cast<char>('a' + i % 26);
   FirstOutcome<bool> sent;
-  std::string after = "not yet";
   runOn(*queue_, [&] {
     connection->send({bytes(head), std::make_shared<Bytes>(bytes(body))}, [&](bool succeeded) {
       connection->send({bytes("tail"), nullptr}, [&, succeeded](bool last) { sent.set(succeeded && last); });
@@ -170,7 +174,7 @@ TEST_F(AsioNetworkTest, AResetFailsEveryoneWhoWaitsOnce) {
   FirstOutcome<std::string> received;
   FirstOutcome<std::string> state;
   FirstOutcome<bool> lateSend;
-  int stateCalls = 0;
+  int stateCalls = 0;  // on the queue
   runOn(*queue_, [&] {
     connection->setStateHandler([&](State now, const std::string& reason) {
       ++stateCalls;
@@ -193,42 +197,35 @@ TEST_F(AsioNetworkTest, AResetFailsEveryoneWhoWaitsOnce) {
   runOn(*queue_, [&] { EXPECT_EQ(stateCalls, 1); });
 }
 
-TEST_F(AsioNetworkTest, CancelDropsHandlersAndWhatTheyHold) {
-  auto [peer, connection] = connected();
-  const auto token = std::make_shared<int>();
-  int calls = 0;
-  runOn(*queue_, [&] {
-    // The handlers own the connection, as those of a server's client do.
-    connection->setStateHandler([&calls, token, connection](State, const std::string&) { ++calls; });
-    connection->receive(1, 100, [&calls, token, connection](ByteView, bool, const auto&) { ++calls; });
-    connection->send({Bytes(20'000'000), nullptr}, [&calls, token, connection](bool) { ++calls; });
-    connections_.clear();
-    std::exchange(connection, nullptr)->cancel();
-  });
-  EXPECT_EQ(token.use_count(), 1);
-  EXPECT_LT(peer.receive(20'000'000).size(), 20'000'000u);
-  runOn(*queue_, [&] { EXPECT_EQ(calls, 0); });
-}
-
-TEST_F(AsioNetworkTest, CancelWithinAHandlerEndsEverything) {
-  auto [peer, connection] = connected();
-  FirstOutcome<bool> cancelled;
-  int calls = 0;
-  runOn(*queue_, [&] {
-    connection->setStateHandler([&](State, const std::string&) { ++calls; });
-    connection->send({Bytes(20'000'000), nullptr}, [&](bool) { ++calls; });
-    connection->receive(1, 100, [&](ByteView, bool, const auto&) {
-      connection->cancel();
-      connection->cancel();
-      connection->receive(1, 1, [&](ByteView, bool, const auto&) { ++calls; });
-      connection->send({bytes("x"), nullptr}, [&](bool) { ++calls; });
+TEST_F(AsioNetworkTest, CancelEndsEverythingAndDropsWhatTheHandlersHold) {
+  for (const bool isWithinAHandler : {false, true}) {
+    auto [peer, connection] = connected();
+    const auto token = std::make_shared<int>();
+    int calls = 0;
+    FirstOutcome<bool> cancelled;
+    const auto cancel = [&](Connection ended) {
+      ended->cancel();
+      ended->cancel();
+      ended->receive(1, 1, [&](ByteView, bool, const auto&) { ++calls; });
+      ended->send({bytes("x"), nullptr}, [&](bool) { ++calls; });
+      connections_.clear();
       cancelled.set(true);
+    };
+    runOn(*queue_, [&] {
+      // The handlers own the connection, as those of a server's client do.
+      connection->setStateHandler([&calls, token, connection](State, const std::string&) { ++calls; });
+      connection->send({Bytes(20'000'000), nullptr}, [&calls, token, connection](bool) { ++calls; });
+      connection->receive(1, 100,
+                          [&cancel, token, connection](ByteView, bool, const auto&) { cancel(connection); });
+      if (!isWithinAHandler) cancel(std::exchange(connection, nullptr));
     });
-  });
-  ASSERT_TRUE(peer.send("x"));
-  EXPECT_TRUE(cancelled.get());
-  peer.receive(20'000'000);
-  runOn(*queue_, [&] { EXPECT_EQ(calls, 0); });
+    EXPECT_TRUE(peer.send("x") || !isWithinAHandler);
+    EXPECT_TRUE(cancelled.get());
+    EXPECT_LT(peer.receive(20'000'000).size(), 20'000'000u);
+    runOn(*queue_, [&] { connection.reset(); });
+    runOn(*queue_, [&] { EXPECT_EQ(calls, 0); });
+    EXPECT_EQ(token.use_count(), 1);
+  }
 }
 
 TEST_F(AsioNetworkTest, AResponseSurvivesUnreadBytesOfTheRequest) {
@@ -246,15 +243,12 @@ TEST_F(AsioNetworkTest, AResponseSurvivesUnreadBytesOfTheRequest) {
 }
 
 TEST_F(AsioNetworkTest, LeavesDescriptorsToTheRestOfTheProgram) {
-  listen([&](Connection connection) {
-    connections_.push_back(connection);
-    connection->send({bytes("hello"), nullptr}, [](bool) {});
-  });
+  listenAndGreet();
   {
     const DescriptorLimit limit(100);
     // Half of so few; the peers are gone, which their connections have not noticed.
-    for (int i = 0; i < 50; ++i) EXPECT_EQ(LoopbackPeer(port_).receive(5), "hello");
-    EXPECT_EQ(LoopbackPeer(port_).receive(5), "");
+    for (int i = 0; i < 50; ++i) EXPECT_EQ(greeting(), "hello");
+    EXPECT_EQ(greeting(), "");
     runOn(*queue_, [&] {
       listener_->setMakeRoomHandler([&] {
         connections_.front()->cancel();
@@ -262,10 +256,10 @@ TEST_F(AsioNetworkTest, LeavesDescriptorsToTheRestOfTheProgram) {
         return true;
       });
     });
-    for (int i = 0; i < 50; ++i) EXPECT_EQ(LoopbackPeer(port_).receive(5), "hello");
+    for (int i = 0; i < 50; ++i) EXPECT_EQ(greeting(), "hello");
     runOn(*queue_, [&] { EXPECT_EQ(connections_.size(), 50u); });
   }
-  EXPECT_EQ(LoopbackPeer(port_).receive(5), "hello");
+  EXPECT_EQ(greeting(), "hello");
 }
 
 TEST_F(AsioNetworkTest, AnExceptionEndsTheNewConnectionAlone) {
@@ -276,8 +270,8 @@ TEST_F(AsioNetworkTest, AnExceptionEndsTheNewConnectionAlone) {
     if (std::exchange(isFirst, false)) throw std::runtime_error("out of memory");
     connection->send({bytes("hello"), nullptr}, [](bool) {});
   });
-  EXPECT_EQ(LoopbackPeer(port_).receive(5), "");
-  EXPECT_EQ(LoopbackPeer(port_).receive(5), "hello");
+  EXPECT_EQ(greeting(), "");
+  EXPECT_EQ(greeting(), "hello");
   EXPECT_TRUE(log.contains("error [Server] A new connection is ended: out of memory"));
 }
 
@@ -285,41 +279,25 @@ TEST_F(AsioNetworkTest, OutOfDescriptorsItShedsAndRecovers) {
 #ifdef __SANITIZE_ADDRESS__
   GTEST_SKIP() << "the sanitizer needs descriptors of its own";
 #endif
-  listen([&](Connection connection) {
-    connections_.push_back(connection);
-    connection->send({bytes("hello"), nullptr}, [](bool) {});
-  });
-  EXPECT_EQ(LoopbackPeer(port_).receive(5), "hello");
+  listenAndGreet();
+  EXPECT_EQ(greeting(), "hello");
   {
     LoopbackPeer refused;
     const DescriptorLimit limit(3);
     EXPECT_TRUE(refused.connectTo(port_));
     EXPECT_FALSE(refused.isServedWithin(300ms));
   }
-  EXPECT_EQ(LoopbackPeer(port_).receive(5), "hello");
+  EXPECT_EQ(greeting(), "hello");
 }
 
 TEST_F(AsioNetworkTest, ConnectionsMayOutliveTheirNetwork) {
-  std::shared_ptr<TcpConnection> connection;
-  FirstOutcome<bool> accepted;
-  auto network = std::make_unique<AsioNetwork>("other");
-  const auto port = LoopbackPeer::freePort();
-  std::unique_ptr<TcpListener> listener;
-  runOn(*network->queue(), [&] {
-    listener = network->createListener({"127.0.0.1", port});
-    listener->setNewConnectionHandler([&](Connection made) {
-      connection = std::move(made);
-      connection->receive(1, 1, [](ByteView, bool, const auto&) {});
-      accepted.set(true);
-    });
-    listener->start();
-  });
-  LoopbackPeer peer(port);
-  accepted.get();
-  network.reset();
+  auto [peer, connection] = connected();
+  runOn(*queue_, [&] { connection->receive(1, 1, [](ByteView, bool, const auto&) {}); });
+  connections_.clear();
+  network_.reset();
   connection->cancel();
   connection.reset();
-  listener.reset();
+  listener_.reset();
   EXPECT_EQ(peer.receive(1), "");
 }
 

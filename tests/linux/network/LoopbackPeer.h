@@ -27,19 +27,16 @@ class LoopbackPeer {
     open(receiveBuffer);
     connectTo(port);
   }
-  LoopbackPeer(LoopbackPeer&& other) noexcept
-      : descriptor_(std::exchange(other.descriptor_, -1)), isConnected_(other.isConnected_) {}
+  LoopbackPeer(LoopbackPeer&& other) noexcept : descriptor_(std::exchange(other.descriptor_, -1)) {}
   LoopbackPeer& operator=(LoopbackPeer&&) = delete;
   ~LoopbackPeer() {
     if (descriptor_ >= 0) close(descriptor_);
   }
 
-  bool connectTo(std::uint16_t port) {
+  bool connectTo(std::uint16_t port) const {
     const sockaddr_in address = loopback(port);
-    isConnected_ = connect(descriptor_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-    return isConnected_;
+    return connect(descriptor_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
   }
-  bool isConnected() const { return isConnected_; }
   /// Whether bytes come, rather than an end or nothing.
   bool isServedWithin(std::chrono::milliseconds limit) const {
     pollfd readable{descriptor_, POLLIN, 0};
@@ -108,19 +105,7 @@ class LoopbackPeer {
   }
 
   int descriptor_ = -1;
-  bool isConnected_ = false;
 };
-
-/// Runs `body` on the queue and returns when it has run.
-template <class Body>
-void runOn(SerialQueue& queue, Body body) {
-  std::promise<void> done;
-  queue.post([&] {
-    body();
-    done.set_value();
-  });
-  done.get_future().get();
-}
 
 /// A promise that may be kept more than once; the first time counts.
 template <class Value>
@@ -142,5 +127,16 @@ class FirstOutcome {
   std::promise<Value> promise_;
   bool isSet_ = false;  // by the one thread that sets
 };
+
+/// Runs `body` on the queue and returns when it has run.
+template <class Body>
+void runOn(SerialQueue& queue, Body body) {
+  FirstOutcome<bool> done;
+  queue.post([&] {
+    body();
+    done.set(true);
+  });
+  done.get();
+}
 
 }  // namespace kestrune
