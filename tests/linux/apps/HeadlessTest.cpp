@@ -30,9 +30,7 @@ class Program {
                  " XDG_DATA_HOME=" + (home / "data").string() + " KESTRUNE_PORT=" + std::to_string(port) +
                  " DISPLAY=" + display + " " KESTRUNE_HEADLESS " " + argument + " >" + output_.string()) {}
 
-  void signal(int number) const { process_.signal(number); }
-  std::optional<int> exitCode() { return process_.exitCode(); }
-  rlimit descriptorLimit() const { return process_.limit(RLIMIT_NOFILE); }
+  testing::ChildProcess* operator->() { return &process_; }
 
   /// The lines since the last call up to the first that begins with `start`, or all there are.
   std::vector<std::string> linesUpTo(const std::string& start) {
@@ -49,7 +47,15 @@ class Program {
     });
     return lines;
   }
-  std::vector<std::string> restOfLines() { return linesUpTo({}); }
+  std::string lastLineUpTo(const std::string& start) {
+    const auto lines = linesUpTo(start);
+    return lines.empty() ? "" : lines.back();
+  }
+  /// Its end, for a reason that its only line begins with.
+  void expectEnd(const std::string& line, int exitCode) {
+    EXPECT_THAT(linesUpTo({}), ElementsAre(StartsWith(line)));
+    EXPECT_EQ(process_.exitCode(), exitCode);
+  }
 
  private:
   const TemporaryDirectory folder_;
@@ -97,31 +103,30 @@ TEST_F(HeadlessTest, StreamsToAViewerAndEndsInTwoStepsAtASignal) {
   const std::string start("\x00\x00\x00\x01\x67", 5);
   EXPECT_THAT(viewer.receiveTo(start), HasSubstr(start));
 
-  program.signal(SIGTERM);
-  program.signal(SIGINT);  // refused: the shutdown is under way
-  EXPECT_EQ(program.exitCode(), 0);
+  program->signal(SIGTERM);
+  program->signal(SIGINT);  // refused: the shutdown is under way
+  EXPECT_EQ(program->exitCode(), 0);
   EXPECT_FALSE(LoopbackPeer().connectTo(port));
 
   // The same token at the next start.
   Program again(display, home.path(), port);
-  EXPECT_THAT(again.linesUpTo("Local viewer: ").back(), HasSubstr(token));
+  EXPECT_THAT(again.lastLineUpTo("Local viewer: "), HasSubstr(token));
   const auto laterViewer = startStream(token);
-  EXPECT_THAT(again.linesUpTo("Phase: Streaming").back(), "Phase: Streaming");
+  EXPECT_EQ(again.lastLineUpTo("Phase: Streaming"), "Phase: Streaming");
   // A display that answers nothing any more ends the stream, and nothing else.
   screen.hang();
   EXPECT_THAT(laterViewer.receiveTo("Screen capture stopped on the Mac."), HasSubstr(R"("error")"));
-  EXPECT_THAT(again.linesUpTo("Error: ").back(), HasSubstr(display + " has stopped answering."));
+  EXPECT_THAT(again.lastLineUpTo("Error: "), HasSubstr(display + " has stopped answering."));
   screen.goOn();
   laterViewer.send(textFrame(R"({"type":"startStream"})"));
-  EXPECT_THAT(again.linesUpTo("Phase: Streaming").back(), "Phase: Streaming");
+  EXPECT_THAT(again.lastLineUpTo("Phase: Streaming"), "Phase: Streaming");
   // Nor can it keep the program.
   screen.hang();
   usleep(500'000);  // several times a second it is asked for the pointer
-  again.signal(SIGHUP);
-  EXPECT_EQ(again.exitCode(), 0);
+  again->signal(SIGHUP);
+  EXPECT_EQ(again->exitCode(), 0);
   Program early(display, home.path(), port);
-  EXPECT_THAT(early.restOfLines(), ElementsAre(StartsWith("Error: No display could be opened.")));
-  EXPECT_EQ(early.exitCode(), 1);
+  early.expectEnd("Error: No display could be opened.", 1);
 }
 
 TEST_F(HeadlessTest, AHangUpThatWasIgnoredAtTheStartStaysIgnoredButNotAnInterrupt) {
@@ -130,39 +135,33 @@ TEST_F(HeadlessTest, AHangUpThatWasIgnoredAtTheStartStaysIgnoredButNotAnInterrup
   Program program(display, home.path(), port);
   std::signal(SIGHUP, hangUp);
   std::signal(SIGINT, interrupt);
-  const std::string address = program.linesUpTo("Local viewer: ").back();
-  program.signal(SIGHUP);
+  const std::string address = program.lastLineUpTo("Local viewer: ");
+  program->signal(SIGHUP);
   const auto viewer = startStream(address.substr(address.find('#') + 1));
   EXPECT_THAT(program.linesUpTo("Phase: Streaming"), ElementsAre("Phase: Starting", "Phase: Streaming"));
-  program.signal(SIGINT);
-  EXPECT_EQ(program.exitCode(), 0);
+  program->signal(SIGINT);
+  EXPECT_EQ(program->exitCode(), 0);
 }
 
 TEST_F(HeadlessTest, SaysWhyItCannotStart) {
   {
     Program first(display, home.path(), port);
-    ASSERT_THAT(first.linesUpTo("Local viewer: ").back(), StartsWith("Local viewer: "));
+    ASSERT_THAT(first.lastLineUpTo("Local viewer: "), StartsWith("Local viewer: "));
     Program second(display, home.path(), port);
-    EXPECT_THAT(second.restOfLines(), ElementsAre(StartsWith("Error: Port " + std::to_string(port) +
-                                                             " on 127.0.0.1 is already in use")));
-    EXPECT_EQ(second.exitCode(), 1);
+    second.expectEnd("Error: Port " + std::to_string(port) + " on 127.0.0.1 is already in use", 1);
   }
-  Program noDisplay(":999", home.path(), port);
-  EXPECT_THAT(noDisplay.restOfLines(), ElementsAre(StartsWith("Error: No display could be opened.")));
-  EXPECT_EQ(noDisplay.exitCode(), 1);
-
-  Program badArgument(display, home.path(), port, "--port=1");
-  EXPECT_THAT(badArgument.restOfLines(), ElementsAre("Error: Unknown argument: --port=1"));
-  EXPECT_EQ(badArgument.exitCode(), 2);
+  Program(":999", home.path(), port).expectEnd("Error: No display could be opened.", 1);
+  Program(display, home.path(), port, "--port=1").expectEnd("Error: Unknown argument: --port=1", 2);
 }
 
 TEST_F(HeadlessTest, TheSmokeTestSelectsNoDisplay) {
   const DescriptorLimit low(DescriptorLimit::leaving(100));
   Program program(display, home.path(), port, "--browser-display-smoke-test");
   EXPECT_THAT(program.linesUpTo("Local viewer: "), ElementsAre(StartsWith("Local viewer: ")));
-  EXPECT_EQ(program.descriptorLimit().rlim_cur, program.descriptorLimit().rlim_max);
-  program.signal(SIGTERM);
-  EXPECT_EQ(program.exitCode(), 0);
+  const rlimit limit = program->limit(RLIMIT_NOFILE);
+  EXPECT_EQ(limit.rlim_cur, limit.rlim_max);
+  program->signal(SIGTERM);
+  EXPECT_EQ(program->exitCode(), 0);
 }
 
 }  // namespace

@@ -14,6 +14,7 @@
 #include "runtime/ThreadQueue.h"
 #include "support/CapturedLog.h"
 #include "support/FakeScreenCapture.h"
+#include "support/FirstOutcome.h"
 #include "support/SoundServerFixture.h"
 
 namespace kestrune::linux_platform {
@@ -44,15 +45,16 @@ class Listener {
     queue_.reset();
   }
 
-  ScreenStream& stream() { return *stream_; }
-  ScreenStreamConfiguration configuration() const { return configuration_; }
+  void update(const ScreenStreamConfiguration& configuration) {
+    stream_->updateConfiguration(configuration, [](const auto& failure) { EXPECT_FALSE(failure); });
+  }
+  const ScreenStreamConfiguration& configuration() const { return configuration_; }
   /// "" or the failure. The fake picture completes at once.
   std::string start() {
-    std::string outcome = "no completion";
-    stream_->startCapture([&outcome](const std::exception_ptr& failure) {
-      outcome = failure ? localizedDescription(failure) : "";
-    });
-    return outcome;
+    FirstOutcome<std::string> outcome;
+    stream_->startCapture(
+        [&](const auto& failure) { outcome.set(failure ? localizedDescription(failure) : ""); });
+    return outcome.get();
   }
   void stop() {
     stream_->stopCapture([](const std::exception_ptr&) {});
@@ -120,6 +122,12 @@ class SystemSoundTest : public ::testing::Test {
     testing::writeStereo(file(), tone(440, 0.5, 60UL * 48000), tone(1000, 0.25, 60UL * 48000));
   }
   std::filesystem::path file() const { return server.folder() / "tone"; }
+  /// Starts the listener and lets it hear the tones.
+  void play(Listener& listener) {
+    ASSERT_EQ(listener.start(), "");
+    server.play("first", file());
+    ASSERT_TRUE(listener.waitForSound());
+  }
 
   CapturedLog log;
   SoundServer server;
@@ -127,19 +135,17 @@ class SystemSoundTest : public ::testing::Test {
 
 TEST_F(SystemSoundTest, AToneComesOutAsItWentInAndInTime) {
   Listener listener(server.address());
-  ASSERT_EQ(listener.start(), "");
-  server.play("first", file());
-  ASSERT_TRUE(listener.waitForSound());
+  play(listener);
   ASSERT_TRUE(listener.hearMore(50));  // the delays are known well by now
   ASSERT_TRUE(listener.hearMore(300));
   const auto heard = listener.heard();
 
-  for (const std::size_t channel : {0U, 1U}) {
+  for (const auto& [channel, own, other, amplitude] :
+       {std::tuple{0U, 440, 1000, 0.5}, {1U, 1000, 440, 0.25}}) {
     const auto samples = Listener::channel(heard, channel);
-    const auto result = measure(samples, channel == 0 ? 440 : 1000);
-    EXPECT_NEAR(result.amplitude, (channel == 0 ? 0.5 : 0.25) * 32767, 4);
-    EXPECT_LT(result.worstSeam, 4);
-    EXPECT_LT(measure(samples, channel == 0 ? 1000 : 440).amplitude, 4);  // the channels are not mixed
+    EXPECT_NEAR(measure(samples, own).amplitude, amplitude * 32767, 4);
+    EXPECT_LT(measure(samples, own).worstSeam, 4);
+    EXPECT_LT(measure(samples, other).amplitude, 4);
   }
   std::vector<std::int64_t> delays;
   for (std::size_t i = 0; i < heard.size(); ++i) {
@@ -159,14 +165,11 @@ TEST_F(SystemSoundTest, AToneComesOutAsItWentInAndInTime) {
 
 TEST_F(SystemSoundTest, MonoIsTheMeanAndAChangedConfigurationIsTakenUp) {
   Listener listener(server.address(), AudioChannelMode::mono);
-  ASSERT_EQ(listener.start(), "");
-  server.play("first", file());
-  ASSERT_TRUE(listener.waitForSound());
+  play(listener);
   auto configuration = listener.configuration();
   configuration.sampleRate = 44100;
   configuration.channelCount = 2;
-  listener.stream().updateConfiguration(configuration,
-                                        [](const std::exception_ptr& failure) { EXPECT_FALSE(failure); });
+  listener.update(configuration);
   listener.forget();
   ASSERT_TRUE(listener.waitForSound());
   ASSERT_TRUE(listener.hearMore(50));
@@ -242,7 +245,7 @@ TEST_F(SystemSoundTest, SoundRunsExactlyAsLongAsThePicture) {
   auto configuration = silent.configuration();
   configuration.capturesAudio = false;
   ASSERT_EQ(silent.start(), "");
-  silent.stream().updateConfiguration(configuration, [](const std::exception_ptr&) {});
+  silent.update(configuration);
   silent.stop();
 
   Listener stopped(server.address());

@@ -25,11 +25,10 @@ inline std::vector<float> tone(double frequency, double amplitude, std::size_t f
 /// Raw interleaved stereo 32-bit floats.
 inline void writeStereo(const std::filesystem::path& file, const std::vector<float>& left,
                         const std::vector<float>& right) {
-  std::ofstream out(file, std::ios::binary);
-  for (std::size_t i = 0; i < left.size(); ++i) {
-    out.write(reinterpret_cast<const char*>(&left[i]), sizeof(float));
-    out.write(reinterpret_cast<const char*>(&right[i]), sizeof(float));
-  }
+  std::vector<float> both;
+  for (std::size_t i = 0; i < left.size(); ++i) both.insert(both.end(), {left[i], right[i]});
+  std::ofstream(file, std::ios::binary)
+      .write(reinterpret_cast<const char*>(both.data()), static_cast<std::streamsize>(both.size() * 4));
 }
 
 struct Measured {

@@ -6,14 +6,15 @@
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
-#include <future>
 #include <mutex>
+#include <optional>
 #include <random>
 #include <vector>
 
 #include "platform/linux/capture/X11ScreenCapture.h"
 #include "platform/linux/x11/DisplayLayout.h"
 #include "runtime/ThreadQueue.h"
+#include "support/FirstOutcome.h"
 #include "unit/pixel/PictureTools.h"
 
 namespace kestrune::linux_platform {
@@ -37,14 +38,12 @@ class Painter {
     xcb_poly_fill_rectangle(*connection_, connection_->root(), context_, 1, &rectangle);
     connection_->roundTrip();
   }
-  void movePointer(int x, int y) {
-    xcb_warp_pointer(*connection_, XCB_NONE, connection_->root(), 0, 0, 0, 0, static_cast<std::int16_t>(x),
-                     static_cast<std::int16_t>(y));
+  void movePointer(std::int16_t x, std::int16_t y) {
+    xcb_warp_pointer(*connection_, XCB_NONE, connection_->root(), 0, 0, 0, 0, x, y);
     connection_->roundTrip();
   }
-  void movePointerAsDevice(int x, int y) {
-    xcb_test_fake_input(*connection_, XCB_MOTION_NOTIFY, 0, XCB_CURRENT_TIME, connection_->root(),
-                        static_cast<std::int16_t>(x), static_cast<std::int16_t>(y), 0);
+  void movePointerAsDevice(std::int16_t x, std::int16_t y) {
+    xcb_test_fake_input(*connection_, XCB_MOTION_NOTIFY, 0, XCB_CURRENT_TIME, connection_->root(), x, y, 0);
     connection_->roundTrip();
   }
   void grabServer() const {
@@ -58,29 +57,41 @@ class Painter {
   xcb_gcontext_t context_ = 0;
 };
 
+/// Whether the pixel has this colour (0xRRGGBB).
+inline bool isColour(const PixelBuffer& picture, int x, int y, std::uint32_t colour) {
+  const Ycc expected = bt709Of(colour & 0xff, colour >> 8 & 0xff, colour >> 16 & 0xff);
+  return std::abs(lumaAt(picture, x, y) - expected.y) < 2 &&
+         std::abs(chromaAt(picture, x / 2, y / 2, 0) - expected.cb) < 2 &&
+         std::abs(chromaAt(picture, x / 2, y / 2, 1) - expected.cr) < 2;
+}
+
 /// Runs a stream and keeps what it delivers.
 class Receiver {
  public:
-  Receiver(const std::string& displayName, const ScreenStreamConfiguration& configuration)
-      : Receiver(displayName, configuration, mainDisplayFilter(displayName)) {}
+  /// What one picture said of itself.
+  struct Seen {
+    std::int64_t time;
+    std::uint64_t sequence;
+    bool isRepeat;
+  };
 
+  /// Without a filter, of the main display.
   Receiver(const std::string& displayName, const ScreenStreamConfiguration& configuration,
-           const ContentFilter& filter)
+           const std::optional<ContentFilter>& filter = std::nullopt)
       : capture_(std::make_shared<X11Server>(displayName)),
         queue_(std::make_shared<ThreadQueue>("receiver")) {
-    stream_ = capture_.createStream(filter, configuration, [this](std::exception_ptr failure) {
-      const std::lock_guard guard(lock_);
-      stopped_ = failure;
-      arrived_.notify_all();
-    });
+    stream_ = capture_.createStream(filter ? *filter : mainDisplayFilter(displayName), configuration,
+                                    [this](std::exception_ptr failure) {
+                                      const std::lock_guard guard(lock_);
+                                      stopped_ = failure;
+                                      arrived_.notify_all();
+                                    });
     stream_->addVideoOutput(queue_, [this](VideoSample sample) {
       const std::lock_guard guard(lock_);
-      times_.push_back(*sample.presentationMicroseconds);
-      sequences_.push_back(sample.image->changes->sequence);
-      isRepeat_.push_back(sample.image->changes->rectangles.empty());
+      seen_.push_back({*sample.presentationMicroseconds, sample.image->changes->sequence,
+                       sample.image->changes->rectangles.empty()});
       if (isHolding_) held_.push_back(sample.image);
       newest_ = sample.image;
-      ++count_;
       arrived_.notify_all();
     });
   }
@@ -91,30 +102,17 @@ class Receiver {
 
   static ContentFilter mainDisplayFilter(const std::string& displayName) {
     X11ScreenCapture capture(std::make_shared<X11Server>(displayName));
-    std::promise<ShareableContent> promise;
-    capture.shareableContent(false, false, [&promise](auto content, std::exception_ptr failure) {
-      failure ? promise.set_exception(failure) : promise.set_value(*content);
+    FirstOutcome<ShareableContent> known;
+    capture.shareableContent(false, false, [&known](const auto& content, const std::exception_ptr&) {
+      known.set(content.value_or(ShareableContent()));
     });
-    return capture.filterForDisplay(promise.get_future().get().displays.at(0));
+    return capture.filterForDisplay(known.get().displays.at(0));
   }
 
-  /// The outcome's text; empty on success.
-  template <class Operation>
-  static std::string outcome(Operation operation) {
-    std::promise<std::string> promise;
-    operation([&promise](std::exception_ptr failure) {
-      promise.set_value(failure ? localizedDescription(failure) : std::string());
-    });
-    return promise.get_future().get();
-  }
-  std::string start() {
-    return outcome([this](auto completion) { stream_->startCapture(completion); });
-  }
-  std::string stop() {
-    return outcome([this](auto completion) { stream_->stopCapture(completion); });
-  }
+  std::string start() { return outcome(&ScreenStream::startCapture); }
+  std::string stop() { return outcome(&ScreenStream::stopCapture); }
   std::string update(const ScreenStreamConfiguration& configuration) {
-    return outcome([&](auto completion) { stream_->updateConfiguration(configuration, completion); });
+    return outcome(&ScreenStream::updateConfiguration, configuration);
   }
 
   /// Waits until the newest picture satisfies `predicate`; null if none does in time.
@@ -124,9 +122,20 @@ class Receiver {
     const bool found = arrived_.wait_for(guard, limit, [&] { return newest_ && predicate(*newest_); });
     return found ? newest_ : nullptr;
   }
+  /// Waits until the newest picture has these colours (0xRRGGBB) in these places.
+  struct Spot {
+    int x, y;
+    std::uint32_t colour;
+  };
+  SharedPixelBuffer waitForColours(const std::vector<Spot>& spots) {
+    return waitForPicture([&](const PixelBuffer& picture) {
+      return std::ranges::all_of(
+          spots, [&](const Spot& spot) { return isColour(picture, spot.x, spot.y, spot.colour); });
+    });
+  }
   bool waitForCount(std::size_t count, std::chrono::milliseconds limit = 5s) {
     std::unique_lock guard(lock_);
-    return arrived_.wait_for(guard, limit, [&] { return count_ >= count; });
+    return arrived_.wait_for(guard, limit, [&] { return seen_.size() >= count; });
   }
   /// The text of the failure with which the stream stopped by itself; empty if it did not in time.
   std::string waitForStop(std::chrono::milliseconds limit = 5s) {
@@ -141,25 +150,23 @@ class Receiver {
     held_.clear();
     newest_.reset();
   }
-  std::size_t count() {
+  std::vector<Seen> seen() {
     const std::lock_guard guard(lock_);
-    return count_;
-  }
-  std::vector<std::int64_t> times() {
-    const std::lock_guard guard(lock_);
-    return times_;
-  }
-  std::vector<std::uint64_t> sequences() {
-    const std::lock_guard guard(lock_);
-    return sequences_;
-  }
-  std::vector<bool> isRepeat() {
-    const std::lock_guard guard(lock_);
-    return isRepeat_;
+    return seen_;
   }
   ScreenStream& stream() { return *stream_; }
 
  private:
+  /// The outcome's text; empty on success.
+  template <class Operation, class... Arguments>
+  std::string outcome(Operation operation, const Arguments&... arguments) {
+    FirstOutcome<std::string> text;
+    ((*stream_).*operation)(arguments..., [&text](std::exception_ptr failure) {
+      text.set(failure ? localizedDescription(failure) : std::string());
+    });
+    return text.get();
+  }
+
   X11ScreenCapture capture_;
   std::shared_ptr<ThreadQueue> queue_;
   std::unique_ptr<ScreenStream> stream_;
@@ -167,10 +174,7 @@ class Receiver {
   std::condition_variable arrived_;
   std::exception_ptr stopped_;
   SharedPixelBuffer newest_;
-  std::size_t count_ = 0;
-  std::vector<std::int64_t> times_;
-  std::vector<std::uint64_t> sequences_;
-  std::vector<bool> isRepeat_;
+  std::vector<Seen> seen_;
   bool isHolding_ = false;
   std::vector<SharedPixelBuffer> held_;
 };
@@ -182,14 +186,6 @@ inline ScreenStreamConfiguration sized(int width, int height, int rate = 60) {
   configuration.minimumFrameIntervalFPS = rate;
   configuration.showsCursor = false;
   return configuration;
-}
-
-/// Whether the pixel has this colour (0xRRGGBB).
-inline bool isColour(const PixelBuffer& picture, int x, int y, std::uint32_t colour) {
-  const Ycc expected = bt709Of(colour & 0xff, colour >> 8 & 0xff, colour >> 16 & 0xff);
-  return std::abs(lumaAt(picture, x, y) - expected.y) < 2 &&
-         std::abs(chromaAt(picture, x / 2, y / 2, 0) - expected.cb) < 2 &&
-         std::abs(chromaAt(picture, x / 2, y / 2, 1) - expected.cr) < 2;
 }
 
 }  // namespace kestrune::linux_platform

@@ -1,4 +1,4 @@
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <cstdlib>
 
@@ -65,10 +65,13 @@ TEST_F(AutostartLoginItemTest, AnEntryThatIsSwitchedOffNeedsApproval) {
 }
 
 TEST_F(AutostartLoginItemTest, AnEntryThatCannotStartAnythingCountsAsNone) {
-  for (const std::string& text :
-       {std::string(), std::string("Exec=/bin/true\n"), std::string("[Desktop Entry]\nExec=\n"),
-        std::string("[Desktop Entry]\nTryExec=/no/such\nExec=/no/such\n"), std::string(1 << 20, '['),
-        std::string("\0\n=\n[Desktop Entry", 17)}) {
+  const std::vector<std::string> texts{"",
+                                       "Exec=/bin/true\n",
+                                       "[Desktop Entry]\nExec=\n",
+                                       "[Desktop Entry]\nTryExec=/no/such\nExec=/no/such\n",
+                                       std::string(1 << 20, '['),
+                                       {"\0\n=\n[Desktop Entry", 17}};
+  for (const std::string& text : texts) {
     writeText(file_, text);
     EXPECT_EQ(item_.status(), Status::notRegistered) << text.substr(0, 80);
   }
@@ -79,13 +82,9 @@ TEST_F(AutostartLoginItemTest, AnEntryThatCannotStartAnythingCountsAsNone) {
 
 TEST_F(AutostartLoginItemTest, AFailureNamesTheFileAndKeepsTheOldEntry) {
   writeText(directory_.parent_path(), "in the way");
-  try {
-    item_.registerItem();
-    FAIL();
-  } catch (const Error& failure) {
-    EXPECT_EQ(failure.localizedDescription(), "The entry for the start at login could not be written: " +
-                                                  file_.string() + ": Not a directory");
-  }
+  const std::string reason = "The entry for the start at login could not be written: " + file_.string();
+  EXPECT_THAT([this] { item_.registerItem(); },
+              ::testing::ThrowsMessage<Error>(reason + ": Not a directory"));
   EXPECT_EQ(item_.status(), Status::notRegistered);
 
   std::filesystem::remove(directory_.parent_path());
@@ -94,14 +93,11 @@ TEST_F(AutostartLoginItemTest, AFailureNamesTheFileAndKeepsTheOldEntry) {
   EXPECT_THROW(item_.registerItem(), Error);
 }
 
-/// GLib looks for the program before it expands what is in its name.
-TEST_F(AutostartLoginItemTest, APercentSignIsNoFieldCode) {
-  AutostartLoginItem(directory_, "/opt/50%f").registerItem();
-  EXPECT_NE(readText(file_).find("\nExec=\"/opt/50%%f\"\n"), std::string::npos);
-}
-
 /// What is written is read by another implementation of the standard.
 TEST_F(AutostartLoginItemTest, ADesktopStartsTheProgramWhateverItsPath) {
+  // GLib looks for the program before it expands a field code in its name.
+  AutostartLoginItem(directory_, "/opt/50%f").registerItem();
+  EXPECT_NE(readText(file_).find("\nExec=\"/opt/50%%f\"\n"), std::string::npos);
   if (std::system("command -v gio >/dev/null") != 0) GTEST_SKIP() << "needs gio";
   const auto program = top_.path() / R"(a "b" $HOME `x` \n 'q' é)" / "run me";
   writeText(program, "#!/bin/sh\necho started $# >\"" + (top_.path() / "mark").string() + "\"\n");

@@ -41,18 +41,6 @@ class JsonPreferencesTest : public ::testing::Test {
   }
 };
 
-/// A disk that answers when it is let.
-class SlowDisk {
- public:
-  explicit SlowDisk(SerialQueue& writer) {
-    writer.post([answer = answer_.get_future()]() mutable { answer.wait(); });
-  }
-  void answer() { answer_.set_value(); }
-
- private:
-  std::promise<void> answer_;
-};
-
 TEST_F(JsonPreferencesTest, ValuesKeepTheirTypes) {
   const std::vector<std::pair<std::string, PreferenceValue>> values = {
       {"flag", true}, {"whole", std::numeric_limits<std::int64_t>::min()},       {"real", 0.1},
@@ -226,21 +214,22 @@ TEST_F(JsonPreferencesTest, ALockedFileHoldsUpNobodyAndIsWrittenOnceItIsFree) {
 TEST_F(JsonPreferencesTest, NothingIsLostAtTheEndUnlessTheDiskIsStuck) {
   const CapturedLog log;
   const auto writer = std::make_shared<ThreadQueue>("slow");
-  SlowDisk disk(*writer);
+  std::promise<void> disk[2];
+  writer->post([answer = disk[0].get_future()] { answer.wait(); });
   auto preferences = withOneValue(writer);
   preferences->set("late", true);
   writeText(file_, R"({"key": 2})");
-  disk.answer();
+  disk[0].set_value();
   preferences.reset();
   EXPECT_EQ(readText(file_), "{\n  \"key\": 2,\n  \"late\": true\n}\n");
   EXPECT_TRUE(log.lines().empty());
 
-  SlowDisk stuck(*writer);
+  writer->post([answer = disk[1].get_future()] { answer.wait(); });
   preferences = withOneValue(writer, std::chrono::milliseconds(1));
   preferences->set("late", true);
   preferences.reset();
   EXPECT_TRUE(log.mentions("does not answer"));
-  stuck.answer();
+  disk[1].set_value();
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <atomic>
 #include <mutex>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -49,33 +50,19 @@ class PowerServices {
   }
 
  private:
-  struct Cookie {
-    std::uint32_t number;
-    std::string owner;
-  };
-
   void connect(const std::string& address) {
-    static const sd_bus_vtable kMethods[] = {
-        SD_BUS_VTABLE_START(0), SD_BUS_METHOD("Inhibit", "ssss", "h", &onInhibit, SD_BUS_VTABLE_UNPRIVILEGED),
-        SD_BUS_VTABLE_END};
-    static const sd_bus_vtable kSaverMethods[] = {
-        SD_BUS_VTABLE_START(0), SD_BUS_METHOD("Inhibit", "ss", "u", &onInhibit, SD_BUS_VTABLE_UNPRIVILEGED),
-        SD_BUS_METHOD("UnInhibit", "u", "", &onUninhibit, SD_BUS_VTABLE_UNPRIVILEGED), SD_BUS_VTABLE_END};
     check(sd_bus_new(&bus_));
     check(sd_bus_set_address(bus_, address.c_str()));
     check(sd_bus_set_bus_client(bus_, 1));
     check(sd_bus_negotiate_fds(bus_, 1));
     check(sd_bus_start(bus_));
-    serveAt("/org/freedesktop/login1", "org.freedesktop.login1.Manager", kMethods);
-    serveAt("/org/freedesktop/ScreenSaver", "org.freedesktop.ScreenSaver", kSaverMethods);
+    for (const auto* path : {"/org/freedesktop/login1", "/org/freedesktop/ScreenSaver"}) {
+      check(sd_bus_add_object(bus_, nullptr, path, &onCall, this));
+    }
     check(sd_bus_match_signal(bus_, nullptr, "org.freedesktop.DBus", nullptr, "org.freedesktop.DBus",
                               "NameOwnerChanged", &onOwnerChange, this));
     check(sd_bus_request_name(bus_, "org.freedesktop.login1", 0));
     check(sd_bus_request_name(bus_, "org.freedesktop.ScreenSaver", 0));
-  }
-
-  void serveAt(const char* path, const char* interface, const sd_bus_vtable* methods) {
-    check(sd_bus_add_object_vtable(bus_, nullptr, path, interface, methods, this));
   }
 
   void serve() {
@@ -102,13 +89,16 @@ class PowerServices {
     counts_.saverHeld = static_cast<int>(cookies_.size());
   }
 
-  static std::vector<std::string> arguments(sd_bus_message* call, int count) {
+  static std::vector<std::string> arguments(sd_bus_message* call) {
     std::vector<std::string> texts;
-    for (const char* text = nullptr; count > 0; --count) {
-      sd_bus_message_read(call, "s", &text);
-      texts.emplace_back(text);
-    }
+    for (const char* text = nullptr; sd_bus_message_read(call, "s", &text) > 0;) texts.emplace_back(text);
     return texts;
+  }
+
+  static int onCall(sd_bus_message* call, void* context, sd_bus_error* error) {
+    if (sd_bus_message_is_method_call(call, nullptr, "UnInhibit") > 0)
+      return onUninhibit(call, context, error);
+    return sd_bus_message_is_method_call(call, nullptr, "Inhibit") > 0 ? onInhibit(call, context, error) : 0;
   }
 
   static int onInhibit(sd_bus_message* call, void* context, sd_bus_error* /*error*/) {
@@ -117,7 +107,7 @@ class PowerServices {
     {
       const std::lock_guard guard(self.lock_);
       ++(isIdle ? self.counts_.idleRequests : self.counts_.saverRequests);
-      (isIdle ? self.counts_.idleArguments : self.counts_.saverArguments) = arguments(call, isIdle ? 4 : 2);
+      (isIdle ? self.counts_.idleArguments : self.counts_.saverArguments) = arguments(call);
     }
     if (self.manner_ == Manner::isSilent) return 1;
     if (self.manner_ == Manner::refuses) {
@@ -125,7 +115,7 @@ class PowerServices {
     }
     if (self.manner_ == Manner::answersLate) poll(nullptr, 0, 200);
     if (!isIdle) {
-      self.cookies_.push_back({++self.lastCookie_, sd_bus_message_get_sender(call)});
+      self.cookies_.emplace(++self.lastCookie_, sd_bus_message_get_sender(call));
       return sd_bus_reply_method_return(call, "u", self.lastCookie_);
     }
     int ends[2];
@@ -139,9 +129,7 @@ class PowerServices {
     auto& self = *static_cast<PowerServices*>(context);
     std::uint32_t cookie = 0;
     sd_bus_message_read(call, "u", &cookie);
-    const auto count = std::erase_if(self.cookies_, [&](const Cookie& held) {
-      return held.number == cookie && held.owner == sd_bus_message_get_sender(call);
-    });
+    const auto count = self.cookies_.erase({cookie, sd_bus_message_get_sender(call)});
     const std::lock_guard guard(self.lock_);
     self.counts_.uninhibited += static_cast<int>(count);
     return sd_bus_reply_method_return(call, "");
@@ -149,9 +137,9 @@ class PowerServices {
 
   static int onOwnerChange(sd_bus_message* signal, void* context, sd_bus_error* /*error*/) {
     auto& self = *static_cast<PowerServices*>(context);
-    const auto names = arguments(signal, 3);
+    const auto names = arguments(signal);
     if (names[2].empty()) {
-      std::erase_if(self.cookies_, [&](const Cookie& held) { return held.owner == names[0]; });
+      std::erase_if(self.cookies_, [&](const auto& held) { return held.second == names[0]; });
     }
     return 0;
   }
@@ -160,8 +148,8 @@ class PowerServices {
   std::atomic<bool> isOver_{false};
   // The thread's own:
   sd_bus* bus_ = nullptr;
-  std::vector<linux_platform::UniqueDescriptor> locks_;  // the ends of pipes whose others were given away
-  std::vector<Cookie> cookies_;
+  std::vector<linux_platform::UniqueDescriptor> locks_;      // the ends of pipes whose others were given away
+  std::set<std::pair<std::uint32_t, std::string>> cookies_;  // and their owners
   std::uint32_t lastCookie_ = 1000;
 
   mutable std::mutex lock_;  // guards counts_

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <functional>
 #include <system_error>
 #include <thread>
 #include <vector>
@@ -21,8 +22,7 @@ Bytes bytes(std::string_view text) {
   return {text.begin(), text.end()};
 }
 
-template <class Body>
-int errorOf(Body body) {
+int errorOf(const std::function<void()>& body) {
   try {
     body();
   } catch (const std::system_error& error) {
@@ -38,9 +38,8 @@ class PrivateDirectoryTest : public testing::Test {
 };
 
 TEST_F(PrivateDirectoryTest, KeepsOthersOut) {
-  fs::create_directories(path_);
-  fs::permissions(path_, fs::perms::all);
   writeText(path_ / "open", "x");
+  fs::permissions(path_, fs::perms::all);
   fs::permissions(path_ / "open", fs::perms(0644));
   const PrivateDirectory directory(path_);
   EXPECT_EQ(modeOf(path_), 0700u);
@@ -84,24 +83,18 @@ TEST_F(PrivateDirectoryTest, FollowsNoLinks) {
   EXPECT_EQ(directory.read("file", 100), bytes("new"));
 }
 
-TEST_F(PrivateDirectoryTest, RefusesWhatIsNoFileOrTooLarge) {
+TEST_F(PrivateDirectoryTest, RefusesWhatIsNoFileOrTooLargeAndSetsAsideWithoutOverwriting) {
   const PrivateDirectory directory(path_);
   EXPECT_FALSE(directory.read("none", 1));
   directory.write("file", bytes("12345"));
   EXPECT_EQ(errorOf([&] { directory.read("file", 4); }), EFBIG);
   ASSERT_EQ(mkfifo((path_ / "fifo").c_str(), 0600), 0);
   EXPECT_EQ(errorOf([&] { directory.read("fifo", 4); }), EINVAL);
-}
-
-TEST_F(PrivateDirectoryTest, SetsAsideWithoutOverwriting) {
-  const PrivateDirectory directory(path_);
-  for (const auto* text : {"first", "second", "third"}) {
-    directory.write("file", bytes(text));
-    directory.setAside("file", ".invalid");
+  for (const std::string aside : {"file.invalid", "file.invalid.1", "file.invalid.2"}) {
+    directory.write("file", bytes(aside));
+    EXPECT_EQ(directory.setAside("file", ".invalid"), aside);
+    EXPECT_EQ(readText(path_ / aside), aside);
   }
-  EXPECT_EQ(readText(path_ / "file.invalid"), "first");
-  EXPECT_EQ(readText(path_ / "file.invalid.1"), "second");
-  EXPECT_EQ(readText(path_ / "file.invalid.2"), "third");
 }
 
 TEST_F(PrivateDirectoryTest, WritesUnlessSomebodyElseHas) {

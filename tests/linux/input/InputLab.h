@@ -22,20 +22,13 @@ using linux_platform::waitForReply;
 using linux_platform::X11Connection;
 
 inline void typeText(InputEvents& events, std::u16string_view text) {
-  const auto source = events.createSource();
-  if (!source) return;
-  const auto down = source->keyboardEvent(0, true);
-  const auto up = source->keyboardEvent(0, false);
-  down->setUnicodeString(text);
-  up->setUnicodeString(text);
-  down->post();
-  up->post();
-}
-
-inline void pressKey(InputEvents& events, std::uint16_t code) {
-  const auto source = events.createSource();
-  source->keyboardEvent(code, true)->post();
-  source->keyboardEvent(code, false)->post();
+  for (const bool isDown : {true, false}) {
+    const auto source = events.createSource();
+    if (!source) return;
+    const auto event = source->keyboardEvent(0, isDown);
+    event->setUnicodeString(text);
+    event->post();
+  }
 }
 
 /// The keyboard as the server and another client of it see it.
@@ -66,10 +59,6 @@ class KeyboardView {
     xcb_test_fake_input(*connection_, isDown ? XCB_KEY_PRESS : XCB_KEY_RELEASE, code, 0, 0, 0, 0, 0);
     sync();
   }
-  void press(xcb_keycode_t code) const {
-    key(code, true);
-    key(code, false);
-  }
   bool isHeld(xcb_keycode_t code) const {
     const auto keys = waitForReply(*connection_, xcb_query_keymap_reply, xcb_query_keymap(*connection_));
     return (keys->keys[code / 8] >> (code % 8) & 1) != 0;
@@ -79,10 +68,6 @@ class KeyboardView {
     return waitForReply(*connection_, xcb_query_pointer_reply,
                         xcb_query_pointer(*connection_, connection_->root()))
         ->mask;
-  }
-  void grabServer() const {
-    xcb_grab_server(*connection_);
-    sync();
   }
   void sync() const { connection_->roundTrip(); }
 
@@ -123,24 +108,17 @@ class RecordingWindow {
 
  private:
   std::string describe(const xcb_generic_event_t& event) {
-    std::ostringstream line;
     const auto& key = reinterpret_cast<const xcb_key_press_event_t&>(event);  // all have the same form
-    switch (const int type = event.response_type & 0x7F) {
-      case XCB_MOTION_NOTIFY:
-        if (const std::pair point(key.root_x, key.root_y); std::exchange(pointer_, point) != point) {
-          line << "motion " << key.root_x << "," << key.root_y << " state " << key.state;
-        }
-        break;
-      case XCB_BUTTON_PRESS:
-      case XCB_BUTTON_RELEASE:
-        line << (type == XCB_BUTTON_PRESS ? "press " : "release ") << static_cast<int>(key.detail);
-        break;
-      case XCB_KEY_PRESS:
-      case XCB_KEY_RELEASE:
-        line << "key 0x" << std::hex << view_.symbol(key.detail) << (type == XCB_KEY_PRESS ? " down" : " up");
-        break;
-      default:
-        break;
+    const int type = event.response_type & 0x7F;
+    std::ostringstream line;
+    if (type == XCB_MOTION_NOTIFY) {
+      const std::pair point(key.root_x, key.root_y);
+      if (std::exchange(pointer_, point) == point) return {};
+      line << "motion " << key.root_x << "," << key.root_y << " state " << key.state;
+    } else if (type == XCB_BUTTON_PRESS || type == XCB_BUTTON_RELEASE) {
+      line << (type == XCB_BUTTON_PRESS ? "press " : "release ") << int{key.detail};
+    } else if (type == XCB_KEY_PRESS || type == XCB_KEY_RELEASE) {
+      line << "key 0x" << std::hex << view_.symbol(key.detail) << (type == XCB_KEY_PRESS ? " down" : " up");
     }
     return line.str();
   }
@@ -161,10 +139,13 @@ class Terminal {
     if (!eventually(isReady)) throw std::runtime_error("xterm did not come up");
   }
 
-  std::string typed() const { return readText(folder_.path() / "typed"); }
-  /// Waits until as much has been typed as `expected` has; what was typed then.
+  /// What has been typed once it is as much as `expected`, or for as long as something came.
   std::string typedLike(const std::string& expected) const {
-    eventually([&] { return typed().size() >= expected.size(); });
+    const auto typed = [this] { return readText(folder_.path() / "typed"); };
+    while (typed().size() < expected.size()) {
+      const auto before = typed().size();
+      if (!eventually([&] { return typed().size() > before; })) break;
+    }
     return typed();
   }
 
@@ -179,8 +160,7 @@ class Terminal {
                                            xcb_get_window_attributes(connection, windows[index]));
       if (!attributes || attributes->map_state != XCB_MAP_STATE_VIEWABLE) continue;
       xcb_set_input_focus(connection, XCB_INPUT_FOCUS_PARENT, windows[index], XCB_CURRENT_TIME);
-      view.sync();
-      return true;
+      return connection.roundTrip();
     }
     return false;
   }
