@@ -4,6 +4,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <functional>
+#include <thread>
 #include <vector>
 
 #include "Tone.h"
@@ -39,10 +40,6 @@ class Listener {
     configuration_.channelCount = channelCount(mode);
     stream_ = capture.createStream({}, configuration_, {});
     stream_->addAudioOutput(queue_, [this](const AudioSample& sample) { take(sample); });
-  }
-  ~Listener() {
-    stream_.reset();
-    queue_.reset();
   }
 
   void update(const ScreenStreamConfiguration& configuration) {
@@ -112,6 +109,7 @@ class Listener {
   std::vector<Heard> heard_;
   std::shared_ptr<FakeScreenCapture> pictures_ = std::make_shared<FakeScreenCapture>();
   ScreenStreamConfiguration configuration_;
+  // Last, since their work uses the rest.
   std::shared_ptr<SerialQueue> queue_ = std::make_shared<ThreadQueue>("audio");
   std::unique_ptr<ScreenStream> stream_;
 };
@@ -200,6 +198,7 @@ TEST_F(SystemSoundTest, AMissingServerIsWaitedForAtTheStartAndAfterARestart) {
   server.end();
   Listener listener(server.address());
   ASSERT_EQ(listener.start(), "");
+  std::this_thread::sleep_for(1s);  // several tries, which are one line in the log
   server.start();
   ASSERT_TRUE(listener.hearMore(5));
   const auto last = listener.heard().back().chunk.captureTimeMicroseconds;

@@ -78,8 +78,7 @@ class Receiver {
   /// Without a filter, of the main display.
   Receiver(const std::string& displayName, const ScreenStreamConfiguration& configuration,
            const std::optional<ContentFilter>& filter = std::nullopt)
-      : capture_(std::make_shared<X11Server>(displayName)),
-        queue_(std::make_shared<ThreadQueue>("receiver")) {
+      : capture_(std::make_shared<X11Server>(displayName)) {
     stream_ = capture_.createStream(filter ? *filter : mainDisplayFilter(displayName), configuration,
                                     [this](std::exception_ptr failure) {
                                       const std::lock_guard guard(lock_);
@@ -94,10 +93,6 @@ class Receiver {
       newest_ = sample.image;
       arrived_.notify_all();
     });
-  }
-  ~Receiver() {
-    stream_.reset();
-    queue_.reset();
   }
 
   static ContentFilter mainDisplayFilter(const std::string& displayName) {
@@ -167,16 +162,17 @@ class Receiver {
     return text.get();
   }
 
-  X11ScreenCapture capture_;
-  std::shared_ptr<ThreadQueue> queue_;
-  std::unique_ptr<ScreenStream> stream_;
-  std::mutex lock_;  // guards the rest
+  std::mutex lock_;  // guards the next six
   std::condition_variable arrived_;
   std::exception_ptr stopped_;
   SharedPixelBuffer newest_;
   std::vector<Seen> seen_;
   bool isHolding_ = false;
   std::vector<SharedPixelBuffer> held_;
+  // Last, since their work uses the rest.
+  X11ScreenCapture capture_;
+  std::shared_ptr<ThreadQueue> queue_ = std::make_shared<ThreadQueue>("receiver");
+  std::unique_ptr<ScreenStream> stream_;
 };
 
 inline ScreenStreamConfiguration sized(int width, int height, int rate = 60) {

@@ -222,14 +222,15 @@ TEST_F(X11CaptureTest, StartFailsWithTheReason) {
   EXPECT_EQ(unreachable.start(), "The X display :7999 cannot be reached.");
   EXPECT_EQ(unreachable.waitForStop(50ms), "");
 
+  const auto refusal = [&](const ContentFilter& wanted) {
+    return Receiver(server.displayName(), sized(320, 180), wanted).start();
+  };
   ContentFilter unknown = filter;
   unknown.includedDisplays[0].id = 4711;
-  EXPECT_EQ(Receiver(server.displayName(), sized(320, 180), unknown).start(),
-            "The display to capture is not there.");
+  EXPECT_EQ(refusal(unknown), "The display to capture is not there.");
   ContentFilter window = filter;
   window.style = ContentFilter::Style::window;
-  EXPECT_EQ(Receiver(server.displayName(), sized(320, 180), window).start(),
-            "Only whole displays can be captured.");
+  EXPECT_EQ(refusal(window), "Only whole displays can be captured.");
 }
 
 }  // namespace

@@ -50,15 +50,15 @@ class SystemActivitiesTest : public ::testing::Test {
   const testing::MessageBus bus_{top_.path()};
 };
 
-TEST_F(SystemActivitiesTest, BothAreHeldExactlyWhileAnActivityWantsThem) {
+TEST_F(SystemActivitiesTest, BothAreHeldExactlyWhileAnActivityAndTheObjectLast) {
   PowerServices services(bus_.address());
-  SystemActivities activities(patient(bus_.address()));
-  auto first = activities.beginActivity(kBoth, "the reason");
+  auto activities = std::make_unique<SystemActivities>(patient(bus_.address()));
+  auto first = activities->beginActivity(kBoth, "the reason");
   ASSERT_TRUE(areHeld(services, 1, 1));
   EXPECT_THAT(services.counts().idleArguments, ElementsAre("idle", "Kestrune", "the reason", "block"));
   EXPECT_THAT(services.counts().saverArguments, ElementsAre("Kestrune", "the reason"));
 
-  auto second = activities.beginActivity(kActivityUserInitiated, "only the machine");
+  auto second = activities->beginActivity(kActivityUserInitiated, "only the machine");
   first.reset();
   ASSERT_TRUE(areHeld(services, 1, 0));
   EXPECT_EQ(services.counts().uninhibited, 1);
@@ -67,19 +67,11 @@ TEST_F(SystemActivitiesTest, BothAreHeldExactlyWhileAnActivityWantsThem) {
   ASSERT_TRUE(areHeld(services, 0, 0));
 
   // However fast they follow each other, the last one counts.
-  for (int times = 0; times < 300; ++times) first = activities.beginActivity(kBoth, "again");
+  for (int times = 0; times < 300; ++times) first = activities->beginActivity(kBoth, "again");
   ASSERT_TRUE(areHeld(services, 1, 1));
-  for (int times = 0; times < 300; ++times) activities.beginActivity(kBoth, "and again").reset();
-  first.reset();
-  ASSERT_TRUE(areHeld(services, 0, 0));
-}
-
-TEST_F(SystemActivitiesTest, NothingIsLeftOfAnObjectThatEnds) {
-  PowerServices services(bus_.address());
-  auto activities = std::make_unique<SystemActivities>(patient(bus_.address()));
-  const auto outliving = activities->beginActivity(kBoth, "x");
+  for (int times = 0; times < 300; ++times) activities->beginActivity(kBoth, "and again").reset();
   ASSERT_TRUE(areHeld(services, 1, 1));
-  activities.reset();
+  activities.reset();  // an activity that outlives it holds nothing
   ASSERT_TRUE(areHeld(services, 0, 0));
 }
 

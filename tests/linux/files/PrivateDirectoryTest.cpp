@@ -112,18 +112,16 @@ TEST_F(PrivateDirectoryTest, WritesUnlessSomebodyElseHas) {
 
 TEST_F(PrivateDirectoryTest, TheLockHasOneHolder) {
   std::atomic<int> inside = 0;
-  std::vector<std::thread> holders;
-  for (int i = 0; i < 4; ++i) {
-    holders.emplace_back([&] {
-      const PrivateDirectory directory(path_);
-      for (int round = 0; round < 200; ++round) {
-        const auto locked = directory.lock();
-        EXPECT_EQ(++inside, 1);
-        --inside;
-      }
-    });
-  }
-  for (auto& holder : holders) holder.join();
+  const auto hold = [&] {
+    const PrivateDirectory directory(path_);
+    for (int round = 0; round < 200; ++round) {
+      const auto locked = directory.lock();
+      EXPECT_EQ(++inside, 1);
+      --inside;
+    }
+  };
+  std::vector<std::jthread> holders;
+  for (int i = 0; i < 4; ++i) holders.emplace_back(hold);
 }
 
 }  // namespace

@@ -17,20 +17,6 @@
 #include "support/SyntheticScreen.h"
 #include "support/TemporaryDirectory.h"
 
-// x265 synchronizes its workers by atomics that the thread sanitizer can't see into, and never frees a
-// kilobyte of parameters per session.
-#if defined(__SANITIZE_THREAD__)
-extern "C" const char* __tsan_default_suppressions();
-extern "C" const char* __tsan_default_suppressions() {
-  return "called_from_lib:libx265.so\nrace:libx265.so\n";
-}
-#elif defined(__SANITIZE_ADDRESS__)
-extern "C" const char* __lsan_default_suppressions();
-extern "C" const char* __lsan_default_suppressions() {
-  return "leak:libx265.so\n";
-}
-#endif
-
 namespace kestrune::linux_platform {
 namespace {
 
