@@ -29,11 +29,12 @@ StreamingServer::StreamingServer(std::shared_ptr<Network> network, std::shared_p
       localURL_(std::string("http://") + kHost + ":" + std::to_string(port)) {}
 
 StreamingServer::~StreamingServer() {
-  if (!listener_ && clients_.empty()) return;
+  if (!listener_ && clients_.isEmpty()) return;
   // The last owner may let go on any thread; sockets are cancelled on their queue.
-  queue_->post([listener = std::move(listener_), clients = std::move(clients_)] {
+  viewer_.reset();
+  queue_->post([listener = std::move(listener_), clients = clients_.takeAll()] {
     if (listener) listener->cancel();
-    for (const auto& [id, client] : clients) client->connection->cancel();
+    for (const auto& client : clients) client->connection->cancel();
   });
 }
 
@@ -83,7 +84,7 @@ void StreamingServer::startListening(StartCompletion completion) {
   });
   listener_->setMakeRoomHandler([weak = weak_from_this()] {
     const auto server = weak.lock();
-    return server && server->endOldestUnauthenticated();
+    return server && server->makeRoom();
   });
   listener_->start();
 }
@@ -126,10 +127,9 @@ void StreamingServer::stopNow() {
   }
   startCompletion_ = nullptr;
 
-  const auto viewer = activeViewer();
-  const auto session = viewer ? viewer->session : nullptr;
-  for (const auto& [id, client] : std::exchange(clients_, {})) disconnect(*client);
-  viewerID_.reset();
+  const auto session = viewer_ ? viewer_->session() : nullptr;
+  viewer_.reset();
+  for (const auto& client : clients_.takeAll()) client->end();
   startedAt_.reset();
   lastHostDiagnostics_.reset();
   droppedOutboundFrames_ = 0;
@@ -146,13 +146,14 @@ void StreamingServer::stopNow() {
 
 StreamingServerSnapshot StreamingServer::currentSnapshot() const {
   StreamingServerSnapshot snapshot;
-  snapshot.viewerConnected = viewerID_.has_value();
+  snapshot.viewerConnected = viewer_ != nullptr;
   snapshot.audioSequence = audioStore_->latestSequence();
   snapshot.storedAudioChunks = static_cast<std::int64_t>(audioStore_->count());
   snapshot.storedVideoPackets = static_cast<std::int64_t>(videoStore_->count());
-  if (const auto viewer = activeViewer()) {
-    snapshot.outboundVideoFrames = static_cast<std::int64_t>(viewer->pendingSends.droppableCount());
-    snapshot.viewer = viewer->session->lastTelemetry();
+  if (viewer_) {
+    snapshot.outboundVideoFrames =
+        static_cast<std::int64_t>(viewer_->webSocketPeer()->outbound.waitingFrames());
+    snapshot.viewer = viewer_->session()->lastTelemetry();
   }
   snapshot.droppedOutboundFrames = droppedOutboundFrames_;
   snapshot.bytesSent = bytesSent_;
@@ -161,11 +162,6 @@ StreamingServerSnapshot StreamingServer::currentSnapshot() const {
         std::chrono::duration_cast<std::chrono::seconds>(clock_->continuousNow() - *startedAt_).count();
   }
   return snapshot;
-}
-
-StreamingServer::Client StreamingServer::activeViewer() const {
-  const auto found = viewerID_ ? clients_.find(*viewerID_) : clients_.end();
-  return found == clients_.end() ? nullptr : found->second;
 }
 
 }  // namespace kestrune

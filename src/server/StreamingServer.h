@@ -4,7 +4,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <exception>
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -18,9 +17,9 @@
 #include "platform/Network.h"
 #include "runtime/Clock.h"
 #include "server/AuthenticationRateLimiter.h"
-#include "server/ClientContext.h"
 #include "server/HTTPRequest.h"
 #include "server/HTTPResponse.h"
+#include "server/OpenClients.h"
 #include "server/StreamingServerSnapshot.h"
 #include "server/ViewerTokenSource.h"
 #include "server/WebSocketCodec.h"
@@ -89,8 +88,6 @@ class StreamingServer final : public ViewerRoute, public std::enable_shared_from
   void broadcastAudio(AudioPCMChunk chunk) override;
 
  private:
-  using Client = std::shared_ptr<ClientContext>;
-
   /// A handler that takes a Server& and a const Client& before its own arguments, and does nothing once
   /// either has gone. An exception out of it ends the client.
   template <class Body>
@@ -105,40 +102,36 @@ class StreamingServer final : public ViewerRoute, public std::enable_shared_from
   void finishStart(std::exception_ptr failure);
   void stopNow();
   StreamingServerSnapshot currentSnapshot() const;
-  /// Null without one.
-  Client activeViewer() const;
 
   // Connections (StreamingServerConnections.cpp)
   void acceptConnection(std::shared_ptr<TcpConnection> connection);
   void beginConnection(const Client& client);
   void receiveNext(const Client& client);
   void handleReceived(const Client& client, ByteView bytes);
-  void handlePeerEnd(const Client& client);
+  /// Ends a connection by which no token has come. Whether there was one.
+  bool makeRoom();
+
+  // How connections close (StreamingServerClosing.cpp). Every end goes through one of these, or stopNow().
+  /// Sends the response, and ends the client behind it.
+  void send(HTTPResponse response, const Client& client);
+  /// Sends the close frame behind what is in flight, and ends the client when its peer has ended its side.
+  /// Nothing for a client that is no WebSocket peer any more.
+  void closeClient(const Client& client, WebSocketClose reason);
+  void sendCloseFrame(const Client& client, GatheredBytes frame);
+  /// Cuts the connection and everything that waits on it.
   void endClient(const Client& client);
-  /// Ends a connection by which no token has come, the oldest, but one that is being answered only for lack
-  /// of others. Whether there was one.
-  bool endOldestUnauthenticated();
   /// Within a handler of an exception that concerns this client alone.
   void endAfterFailure(const Client& client);
-  /// Cuts the connection and everything that waits on it.
-  static void disconnect(ClientContext& client);
-  void viewerEnded(ClientContext& client);
-  /// Nothing more is read from the client or queued for it.
-  static void markClosed(ClientContext& client);
-  /// Sends the last message of a closed client and then ends it; behind a close frame not before the peer has
-  /// ended its side.
-  void sendLast(const Client& client, GatheredBytes message, bool countsAsSent);
-  /// Ends a closed client that is still there when `patience` is over, or a little later.
-  void limitClosing(ClientContext& client, Duration patience);
+  /// Tells the owner that the viewer, whose connection has just left its state, is gone.
+  void endViewer(ViewerSession& session);
+  /// Ends clients whose time to close is over, now and then, while there are some that close.
   void armClosingSweep();
-  void sweepClosing();
 
   // HTTP (StreamingServerRoutes.cpp)
   void processHTTPBuffer(const Client& client);
-  void send(HTTPResponse response, const Client& client);
   void route(const HTTPRequest& request, const Client& client);
   void sendAsset(const std::string& path, const Client& client);
-  void beginAudioPoll(const Client& client, std::uint64_t after, Duration deadline, Duration batchDeadline);
+  void lookForAudio(const Client& client);
 
   // Authentication (StreamingServerAuthentication.cpp)
   bool authorizeRequest(const HTTPRequest& request, const Client& client);
@@ -147,13 +140,12 @@ class StreamingServer final : public ViewerRoute, public std::enable_shared_from
   std::optional<bool> isToken(const std::optional<std::string>& candidate);
   /// Counts a wrong token; false while they are being refused unheard.
   bool recordRefusal();
-  void admitViewer(const Client& client);
+  void admitViewer(const Client& client, std::optional<std::string> identifier);
 
   // WebSocket (StreamingServerWebSocket.cpp)
   void upgradeWebSocket(const HTTPRequest& request, const Client& client);
   void processWebSocketBuffer(const Client& client);
   void handleFrame(const Client& client, const WebSocketFrame& frame);
-  void closeClient(const Client& client, WebSocketClose reason);
 
   // Outbound (StreamingServerOutbound.cpp)
   void broadcastNow(const EncodedVideoPacket& packet, std::uint64_t lostBefore);
@@ -161,8 +153,8 @@ class StreamingServer final : public ViewerRoute, public std::enable_shared_from
   void enqueueText(const std::string& text, const Client& client, OutboundKind kind = OutboundKind::message);
   void pump(const Client& client);
   void handleSent(const Client& client, std::size_t size, bool succeeded);
-  void purgeDroppable(ClientContext& client);
-  void requestRecoveryKeyframe(ClientContext& client);
+  /// Counts what was dropped, and asks for the keyframe that it makes necessary.
+  void settle(const OutboundLane::Cost& cost);
   void sendStreamSettings(const Client& client, bool reconfigured);
   void sendCursorState(const Client& client);
   void sendStreamState(const Client& client);
@@ -198,9 +190,8 @@ class StreamingServer final : public ViewerRoute, public std::enable_shared_from
   std::optional<std::string> remoteStreamMessage_;
   std::unique_ptr<TcpListener> listener_;
   StartCompletion startCompletion_;
-  std::map<ClientID, Client> clients_;  // every open connection
-  ClientID nextClientID_ = 1;
-  std::optional<ClientID> viewerID_;  // the one authenticated viewer
+  OpenClients clients_;
+  Client viewer_;  // the one that has a viewer(), or null; to be copied before its connection can end
   std::optional<Duration> startedAt_;
   DelayedWork closingSweep_;  // one for all closed clients: a timer each would outlive most of them
   AuthenticationRateLimiter rateLimiter_;

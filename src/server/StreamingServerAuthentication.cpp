@@ -1,3 +1,5 @@
+#include <utility>
+
 #include "platform/support/ConstantTime.h"
 #include "runtime/Error.h"
 #include "server/ServerLog.h"
@@ -33,9 +35,9 @@ void StreamingServer::handleAuthMessage(const ViewerAuthentication& message, con
     closeClient(client, recordRefusal() ? websocket_close::kUnauthorized : websocket_close::kTryAgainLater);
     return;
   }
-  if (const auto viewer = activeViewer()) {
+  if (const auto viewer = viewer_) {
     // A page comes back after a lost link of which the host has heard nothing yet: that is no second viewer.
-    const bool isSameViewer = message.viewer && message.viewer == viewer->viewerIdentifier;
+    const bool isSameViewer = message.viewer && message.viewer == viewer->viewer()->identifier;
     if (message.takeover == false && !isSameViewer) {
       closeClient(client, websocket_close::kViewerActive);
       return;
@@ -43,8 +45,7 @@ void StreamingServer::handleAuthMessage(const ViewerAuthentication& message, con
     closeClient(viewer, websocket_close::kReplaced);
     kServerLog.notice("Existing viewer replaced by a newer authenticated viewer");
   }
-  client->viewerIdentifier = message.viewer;
-  admitViewer(client);
+  admitViewer(client, message.viewer);
 }
 
 std::optional<bool> StreamingServer::isToken(const std::optional<std::string>& candidate) {
@@ -64,10 +65,10 @@ bool StreamingServer::recordRefusal() {
   return true;
 }
 
-void StreamingServer::admitViewer(const Client& client) {
-  viewerID_ = client->id;
-  client->state = ClientContext::State::webSocketAuthenticated;
-  client->session = std::make_shared<ViewerSession>(kLocalSessionRules, input_, requests_);
+void StreamingServer::admitViewer(const Client& client, std::optional<std::string> identifier) {
+  auto session = std::make_shared<ViewerSession>(kLocalSessionRules, input_, requests_);
+  client->webSocketPeer()->viewer = WebSocketPeer::Viewer{std::move(session), std::move(identifier)};
+  viewer_ = client;
   enqueueText(authenticatedMessage(audioStore_->latestSequence()), client);
   sendStreamSettings(client, false);
   sendCursorState(client);

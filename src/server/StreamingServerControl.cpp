@@ -16,8 +16,7 @@ struct StreamingServer::Channel final : ViewerChannel {
     server.enqueueText(text, client, kind);
   }
   void requestKeyframe() override {
-    server.purgeDroppable(*client);
-    server.requestRecoveryKeyframe(*client);
+    if (auto* peer = client->webSocketPeer()) server.settle(peer->outbound.startOver());
   }
   /// enqueue() looks up the budget of the mode.
   void applyMode(bool /*control*/) override { requestKeyframe(); }
@@ -34,7 +33,7 @@ void StreamingServer::handleTextFrame(ByteView payload, const Client& client) {
   const auto message = parseViewerMessage(payload);
   if (!message) {
     closeClient(client, websocket_close::kInvalidControl);
-  } else if (const auto session = client->session) {
+  } else if (const auto session = client->session()) {
     Channel channel(*this, client);
     session->handle(*message, clock_->continuousNow(), channel);
   } else {
@@ -44,7 +43,7 @@ void StreamingServer::handleTextFrame(ByteView payload, const Client& client) {
 
 void StreamingServer::answerIssueReport(ClientID id, ViewerIssueReportResult result) {
   postToSelf([id, result = std::move(result)](StreamingServer& server) {
-    const auto viewer = server.activeViewer();
+    const auto viewer = server.viewer_;
     if (viewer && viewer->id == id) server.enqueueText(issueReportResultMessage(result), viewer);
   });
 }

@@ -11,7 +11,7 @@ void StreamingServer::updateStreamSettings(StreamProfile profile, StreamFrameRat
                                            StreamVideoCodec codec) {
   postToSelf([=](StreamingServer& server) {
     server.activeSettings_ = {profile, frameRate, codec};
-    if (const auto viewer = server.activeViewer()) server.sendStreamSettings(viewer, true);
+    if (const auto viewer = server.viewer_) server.sendStreamSettings(viewer, true);
   });
 }
 
@@ -19,21 +19,21 @@ void StreamingServer::updateRemoteStreamState(RemoteStreamState state, std::opti
   postToSelf([state, message = std::move(message)](StreamingServer& server) mutable {
     server.remoteStreamState_ = state;
     server.remoteStreamMessage_ = std::move(message);
-    if (const auto viewer = server.activeViewer()) server.sendStreamState(viewer);
+    if (const auto viewer = server.viewer_) server.sendStreamState(viewer);
   });
 }
 
 void StreamingServer::updateRemoteCursorState(RemoteCursorState state) {
   postToSelf([state](StreamingServer& server) {
     server.remoteCursorState_ = state;
-    if (const auto viewer = server.activeViewer()) server.sendCursorState(viewer);
+    if (const auto viewer = server.viewer_) server.sendCursorState(viewer);
   });
 }
 
 void StreamingServer::updateHostDiagnostics(HostDiagnostics diagnostics) {
   postToSelf([diagnostics = std::move(diagnostics)](StreamingServer& server) mutable {
     server.lastHostDiagnostics_ = std::move(diagnostics);
-    if (const auto viewer = server.activeViewer()) server.sendHostDiagnostics(viewer);
+    if (const auto viewer = server.viewer_) server.sendHostDiagnostics(viewer);
   });
 }
 
@@ -55,51 +55,30 @@ void StreamingServer::broadcastAudio(AudioPCMChunk chunk) {
 
 void StreamingServer::broadcastNow(const EncodedVideoPacket& packet, std::uint64_t lostBefore) {
   videoStore_->append(packet);
-  const auto viewer = activeViewer();
+  const auto viewer = viewer_;
   if (!viewer) return;
-  if (lostBefore > 0) {
-    droppedOutboundFrames_ += lostBefore;
-    requestRecoveryKeyframe(*viewer);
-  }
-  if (viewer->awaitingKeyframeAfterDrop) {
-    if (!packet.isKeyframe) {
-      ++droppedOutboundFrames_;
-      return;
-    }
-    purgeDroppable(*viewer);
-    viewer->awaitingKeyframeAfterDrop = false;
+  auto& outbound = viewer->webSocketPeer()->outbound;
+  settle(outbound.lose(lostBefore));
+  const auto kind = packet.isKeyframe ? OutboundKind::keyframe : OutboundKind::deltaFrame;
+  if (!outbound.mayFollow(kind)) {
+    ++droppedOutboundFrames_;
+    return;
   }
   auto body = encodeVideoFrame(packet.payload, packet.isKeyframe, packet.presentationTimeMicroseconds);
-  enqueue({encodeFrame(std::move(body), WebSocketOpcode::binary),
-           packet.isKeyframe ? OutboundKind::keyframe : OutboundKind::deltaFrame},
-          viewer);
+  enqueue({encodeFrame(std::move(body), WebSocketOpcode::binary), kind}, viewer);
 }
 
 void StreamingServer::enqueue(OutboundSend send, const Client& client) {
-  if (client->closed) return;
-  const auto budget =
-      client->session && client->session->isInControlMode() ? kControlModeBudget : kVideoModeBudget;
-  const bool isDroppable = send.isDroppable();
-  const auto result = client->pendingSends.append(std::move(send), budget);
-  switch (result.outcome) {
-    case OutboundQueue::Outcome::tooLarge:
-      if (!isDroppable) {
-        closeClient(client, websocket_close::kSendQueueOverflow);
-        return;
-      }
-      ++droppedOutboundFrames_;
-      requestRecoveryKeyframe(*client);
-      return;
-    case OutboundQueue::Outcome::overflow:
-      closeClient(client, websocket_close::kSendQueueOverflow);
-      return;
-    case OutboundQueue::Outcome::queued:
-      if (result.dropped > 0) {
-        droppedOutboundFrames_ += result.dropped;
-        requestRecoveryKeyframe(*client);
-      }
-      pump(client);
-      return;
+  auto* peer = client->webSocketPeer();
+  if (!peer) return;
+  const bool isSteering = peer->viewer && peer->viewer->session->isInControlMode();
+  const auto cost =
+      peer->outbound.append(std::move(send), isSteering ? kControlModeBudget : kVideoModeBudget);
+  settle(cost);
+  if (cost.isOverflow) {
+    closeClient(client, websocket_close::kSendQueueOverflow);
+  } else {
+    pump(client);
   }
 }
 
@@ -109,10 +88,8 @@ void StreamingServer::enqueueText(const std::string& text, const Client& client,
 }
 
 void StreamingServer::pump(const Client& client) {
-  if (client->closed || client->isSending) return;
-  auto next = client->pendingSends.takeFirst();
+  auto next = client->webSocketPeer()->outbound.takeNext();
   if (!next) return;
-  client->isSending = true;
   const auto size = next->data.size();
   client->connection->send(
       std::move(next->data),
@@ -122,27 +99,22 @@ void StreamingServer::pump(const Client& client) {
 }
 
 void StreamingServer::handleSent(const Client& client, std::size_t size, bool succeeded) {
-  client->isSending = false;
   if (!succeeded) {
     endClient(client);
     return;
   }
   bytesSent_ += size;
-  if (auto closeFrame = std::exchange(client->closeFrame, std::nullopt)) {
-    sendLast(client, std::move(*closeFrame), false);
-  } else {
+  if (auto* peer = client->webSocketPeer()) {
+    peer->outbound.finishSend();
     pump(client);
+  } else if (auto closeFrame = client->takeCloseFrame()) {
+    sendCloseFrame(client, std::move(*closeFrame));
   }
 }
 
-void StreamingServer::purgeDroppable(ClientContext& client) {
-  droppedOutboundFrames_ += client.pendingSends.purgeDroppable();
-}
-
-void StreamingServer::requestRecoveryKeyframe(ClientContext& client) {
-  if (client.awaitingKeyframeAfterDrop) return;
-  client.awaitingKeyframeAfterDrop = true;
-  requests_->onKeyframeRequested();
+void StreamingServer::settle(const OutboundLane::Cost& cost) {
+  droppedOutboundFrames_ += cost.droppedFrames;
+  if (cost.wantsKeyframe) requests_->onKeyframeRequested();
 }
 
 void StreamingServer::sendStreamSettings(const Client& client, bool reconfigured) {

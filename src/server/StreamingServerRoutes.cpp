@@ -14,9 +14,6 @@ using std::chrono::seconds;
 
 constexpr std::size_t kMaximumHeader = 16'384;
 constexpr std::string_view kHeaderEnd = "\r\n\r\n";
-// The largest file over a slow mobile link takes less; a peer that takes nothing must not hold its answer.
-constexpr Duration kResponsePatience = seconds(120);
-
 constexpr Duration kAudioPollLength = seconds(10);
 constexpr Duration kAudioBatchWait = milliseconds(250);
 constexpr Duration kAudioPollTick = milliseconds(20);
@@ -66,7 +63,7 @@ HTTPResponse audioBatchResponse(const std::vector<StoredAudioChunk>& batch) {
 }  // namespace
 
 void StreamingServer::processHTTPBuffer(const Client& client) {
-  auto& buffer = client->receiveBuffer;
+  auto& buffer = client->readingRequest()->received;
   const auto size = buffer.sizeThrough(kHeaderEnd);
   if (size == 0) {
     if (buffer.size() > kMaximumHeader) send(failureResponse(HTTPFailure::headerTooLarge), client);
@@ -80,13 +77,6 @@ void StreamingServer::processHTTPBuffer(const Client& client) {
   } else {
     send(failureResponse(HTTPFailure::badRequest), client);
   }
-}
-
-void StreamingServer::send(HTTPResponse response, const Client& client) {
-  if (client->closed) return;
-  markClosed(*client);
-  limitClosing(*client, kResponsePatience);
-  sendLast(client, serializeResponse(std::move(response)), true);
 }
 
 void StreamingServer::route(const HTTPRequest& request, const Client& client) {
@@ -103,10 +93,10 @@ void StreamingServer::route(const HTTPRequest& request, const Client& client) {
   } else if (path == "/audio") {
     if (!authorizeRequest(request, client)) return;
     const auto after = request.query.find("after");
-    client->state = ClientContext::State::audioPoll;
     const auto now = clock_->continuousNow();
-    beginAudioPoll(client, after == request.query.end() ? 0 : sequenceOf(after->second),
-                   now + kAudioPollLength, now + kAudioBatchWait);
+    client->beginPoll(after == request.query.end() ? 0 : sequenceOf(after->second), now + kAudioPollLength,
+                      now + kAudioBatchWait);
+    lookForAudio(client);
   } else if (path == "/favicon.ico") {
     send(noContentResponse(), client);
   } else {
@@ -128,27 +118,25 @@ void StreamingServer::sendAsset(const std::string& path, const Client& client) {
   send(std::move(response), client);
 }
 
-void StreamingServer::beginAudioPoll(const Client& client, std::uint64_t after, Duration deadline,
-                                     Duration batchDeadline) {
-  if (client->closed) return;
-  const auto batch = audioStore_->chunks(after, kAudioBatchChunks, kAudioBatchBytes);
+void StreamingServer::lookForAudio(const Client& client) {
+  auto& poll = *client->audioPoll();
+  const auto batch = audioStore_->chunks(poll.after, kAudioBatchChunks, kAudioBatchBytes);
   const auto now = clock_->continuousNow();
-  if (batch.size() == kAudioBatchChunks || (!batch.empty() && now >= batchDeadline)) {
+  if (batch.size() == kAudioBatchChunks || (!batch.empty() && now >= poll.batchDeadline)) {
     send(audioBatchResponse(batch), client);
     return;
   }
-  if (now >= deadline) {
+  if (now >= poll.deadline) {
     auto response = noContentResponse();
     response.headers["Cache-Control"] = "no-store";
     response.headers["X-Audio-Sequence"] = std::to_string(audioStore_->latestSequence());
     send(std::move(response), client);
     return;
   }
-  client->audioPollWorkItem = queue_->postAfter(
-      kAudioPollTick,
-      whileAlive(client, [after, deadline, batchDeadline](StreamingServer& server, const Client& self) {
-        server.beginAudioPoll(self, after, deadline, batchDeadline);
-      }));
+  poll.nextLook =
+      queue_->postAfter(kAudioPollTick, whileAlive(client, [](StreamingServer& server, const Client& self) {
+                          if (self->audioPoll()) server.lookForAudio(self);
+                        }));
 }
 
 }  // namespace kestrune

@@ -8,9 +8,6 @@ namespace kestrune {
 namespace {
 
 constexpr Duration kAuthenticationTimeout = std::chrono::seconds(5);
-// A close frame behind a send that a stuck peer does not take, or a peer that does not close in its turn,
-// would hold the connection for ever.
-constexpr Duration kClosePatience = std::chrono::seconds(5);
 
 }  // namespace
 
@@ -20,23 +17,21 @@ void StreamingServer::upgradeWebSocket(const HTTPRequest& request, const Client&
     send(failureResponse(HTTPFailure::upgradeRequired), client);
     return;
   }
-  client->state = ClientContext::State::webSocketAwaitingAuth;
-  client->isSending = true;
+  const auto& peer = client->upgrade();
   client->connection->send(std::move(*response), whileAlive(client, [](StreamingServer& server,
                                                                        const Client& self, bool succeeded) {
                              server.handleSent(self, 0, succeeded);  // the handshake is not counted
                            }));
   queue_->postAfter(kAuthenticationTimeout,
                     whileAlive(client, [](StreamingServer& server, const Client& self) {
-                      if (self->state != ClientContext::State::webSocketAwaitingAuth) return;
-                      server.closeClient(self, websocket_close::kAuthenticationTimeout);
+                      if (!self->viewer()) server.closeClient(self, websocket_close::kAuthenticationTimeout);
                     }));
-  if (!client->receiveBuffer.empty()) processWebSocketBuffer(client);
+  if (!peer.received.empty()) processWebSocketBuffer(client);
 }
 
 void StreamingServer::processWebSocketBuffer(const Client& client) {
-  while (!client->closed) {
-    auto result = parseFrame(client->receiveBuffer);
+  while (auto* peer = client->webSocketPeer()) {
+    auto result = parseFrame(peer->received);
     if (std::holds_alternative<WebSocketNeedsMore>(result)) return;
     if (auto* frame = std::get_if<WebSocketFrame>(&result)) {
       handleFrame(client, *frame);
@@ -51,7 +46,7 @@ void StreamingServer::handleFrame(const Client& client, const WebSocketFrame& fr
     closeClient(client, websocket_close::kFragmentation);
     return;
   }
-  if (client->state == ClientContext::State::webSocketAwaitingAuth && frame.opcode != WebSocketOpcode::text) {
+  if (!client->viewer() && frame.opcode != WebSocketOpcode::text) {
     closeClient(client, websocket_close::kAuthenticateFirst);
     return;
   }
@@ -71,20 +66,6 @@ void StreamingServer::handleFrame(const Client& client, const WebSocketFrame& fr
     case WebSocketOpcode::close:
       closeClient(client, websocket_close::kByPeer);
       return;
-  }
-}
-
-void StreamingServer::closeClient(const Client& client, WebSocketClose reason) {
-  if (client->closed) return;
-  markClosed(*client);
-  viewerEnded(*client);  // the owner sees the viewer as gone before the peer does
-  client->discardsInput = true;
-  limitClosing(*client, kClosePatience);
-  auto frame = encodeCloseFrame(reason);
-  if (client->isSending) {
-    client->closeFrame = std::move(frame);  // bytes of a frame on the wire cannot be overtaken
-  } else {
-    sendLast(client, std::move(frame), false);
   }
 }
 
