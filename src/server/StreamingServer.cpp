@@ -21,12 +21,12 @@ StreamingServer::StreamingServer(std::shared_ptr<Network> network, std::shared_p
     : network_(std::move(network)),
       queue_(network_->queue()),
       bundle_(std::move(bundle)),
-      tokenSource_(std::move(tokenSource)),
       audioStore_(std::move(audioStore)),
       videoStore_(std::move(videoStore)),
       clock_(std::move(clock)),
       port_(port),
-      localURL_(std::string("http://") + kHost + ":" + std::to_string(port)) {}
+      localURL_(std::string("http://") + kHost + ":" + std::to_string(port)),
+      tokenCheck_(std::move(tokenSource), clock_) {}
 
 StreamingServer::~StreamingServer() {
   if (!listener_ && clients_.isEmpty()) return;
@@ -69,7 +69,7 @@ void StreamingServer::startListening(StartCompletion completion) {
     return;
   }
   try {
-    tokenSource_->token();
+    tokenCheck_.requireToken();
     listener_ = network_->createListener({kHost, port_});
   } catch (...) {
     completion(std::current_exception());
@@ -131,7 +131,7 @@ void StreamingServer::stopNow() {
   viewer_.reset();
   for (const auto& client : clients_.takeAll()) client->end();
   startedAt_.reset();
-  lastHostDiagnostics_.reset();
+  host_.diagnostics.reset();
   droppedOutboundFrames_ = 0;
   bytesSent_ = 0;
   audioStore_->clear();

@@ -16,12 +16,12 @@
 #include "platform/Bundle.h"
 #include "platform/Network.h"
 #include "runtime/Clock.h"
-#include "server/AuthenticationRateLimiter.h"
 #include "server/HTTPRequest.h"
 #include "server/HTTPResponse.h"
+#include "server/HostState.h"
 #include "server/OpenClients.h"
 #include "server/StreamingServerSnapshot.h"
-#include "server/ViewerTokenSource.h"
+#include "server/TokenCheck.h"
 #include "server/WebSocketCodec.h"
 #include "viewer/AudioChunkStore.h"
 #include "viewer/RemoteInput.h"
@@ -134,12 +134,9 @@ class StreamingServer final : public ViewerRoute, public std::enable_shared_from
   void lookForAudio(const Client& client);
 
   // Authentication (StreamingServerAuthentication.cpp)
+  /// Whether the request may be served; otherwise it is answered.
   bool authorizeRequest(const HTTPRequest& request, const Client& client);
   void handleAuthMessage(const ViewerAuthentication& message, const Client& client);
-  /// Whether `candidate` is the token; nothing, and a log line, if the token cannot be had.
-  std::optional<bool> isToken(const std::optional<std::string>& candidate);
-  /// Counts a wrong token; false while they are being refused unheard.
-  bool recordRefusal();
   void admitViewer(const Client& client, std::optional<std::string> identifier);
 
   // WebSocket (StreamingServerWebSocket.cpp)
@@ -155,10 +152,7 @@ class StreamingServer final : public ViewerRoute, public std::enable_shared_from
   void handleSent(const Client& client, std::size_t size, bool succeeded);
   /// Counts what was dropped, and asks for the keyframe that it makes necessary.
   void settle(const OutboundLane::Cost& cost);
-  void sendStreamSettings(const Client& client, bool reconfigured);
-  void sendCursorState(const Client& client);
-  void sendStreamState(const Client& client);
-  void sendHostDiagnostics(const Client& client);
+  void tell(const Client& client, const std::optional<HostState::Message>& message);
 
   // Control (StreamingServerControl.cpp)
   struct Channel;
@@ -169,7 +163,6 @@ class StreamingServer final : public ViewerRoute, public std::enable_shared_from
   const std::shared_ptr<Network> network_;
   const std::shared_ptr<SerialQueue> queue_;
   const std::shared_ptr<const Bundle> bundle_;
-  const std::shared_ptr<ViewerTokenSource> tokenSource_;
   const std::shared_ptr<AudioChunkStore> audioStore_;
   const std::shared_ptr<VideoPacketStore> videoStore_;
   const std::shared_ptr<const Clock> clock_;
@@ -184,18 +177,14 @@ class StreamingServer final : public ViewerRoute, public std::enable_shared_from
   std::shared_ptr<ViewerRequests> requests_ = std::make_shared<ViewerRequests>();
 
   // Everything below belongs to queue_.
-  ViewerChannel::ActiveSettings activeSettings_;
-  RemoteCursorState remoteCursorState_;
-  RemoteStreamState remoteStreamState_ = RemoteStreamState::armed;
-  std::optional<std::string> remoteStreamMessage_;
+  HostState host_;
+  TokenCheck tokenCheck_;
   std::unique_ptr<TcpListener> listener_;
   StartCompletion startCompletion_;
   OpenClients clients_;
   Client viewer_;  // the one that has a viewer(), or null; to be copied before its connection can end
   std::optional<Duration> startedAt_;
   DelayedWork closingSweep_;  // one for all closed clients: a timer each would outlive most of them
-  AuthenticationRateLimiter rateLimiter_;
-  std::optional<HostDiagnostics> lastHostDiagnostics_;
   std::uint64_t droppedOutboundFrames_ = 0;
   std::uint64_t bytesSent_ = 0;
 };

@@ -1,7 +1,5 @@
 #include <utility>
 
-#include "platform/support/ConstantTime.h"
-#include "runtime/Error.h"
 #include "server/ServerLog.h"
 #include "server/StreamingServer.h"
 #include "viewer/ViewerMessages.h"
@@ -9,15 +7,20 @@
 namespace kestrune {
 
 bool StreamingServer::authorizeRequest(const HTTPRequest& request, const Client& client) {
-  if (const auto presented = request.bearerToken()) {
-    const auto matches = isToken(*presented);
-    if (!matches) {
+  const auto presented = request.bearerToken();
+  switch (presented ? tokenCheck_.check(presented) : tokenCheck_.refuse()) {
+    case TokenCheck::Verdict::right:
+      return true;
+    case TokenCheck::Verdict::wrong:
+      send(failureResponse(HTTPFailure::unauthorized), client);
+      return false;
+    case TokenCheck::Verdict::rateLimited:
+      send(failureResponse(HTTPFailure::rateLimited), client);
+      return false;
+    case TokenCheck::Verdict::unavailable:
       send(failureResponse(HTTPFailure::serverUnavailable), client);
       return false;
-    }
-    if (*matches) return true;
   }
-  send(failureResponse(recordRefusal() ? HTTPFailure::unauthorized : HTTPFailure::rateLimited), client);
   return false;
 }
 
@@ -26,14 +29,15 @@ void StreamingServer::handleAuthMessage(const ViewerAuthentication& message, con
     closeClient(client, websocket_close::kAuthenticateFirst);
     return;
   }
-  const auto matches = isToken(message.token);
-  if (!matches) {
-    closeClient(client, websocket_close::kServerUnavailable);
-    return;
-  }
-  if (!*matches) {
-    closeClient(client, recordRefusal() ? websocket_close::kUnauthorized : websocket_close::kTryAgainLater);
-    return;
+  switch (tokenCheck_.check(message.token)) {
+    case TokenCheck::Verdict::right:
+      break;
+    case TokenCheck::Verdict::wrong:
+      return closeClient(client, websocket_close::kUnauthorized);
+    case TokenCheck::Verdict::rateLimited:
+      return closeClient(client, websocket_close::kTryAgainLater);
+    case TokenCheck::Verdict::unavailable:
+      return closeClient(client, websocket_close::kServerUnavailable);
   }
   if (const auto viewer = viewer_) {
     // A page comes back after a lost link of which the host has heard nothing yet: that is no second viewer.
@@ -48,32 +52,15 @@ void StreamingServer::handleAuthMessage(const ViewerAuthentication& message, con
   admitViewer(client, message.viewer);
 }
 
-std::optional<bool> StreamingServer::isToken(const std::optional<std::string>& candidate) {
-  try {
-    const auto token = tokenSource_->token();
-    return candidate && constantTimeEquals(*candidate, token);
-  } catch (...) {
-    kServerLog.error("Viewer token lookup failed: " + localizedDescription(std::current_exception()));
-    return std::nullopt;
-  }
-}
-
-bool StreamingServer::recordRefusal() {
-  const auto now = clock_->continuousNow();
-  if (!rateLimiter_.isAllowed(now)) return false;
-  rateLimiter_.recordFailure(now);
-  return true;
-}
-
 void StreamingServer::admitViewer(const Client& client, std::optional<std::string> identifier) {
   auto session = std::make_shared<ViewerSession>(kLocalSessionRules, input_, requests_);
   client->webSocketPeer()->viewer = WebSocketPeer::Viewer{std::move(session), std::move(identifier)};
   viewer_ = client;
   enqueueText(authenticatedMessage(audioStore_->latestSequence()), client);
-  sendStreamSettings(client, false);
-  sendCursorState(client);
-  sendStreamState(client);
-  sendHostDiagnostics(client);
+  tell(client, host_.aboutSettings(false, audioStore_->latestSequence()));
+  tell(client, host_.aboutCursor());
+  tell(client, host_.aboutStream());
+  tell(client, host_.aboutDiagnostics());
   requests_->onViewerConnectionChanged(true, false);
   requests_->onKeyframeRequested();
   kServerLog.notice("Authenticated viewer connected");

@@ -20,7 +20,7 @@ struct StreamingServer::Channel final : ViewerChannel {
   }
   /// enqueue() looks up the budget of the mode.
   void applyMode(bool /*control*/) override { requestKeyframe(); }
-  ActiveSettings activeSettings() const override { return server.activeSettings_; }
+  ActiveSettings activeSettings() const override { return server.host_.settings; }
   std::optional<std::uint64_t> audioSequence() const override { return server.audioStore_->latestSequence(); }
   IssueReportCompletion issueReportCompletion() override {
     return [weak = server.weak_from_this(), id = client->id](ViewerIssueReportResult result) {

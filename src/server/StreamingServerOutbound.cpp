@@ -1,39 +1,39 @@
 #include <utility>
 
-#include "server/ServerLog.h"
 #include "server/StreamingServerTurns.h"
 #include "viewer/MediaFrames.h"
-#include "viewer/ViewerMessages.h"
 
 namespace kestrune {
 
 void StreamingServer::updateStreamSettings(StreamProfile profile, StreamFrameRate frameRate,
                                            StreamVideoCodec codec) {
   postToSelf([=](StreamingServer& server) {
-    server.activeSettings_ = {profile, frameRate, codec};
-    if (const auto viewer = server.viewer_) server.sendStreamSettings(viewer, true);
+    server.host_.settings = {profile, frameRate, codec};
+    if (const auto viewer = server.viewer_) {
+      server.tell(viewer, server.host_.aboutSettings(true, server.audioStore_->latestSequence()));
+    }
   });
 }
 
 void StreamingServer::updateRemoteStreamState(RemoteStreamState state, std::optional<std::string> message) {
   postToSelf([state, message = std::move(message)](StreamingServer& server) mutable {
-    server.remoteStreamState_ = state;
-    server.remoteStreamMessage_ = std::move(message);
-    if (const auto viewer = server.viewer_) server.sendStreamState(viewer);
+    server.host_.stream = state;
+    server.host_.streamMessage = std::move(message);
+    if (const auto viewer = server.viewer_) server.tell(viewer, server.host_.aboutStream());
   });
 }
 
 void StreamingServer::updateRemoteCursorState(RemoteCursorState state) {
   postToSelf([state](StreamingServer& server) {
-    server.remoteCursorState_ = state;
-    if (const auto viewer = server.viewer_) server.sendCursorState(viewer);
+    server.host_.cursor = state;
+    if (const auto viewer = server.viewer_) server.tell(viewer, server.host_.aboutCursor());
   });
 }
 
 void StreamingServer::updateHostDiagnostics(HostDiagnostics diagnostics) {
   postToSelf([diagnostics = std::move(diagnostics)](StreamingServer& server) mutable {
-    server.lastHostDiagnostics_ = std::move(diagnostics);
-    if (const auto viewer = server.viewer_) server.sendHostDiagnostics(viewer);
+    server.host_.diagnostics = std::move(diagnostics);
+    if (const auto viewer = server.viewer_) server.tell(viewer, server.host_.aboutDiagnostics());
   });
 }
 
@@ -117,31 +117,8 @@ void StreamingServer::settle(const OutboundLane::Cost& cost) {
   if (cost.wantsKeyframe) requests_->onKeyframeRequested();
 }
 
-void StreamingServer::sendStreamSettings(const Client& client, bool reconfigured) {
-  const auto& active = activeSettings_;
-  enqueueText(streamSettingsMessage(active.profile, active.frameRate, active.codec, reconfigured,
-                                    audioStore_->latestSequence()),
-              client);
-}
-
-// The pointer moves some 15 times a second, and each dropped frame changes the diagnostics: on a link that
-// stands still for a moment stale ones must not fill the few places that control messages have, which would
-// close the connection.
-void StreamingServer::sendCursorState(const Client& client) {
-  enqueueText(cursorStateMessage(remoteCursorState_), client, OutboundKind::cursorState);
-}
-
-void StreamingServer::sendStreamState(const Client& client) {
-  if (const auto text = streamStateMessage(remoteStreamState_, remoteStreamMessage_)) {
-    enqueueText(*text, client);
-  } else {
-    kServerLog.error("Remote stream state encoding failed: the message is not valid UTF-8");
-  }
-}
-
-void StreamingServer::sendHostDiagnostics(const Client& client) {
-  if (!lastHostDiagnostics_) return;
-  enqueueText(hostDiagnosticsMessage(*lastHostDiagnostics_), client, OutboundKind::hostDiagnostics);
+void StreamingServer::tell(const Client& client, const std::optional<HostState::Message>& message) {
+  if (message) enqueueText(message->text, client, message->kind);
 }
 
 }  // namespace kestrune
