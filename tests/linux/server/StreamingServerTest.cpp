@@ -2,13 +2,14 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
+#include <atomic>
 #include <future>
 #include <thread>
 #include <vector>
 
 #include "linux/network/LoopbackPeer.h"
 #include "platform/linux/network/AsioNetwork.h"
-#include "runtime/Error.h"
 #include "server/StreamingServer.h"
 #include "support/CapturedLog.h"
 #include "support/DescriptorLimit.h"
@@ -18,43 +19,20 @@
 namespace kestrune {
 namespace {
 
+using namespace std::chrono_literals;
+
 struct FixedTokenSource final : ViewerTokenSource {
   std::string token() override { return "token"; }
 };
 
-/// A server with a network of its own.
-struct RealServer {
-  explicit RealServer(std::uint16_t port)
-      : server(std::make_shared<StreamingServer>(network, std::make_shared<FakeBundle>(),
-                                                 std::make_shared<FixedTokenSource>(), audio,
-                                                 std::make_shared<VideoPacketStore>(), systemClock(), port)) {
-  }
-
-  /// "" on success, else what a person is told.
-  std::string start() {
-    std::promise<std::string> outcome;
-    server->start([&outcome](std::exception_ptr failure) {
-      outcome.set_value(failure ? localizedDescription(failure) : "");
-    });
-    return outcome.get_future().get();
-  }
-  void stop() {
-    std::promise<void> done;
-    server->stop([&done] { done.set_value(); });
-    done.get_future().get();
-  }
-  StreamingServerSnapshot snapshot() {
-    std::promise<StreamingServerSnapshot> taken;
-    server->snapshot([&taken](StreamingServerSnapshot snapshot) { taken.set_value(std::move(snapshot)); });
-    return taken.get_future().get();
-  }
-
-  std::shared_ptr<AudioChunkStore> audio = std::make_shared<AudioChunkStore>();
-  std::shared_ptr<linux_platform::AsioNetwork> network = std::make_shared<linux_platform::AsioNetwork>();
-  std::shared_ptr<StreamingServer> server;
+struct CountedRequests final : ViewerRequests {
+  std::atomic<int> keyframes{0};
+  void onKeyframeRequested() override { ++keyframes; }
 };
 
-/// The next whole frame, whatever the division of the stream.
+constexpr std::size_t kFrameSize = 90'000;
+
+/// The next whole frame, however the stream is divided.
 ServerFrame readFrame(const LoopbackPeer& peer) {
   auto bytes = peer.receive(2);
   if (bytes.size() < 2) throw std::runtime_error("the connection ended");
@@ -67,68 +45,121 @@ ServerFrame readFrame(const LoopbackPeer& peer) {
   return takeServerFrames(bytes).at(0);
 }
 
-LoopbackPeer connectViewer(std::uint16_t port, int receiveBuffer = 0) {
-  LoopbackPeer peer(port, receiveBuffer);
-  peer.send(kUpgradeRequest + textFrame(authMessage("token")));
-  peer.receiveTo("\r\n\r\n");
-  for (int greeting = 0; greeting < 4; ++greeting) readFrame(peer);
-  return peer;
+/// The low bytes of a video frame's time stamp.
+int numberOf(const ServerFrame& frame) {
+  return static_cast<std::uint8_t>(frame.payload.at(7)) << 8 | static_cast<std::uint8_t>(frame.payload.at(8));
 }
 
-TEST(StreamingServerOnSocketsTest, AViewerIsServedWhileOthersFloodAndTrickle) {
-  const auto port = LoopbackPeer::freePort();
-  CapturedLog log;
-  RealServer host(port);
-  ASSERT_EQ(host.start(), "");
-  const auto viewer = connectViewer(port);
+class StreamingServerOnSocketsTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    server->setHandlers(std::make_shared<RemoteInput>(), requests);
+    ASSERT_FALSE(await<std::exception_ptr>([this](auto done) { server->start(done); }));
+  }
+  void TearDown() override {
+    await<bool>([this](auto done) { server->stop([done] { done(true); }); });
+  }
 
+  /// What `begin(done)` passes to `done` within ten seconds.
+  template <class Value, class Begin>
+  static Value await(Begin begin) {
+    const auto outcome = std::make_shared<std::promise<Value>>();
+    begin([outcome](Value value) { outcome->set_value(std::move(value)); });
+    auto future = outcome->get_future();
+    if (future.wait_for(10s) != std::future_status::ready) throw std::runtime_error("nothing came");
+    return future.get();
+  }
+  StreamingServerSnapshot snapshot() {
+    return await<StreamingServerSnapshot>([this](auto done) { server->snapshot(done); });
+  }
+  std::weak_ptr<const Bytes> broadcast(int number, bool isKeyframe) {
+    const auto payload = std::make_shared<const Bytes>(kFrameSize);
+    server->broadcastVideo({payload, isKeyframe, static_cast<std::uint64_t>(number)});
+    return payload;
+  }
+  LoopbackPeer connectViewer(int receiveBuffer = 0) const {
+    LoopbackPeer peer(port, receiveBuffer);
+    peer.send(kUpgradeRequest + textFrame(authMessage("token")));
+    peer.receiveTo("\r\n\r\n");
+    for (int greeting = 0; greeting < 4; ++greeting) readFrame(peer);
+    return peer;
+  }
+  static void expectPong(const LoopbackPeer& viewer) {
+    viewer.send(textFrame(R"({"type":"ping"})"));
+    EXPECT_EQ(readFrame(viewer).payload, R"({"type":"pong"})");
+  }
+
+  CapturedLog log;
+  const std::uint16_t port = LoopbackPeer::freePort();
+  std::shared_ptr<AudioChunkStore> audio = std::make_shared<AudioChunkStore>();
+  std::shared_ptr<CountedRequests> requests = std::make_shared<CountedRequests>();
+  std::shared_ptr<StreamingServer> server = std::make_shared<StreamingServer>(
+      std::make_shared<linux_platform::AsioNetwork>(), std::make_shared<FakeBundle>(),
+      std::make_shared<FixedTokenSource>(), audio, std::make_shared<VideoPacketStore>(), systemClock(), port);
+};
+
+TEST_F(StreamingServerOnSocketsTest, AViewerIsServedWhileOthersFloodAndTrickle) {
+  const auto viewer = connectViewer();
   std::vector<LoopbackPeer> crowd;
   for (int index = 0; index < 300; ++index) {
     crowd.emplace_back(port);
     crowd.back().send("GET /he");
   }
-  // Nobody reads these answers, nor sends what the next one waits for.
-  for (int index = 0; index < 100; ++index)
-    crowd[static_cast<std::size_t>(index)].send("alth HTTP/1.1\r\n\r\n");
+  // These answers are not read, and what the others wait for is not sent.
+  for (std::size_t index = 0; index < 100; ++index) crowd[index].send("alth HTTP/1.1\r\n\r\n");
 
-  constexpr std::uint8_t kFrames = 40;
-  std::thread encoder([&host] {
-    for (std::uint8_t index = 0; index < kFrames; ++index) {
-      host.server->broadcastVideo({std::make_shared<const Bytes>(Bytes(50'000, index)), index == 0, index});
-    }
+  constexpr int kFrames = 40;
+  std::thread encoder([this] {
+    for (int index = 0; index < kFrames; ++index) broadcast(index, index == 0);
   });
-  std::thread owner([&host] {
-    for (int index = 0; index < 20; ++index) host.snapshot();
-  });
-  for (std::uint8_t index = 0; index < kFrames; ++index) {
+  for (int index = 0; index < 20; ++index) snapshot();
+  for (int index = 0; index < kFrames; ++index) {
     const auto frame = readFrame(viewer);
-    EXPECT_EQ(frame.firstByte, 0x82);
-    EXPECT_EQ(frame.payload.at(0), index == 0 ? 1 : 0);
-    EXPECT_EQ(frame.payload.substr(9), std::string(50'000, static_cast<char>(index)));
+    EXPECT_EQ(frame.payload.size(), 9 + kFrameSize);
+    EXPECT_EQ(numberOf(frame), index);
   }
-  viewer.send(textFrame(R"({"type":"ping"})"));
-  EXPECT_EQ(readFrame(viewer).payload, R"({"type":"pong"})");
+  expectPong(viewer);
   encoder.join();
-  owner.join();
-  EXPECT_EQ(host.snapshot().droppedOutboundFrames, 0u);
-
-  host.stop();
-  EXPECT_EQ(viewer.receive(1), "");
+  EXPECT_EQ(snapshot().droppedOutboundFrames, 0u);
 }
 
-TEST(StreamingServerOnSocketsTest, AReplacedViewerWithABacklogLearnsWhy) {
-  const auto port = LoopbackPeer::freePort();
-  CapturedLog log;
-  RealServer host(port);
-  ASSERT_EQ(host.start(), "");
+TEST_F(StreamingServerOnSocketsTest, AViewerThatStopsReadingCostsBoundedMemoryAndGoesOnAtAKeyframe) {
+  const auto viewer = connectViewer(4096);
+  int number = 0;
+  std::vector<std::weak_ptr<const Bytes>> payloads{broadcast(number, true)};
+  while (++number < 500) {
+    payloads.push_back(broadcast(number, false));
+    if (number % 20 == 0) snapshot();  // so that none is lost before its turn on the server's thread
+  }
+  EXPECT_GT(snapshot().droppedOutboundFrames, 300u);
+  const auto held =
+      std::count_if(payloads.begin(), payloads.end(), [](const auto& payload) { return !payload.expired(); });
+  // What waits, what is in flight, and what the store of recent packets holds.
+  EXPECT_LE(static_cast<std::size_t>(held) * kFrameSize,
+            kVideoModeBudget.maxBytes + kFrameSize + VideoPacketStore::kMaxBytes);
+  EXPECT_EQ(requests->keyframes, 2);  // for its arrival, and once for the loss
+
+  broadcast(number, true);
+  const auto last = number + 3;
+  for (auto next = number + 1; next <= last; ++next) broadcast(next, false);
+  int expected = 0;
+  for (int read = 0; read != last;) {
+    const auto frame = readFrame(viewer);
+    read = numberOf(frame);
+    EXPECT_EQ(frame.payload.at(0), read == 0 || read == number) << read;
+    if (read == number) expected = number;
+    ASSERT_EQ(read, expected++);
+  }
+  expectPong(viewer);
+}
+
+TEST_F(StreamingServerOnSocketsTest, AReplacedViewerWithABacklogLearnsWhy) {
   // The first waits in the kernel as a whole; of the others most wait in the server.
-  for (const int frames : {1, 40}) {
-    const auto viewer = connectViewer(port, 4096);
-    for (int index = 0; index < frames; ++index) {
-      host.server->broadcastVideo({std::make_shared<const Bytes>(Bytes(90'000)), true, 1});
-    }
-    host.snapshot();
-    const auto newer = connectViewer(port);
+  for (const int frames : {1, 60}) {
+    const auto viewer = connectViewer(4096);
+    for (int index = 0; index < frames; ++index) broadcast(0, true);
+    snapshot();
+    const auto newer = connectViewer();
     const std::string input = textFrame(R"({"type":"ping"})");
     for (int index = 0; index < 1000; ++index) ASSERT_TRUE(viewer.send(input)) << index;
     int received = 0;
@@ -139,35 +170,27 @@ TEST(StreamingServerOnSocketsTest, AReplacedViewerWithABacklogLearnsWhy) {
     EXPECT_TRUE(frames == 1 ? received == 1 : received < frames / 2) << received;
     EXPECT_EQ(viewer.receive(1), "");
   }
-  host.stop();
 }
 
-TEST(StreamingServerOnSocketsTest, IdleConnectionsGiveWayWhenDescriptorsRunOut) {
-  const auto port = LoopbackPeer::freePort();
-  CapturedLog log;
-  RealServer host(port);
-  ASSERT_EQ(host.start(), "");
-  const auto viewer = connectViewer(port);
+TEST_F(StreamingServerOnSocketsTest, IdleConnectionsGiveWayWhenDescriptorsRunOut) {
+  const auto viewer = connectViewer();
   const LoopbackPeer poll(port);
   poll.send("GET /audio HTTP/1.1\r\nAuthorization: Bearer token\r\n\r\n");
-  host.snapshot();
+  snapshot();
   std::vector<LoopbackPeer> crowd(100);
   const DescriptorLimit limit(DescriptorLimit::leaving(40));
   for (auto& peer : crowd) {
     ASSERT_TRUE(peer.connectTo(port));
     peer.send("GET /he");
   }
-  crowd.back().send("alth HTTP/1.1\r\n\r\n");
-  EXPECT_EQ(crowd.back().receive(15), "HTTP/1.1 200 OK");
+  for (const auto* late : {&crowd[99], &crowd[90]}) {
+    late->send("alth HTTP/1.1\r\n\r\n");
+    EXPECT_EQ(late->receive(15), "HTTP/1.1 200 OK");
+  }
   EXPECT_EQ(crowd.front().receive(1), "");
-  crowd[90].send("alth HTTP/1.1\r\n\r\n");
-  EXPECT_EQ(crowd[90].receive(15), "HTTP/1.1 200 OK");
-
-  viewer.send(textFrame(R"({"type":"ping"})"));
-  EXPECT_EQ(readFrame(viewer).payload, R"({"type":"pong"})");
-  host.audio->append({0, 48'000, 2, 1, Bytes(4)});
+  expectPong(viewer);
+  audio->append({0, 48'000, 2, 1, Bytes(4)});
   EXPECT_EQ(poll.receive(15), "HTTP/1.1 200 OK");
-  host.stop();
 }
 
 }  // namespace
