@@ -9,7 +9,7 @@
 namespace kestrune {
 
 /// Bytes that arrived and are not read yet. Taking from the front costs nothing until the next append, so
-/// that many small frames in one read are read in one pass. Whoever appends bounds what stays.
+/// that many small frames in one read are read in one pass. The caller of append() limits what stays.
 class ReceiveBuffer {
  public:
   void append(ByteView bytes) {

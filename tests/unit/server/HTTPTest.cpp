@@ -22,22 +22,12 @@ TEST(HTTPRequestTest, ReadsTheRequestLineAndTheHeaders) {
 }
 
 TEST(HTTPRequestTest, RefusesWhatIsMalformed) {
-  for (const auto& block : {
-           ""s,
-           "\r\n\r\n"s,
-           "GET /\r\n\r\n"s,
-           "GET / HTTP/1.1 more\r\n\r\n"s,
-           "GET / HTTP/2.0\r\n\r\n"s,
-           "GET / http/1.1\r\n\r\n"s,
-           "GET http://localhost/ HTTP/1.1\r\n\r\n"s,
-           "GET * HTTP/1.1\r\n\r\n"s,
-           "GET /%zz HTTP/1.1\r\n\r\n"s,
-           "GET /\x01 HTTP/1.1\r\n\r\n"s,
-           "GET /\0 HTTP/1.1\r\n\r\n"s,
-           "GET / HTTP/1.1\r\nno colon\r\n\r\n"s,
-           "GET / HTTP/1.1\r\n \t: no name\r\n\r\n"s,
-           "GET / HTTP/1.1\r\nx: \xff\r\n\r\n"s,
-       }) {
+  for (const auto& block :
+       {""s, "\r\n\r\n"s, "GET /\r\n\r\n"s, "GET / HTTP/1.1 more\r\n\r\n"s, "GET / HTTP/2.0\r\n\r\n"s,
+        "GET / http/1.1\r\n\r\n"s, "GET http://localhost/ HTTP/1.1\r\n\r\n"s, "GET * HTTP/1.1\r\n\r\n"s,
+        "GET /%zz HTTP/1.1\r\n\r\n"s, "GET /\x01 HTTP/1.1\r\n\r\n"s, "GET /\0 HTTP/1.1\r\n\r\n"s,
+        "GET / HTTP/1.1\r\nno colon\r\n\r\n"s, "GET / HTTP/1.1\r\n \t: no name\r\n\r\n"s,
+        "GET / HTTP/1.1\r\nx: \xff\r\n\r\n"s}) {
     EXPECT_FALSE(HTTPRequest::parse(block)) << testing::PrintToString(block);
   }
   EXPECT_EQ(HTTPRequest::parse("get / HTTP/1.9\r\n\r\n")->method, "get");

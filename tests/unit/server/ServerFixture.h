@@ -18,10 +18,10 @@
 namespace kestrune {
 
 using namespace std::chrono_literals;
+using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
-using testing::Not;
 using testing::StartsWith;
 
 inline constexpr const char* kToken = "abcdefghijklmnopqrstuvwxyz0123456789-_ABCDE";
@@ -39,91 +39,69 @@ class FixedTokenSource final : public ViewerTokenSource {
   }
 };
 
-/// What a server's handlers were asked, one line each.
-struct HandlerLog {
+/// A host that notes what it is asked, one line each.
+struct NotedHost : RemoteInput, ViewerRequests {
   RemoteTapResult result = RemoteTapResult::clicked;  // of every input
   std::vector<std::string> events;
   bool takesReports = false;
   IssueReportCompletion finishReport;
   std::exception_ptr textFailure;  // thrown by onRemoteText()
 
-  static std::string numbers(std::string text, std::initializer_list<double> values) {
-    for (const double value : values) text += " " + testing::PrintToString(value);
-    return text;
-  }
-  RemoteTapResult note(std::string event) {
+  /// For one that outlives all who hold it.
+  std::shared_ptr<NotedHost> unowned() { return {std::shared_ptr<void>(), this}; }
+  RemoteTapResult note(std::string event, std::initializer_list<double> values = {}) {
+    for (const double value : values) event += " " + testing::PrintToString(value);
     events.push_back(std::move(event));
     return result;
   }
-};
 
-class NotedInput final : public RemoteInput {
- public:
-  explicit NotedInput(HandlerLog& log) : log_(log) {}
-  RemoteTapResult onRemoteTap(double x, double y) override { return log_.note(log_.numbers("tap", {x, y})); }
+  RemoteTapResult onRemoteTap(double x, double y) override { return note("tap", {x, y}); }
   RemoteTapResult onRemotePointer(RemotePointerPhase phase, double x, double y) override {
-    return log_.note(log_.numbers("pointer " + std::string(rawValue(phase)), {x, y}));
+    return note("pointer " + std::string(rawValue(phase)), {x, y});
   }
-  RemoteTapResult onRemoteMove(double dx, double dy, double sensitivity) override {
-    return log_.note(log_.numbers("move", {dx, dy, sensitivity}));
+  RemoteTapResult onRemoteMove(double dx, double dy, double speed) override {
+    return note("move", {dx, dy, speed});
   }
   RemoteTapResult onRemoteClick(RemoteMouseButton button) override {
-    return log_.note("click " + std::string(rawValue(button)));
+    return note("click " + std::string(rawValue(button)));
   }
-  RemoteTapResult onRemoteButton(bool down) override { return log_.note(down ? "button down" : "button up"); }
-  RemoteTapResult onRemoteScroll(double dx, double dy) override {
-    return log_.note(log_.numbers("scroll", {dx, dy}));
-  }
+  RemoteTapResult onRemoteButton(bool down) override { return note(down ? "button down" : "button up"); }
+  RemoteTapResult onRemoteScroll(double dx, double dy) override { return note("scroll", {dx, dy}); }
   RemoteTapResult onRemoteText(const std::string& text) override {
-    if (log_.textFailure) std::rethrow_exception(log_.textFailure);
-    return log_.note("text " + text);
+    if (textFailure) std::rethrow_exception(textFailure);
+    return note("text " + text);
   }
-  RemoteTapResult onRemoteKey(const std::string& key) override { return log_.note("key " + key); }
-  RemoteTapResult onRemotePlayPause() override { return log_.note("playPause"); }
-  RemoteTapResult onRemoteFullscreen() override { return log_.note("fullscreen"); }
-  RemoteTapResult onRemoteOpenChrome() override { return log_.note("openChrome"); }
-  RemoteTapResult onRemoteResetBrowser() override { return log_.note("resetBrowser"); }
-  void onRemoteControlEnded() override { log_.note("controlEnded"); }
+  RemoteTapResult onRemoteKey(const std::string& key) override { return note("key " + key); }
+  RemoteTapResult onRemotePlayPause() override { return note("playPause"); }
+  RemoteTapResult onRemoteFullscreen() override { return note("fullscreen"); }
+  RemoteTapResult onRemoteOpenChrome() override { return note("openChrome"); }
+  RemoteTapResult onRemoteResetBrowser() override { return note("resetBrowser"); }
+  void onRemoteControlEnded() override { note("controlEnded"); }
 
- private:
-  HandlerLog& log_;
-};
-
-class NotedRequests final : public ViewerRequests {
- public:
-  explicit NotedRequests(HandlerLog& log) : log_(log) {}
-  void onStreamStartRequested() override { log_.note("start"); }
-  void onKeyframeRequested() override { log_.note("keyframe"); }
+  void onStreamStartRequested() override { note("start"); }
+  void onKeyframeRequested() override { note("keyframe"); }
   void onStreamSettingsChanged(StreamProfile profile, StreamFrameRate rate) override {
-    log_.note("settings " + std::string(rawValue(profile)) + " " + std::to_string(framesPerSecond(rate)));
+    note("settings " + std::string(rawValue(profile)) + " " + std::to_string(framesPerSecond(rate)));
   }
-  void onVideoCodecFallbackRequested() override { log_.note("codecFallback"); }
-  void onViewerTelemetry(const ViewerTelemetry& telemetry) override {
-    log_.note(log_.numbers("telemetry", {telemetry.viewerFPS, static_cast<double>(telemetry.reconnects)}));
+  void onVideoCodecFallbackRequested() override { note("codecFallback"); }
+  void onViewerTelemetry(const ViewerTelemetry& report) override {
+    note("telemetry", {report.viewerFPS, static_cast<double>(report.reconnects)});
   }
   bool onIssueReportRequested(const ViewerIssueReportRequest& request,
                               const IssueReportCompletion& completion) override {
-    if (!log_.takesReports) return false;
-    log_.note(request.reportId + " " + request.category + " " + request.symptom);
-    log_.finishReport = completion;
-    return true;
+    if (takesReports) note(request.reportId + " " + request.category + " " + request.symptom);
+    finishReport = completion;
+    return takesReports;
   }
   void onViewerConnectionChanged(bool connected, bool wasPlaying) override {
-    log_.note(std::string(connected ? "connected" : "disconnected") + (wasPlaying ? " playing" : ""));
+    note(std::string(connected ? "connected" : "disconnected") + (wasPlaying ? " playing" : ""));
   }
-
- private:
-  HandlerLog& log_;
 };
 
 /// A started server, with everything that its handlers are asked noted in `events`.
-class ServerTest : public testing::Test, public HandlerLog {
+class ServerTest : public testing::Test, public NotedHost {
  protected:
   using Connection = std::shared_ptr<FakeTcpConnection>;
-
-  ServerTest() {
-    server->setHandlers(std::make_shared<NotedInput>(*this), std::make_shared<NotedRequests>(*this));
-  }
 
   void SetUp() override { startServer(); }
   void TearDown() override {
@@ -131,6 +109,7 @@ class ServerTest : public testing::Test, public HandlerLog {
   }
 
   void startServer() {
+    server->setHandlers(unowned(), unowned());
     server->start([this](std::exception_ptr failure) {
       startResult = failure ? localizedDescription(failure) : "started";
     });
@@ -141,22 +120,34 @@ class ServerTest : public testing::Test, public HandlerLog {
     time->runReady();
   }
 
-  /// One request on a connection of its own; what was sent back so far.
-  std::string exchange(const std::string& request) {
-    const auto connection = network->connect();
-    connection->deliver(request);
-    time->runReady();
-    return connection->sent;
+  // What a peer does, and all that follows at once.
+  Connection connect(const std::string& bytes, bool takesSends = true) {
+    auto connection = network->connect();
+    connection->takesSends = takesSends;
+    deliver(connection, bytes);
+    return connection;
   }
+  void deliver(const Connection& connection, const std::string& bytes) {
+    connection->deliver(bytes);
+    time->runReady();
+  }
+  void end(const Connection& connection) {
+    connection->deliverEnd();
+    time->runReady();
+  }
+  void completeSend(const Connection& connection, bool succeeded = true) {
+    connection->completeSend(succeeded);
+    time->runReady();
+  }
+  /// The answer to a request, so far.
+  std::string exchange(const std::string& request) { return connect(request)->sent; }
   static std::string get(const std::string& target, const std::string& token = {}) {
     return "GET " + target + " HTTP/1.1\r\n" +
            (token.empty() ? std::string() : "Authorization: Bearer " + token + "\r\n") + "\r\n";
   }
 
   Connection openWebSocket() {
-    auto connection = network->connect();
-    connection->deliver(kUpgradeRequest);
-    time->runReady();
+    auto connection = connect(kUpgradeRequest);
     connection->sent.clear();
     return connection;
   }
@@ -169,8 +160,7 @@ class ServerTest : public testing::Test, public HandlerLog {
     return connection;
   }
   void sendText(const Connection& connection, const std::string& text) {
-    connection->deliver(textFrame(text));
-    time->runReady();
+    deliver(connection, textFrame(text));
   }
   void enterControlMode(const Connection& viewer) {
     sendText(viewer, R"({"type":"mode","mode":"control"})");

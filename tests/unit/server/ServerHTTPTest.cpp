@@ -9,7 +9,6 @@ TEST_F(ServerHTTPTest, AnswersEveryKindOfRequest) {
   bundle->files["Viewer/index.html"] = "<page>";
   const std::vector<std::pair<std::string, std::string>> table{
       {"HEAD /health HTTP/1.1\r\n\r\n", "405 Method Not Allowed\r\nAllow: GET\r\n"},
-      {"get / HTTP/1.1\r\n\r\n", "405 Method Not Allowed\r\nAllow: GET\r\n"},
       {"nonsense\r\n\r\n", "400 Bad Request\r\n"},
       {get("/nothing"), "404 Not Found\r\n"},
       {get("/app.js"), "404 Not Found\r\n"},  // in the table, but not in the bundle
@@ -29,18 +28,13 @@ TEST_F(ServerHTTPTest, AnswersEveryKindOfRequest) {
                       "'wasm-unsafe-eval'; style-src 'self'; connect-src 'self' ws: wss:; worker-src 'self'; "
                       "img-src 'self' data:; media-src blob:; object-src 'none'; base-uri 'none'; "
                       "frame-ancestors 'none'\r\n"));
-  EXPECT_THAT(exchange(get("/health")), Not(HasSubstr("Content-Security-Policy")));
-  EXPECT_THAT(exchange(get("/stream")), testing::EndsWith("WebSocket upgrade required"));
 }
 
 TEST_F(ServerHTTPTest, LimitsAHeadWithoutAnEnd) {
-  const auto connection = network->connect();
   const std::string start = "GET / HTTP/1.1\r\nX: ";
-  connection->deliver(start + std::string(16'384 - start.size(), 'x'));
-  time->runReady();
+  const auto connection = connect(start + std::string(16'384 - start.size(), 'x'));
   EXPECT_EQ(connection->sent, "");
-  connection->deliver("x");
-  time->runReady();
+  deliver(connection, "x");
   EXPECT_THAT(connection->sent, StartsWith("HTTP/1.1 431 Request Header Fields Too Large\r\n"));
   EXPECT_TRUE(connection->cancelled);
   // With its end in the same read a larger head is served.
@@ -48,7 +42,7 @@ TEST_F(ServerHTTPTest, LimitsAHeadWithoutAnEnd) {
               StartsWith("HTTP/1.1 200"));
 }
 
-TEST_F(ServerHTTPTest, AnswersOncePerConnectionAndHoweverItIsDivided) {
+TEST_F(ServerHTTPTest, AnswersOncePerConnectionHoweverTheRequestIsDivided) {
   const auto connection = network->connect();
   connection->deliver("GET /health HTTP/1.1\r\nX: \r\rx\r\n\r\n" + get("/health"), 1);
   time->runReady();
@@ -63,25 +57,21 @@ TEST_F(ServerHTTPTest, AnswersAPeerThatHasEndedItsSide) {
   connection->deliverWithEnd(get("/health"));
   time->runReady();
   EXPECT_FALSE(connection->cancelled);
-  connection->completeSend();
-  time->runReady();
+  completeSend(connection);
   EXPECT_THAT(connection->sent, StartsWith("HTTP/1.1 200"));
   EXPECT_TRUE(connection->cancelled);
 }
 
 TEST_F(ServerHTTPTest, PeersThatNeverFinishHoldNothingForEver) {
-  const auto trickling = network->connect();
-  trickling->deliver("GET /", 1);
-  const auto stuck = network->connect();
-  stuck->takesSends = false;
-  stuck->deliver(get("/health"));
+  const auto trickling = connect("GET /");
+  const auto stuck = connect(get("/health"), false);
   time->advance(119s);
   EXPECT_FALSE(stuck->cancelled);
   time->advance(10s);
   EXPECT_TRUE(stuck->cancelled);
   EXPECT_FALSE(trickling->cancelled);
   EXPECT_EQ(time->pendingDelayedWork(), 0u);
-  trickling->deliverEnd();
+  end(trickling);
   const auto reset = network->connect();
   reset->failReceive("reset by peer");
   const auto failed = network->connect();
@@ -89,7 +79,6 @@ TEST_F(ServerHTTPTest, PeersThatNeverFinishHoldNothingForEver) {
   time->runReady();
   for (const auto& connection : {trickling, reset, failed}) EXPECT_TRUE(connection->cancelled);
   EXPECT_TRUE(log.contains("debug [Server] Viewer connection ended: reset by peer"));
-  EXPECT_TRUE(log.contains("debug [Server] Viewer connection ended: broken"));
 }
 
 TEST_F(ServerHTTPTest, DataRoutesWantTheTokenAndLimitGuessing) {
@@ -97,14 +86,14 @@ TEST_F(ServerHTTPTest, DataRoutesWantTheTokenAndLimitGuessing) {
   for (int index = 0; index < 4; ++index) {
     EXPECT_THAT(exchange(get("/status", "guess")), HasSubstr("401 Unauthorized\r\n"));
   }
-  const auto fifth = exchange(get("/audio"));  // no token counts like a wrong one
-  EXPECT_THAT(fifth, StartsWith("HTTP/1.1 401"));
-  EXPECT_THAT(fifth, HasSubstr("\r\nWWW-Authenticate: Bearer\r\n"));
-  const auto sixth = exchange(get("/status", "guess"));
-  EXPECT_THAT(
-      sixth,
-      StartsWith("HTTP/1.1 429 Too Many Requests\r\nCache-Control: no-store\r\nConnection: close\r\n"));
-  EXPECT_THAT(sixth, HasSubstr("\r\nRetry-After: 60\r\n"));
+  time->advance(60s + 1ns);                  // they count for a minute
+  for (int index = 0; index < 5; ++index) {  // no token counts like a wrong one
+    EXPECT_THAT(exchange(get("/audio")),
+                AllOf(StartsWith("HTTP/1.1 401"), HasSubstr("\r\nWWW-Authenticate: Bearer\r\n")));
+  }
+  EXPECT_THAT(exchange(get("/status", "guess")),
+              AllOf(StartsWith("HTTP/1.1 429 Too Many Requests\r\nCache-Control: no-store\r\n"),
+                    HasSubstr("\r\nRetry-After: 60\r\n")));
   EXPECT_THAT(exchange(get("/status", kToken)), StartsWith("HTTP/1.1 200"));
   // The WebSocket shares the limit.
   const auto guessing = openWebSocket();
@@ -124,10 +113,10 @@ TEST_F(ServerHTTPTest, StatusIsTheSnapshotAsJson) {
   time->advance(2900ms);
   audio->append({0, 48'000, 2, 1, Bytes(4)});
   broadcast(10, true);
-  const auto bare = exchange(get("/status", kToken));
-  EXPECT_THAT(bare, testing::EndsWith(R"({"viewerConnected":false,"audioSequence":1,"storedAudioChunks":1,)"
-                                      R"("storedVideoPackets":1,"outboundVideoFrames":0,)"
-                                      R"("droppedOutboundFrames":0,"bytesSent":0,"uptimeSeconds":2})"));
+  EXPECT_THAT(exchange(get("/status", kToken)),
+              testing::EndsWith(R"({"viewerConnected":false,"audioSequence":1,"storedAudioChunks":1,)"
+                                R"("storedVideoPackets":1,"outboundVideoFrames":0,)"
+                                R"("droppedOutboundFrames":0,"bytesSent":0,"uptimeSeconds":2})"));
   sendText(connectViewer(),
            R"({"type":"telemetry","viewerFPS":59.5,"decodeMilliseconds":2,"videoBufferMilliseconds":3,)"
            R"("audioBufferMilliseconds":4,"audioDriftMilliseconds":-5,"reconnects":6,)"
@@ -140,16 +129,11 @@ TEST_F(ServerHTTPTest, StatusIsTheSnapshotAsJson) {
 
 class AudioPollTest : public ServerTest {
  protected:
-  Connection poll(const std::string& after) {
-    auto connection = network->connect();
-    connection->deliver(get("/audio" + after, kToken));
-    time->runReady();
-    return connection;
-  }
-  void store(int count, std::int64_t sampleRate = 48'000) {
+  Connection poll(const std::string& after) { return connect(get("/audio" + after, kToken)); }
+  void store(int count) {
     for (int index = 0; index < count; ++index) {
       const auto stamp = audio->latestSequence() * 1000 + 1000;
-      audio->append({stamp, sampleRate, 2, 480, Bytes(2, static_cast<std::uint8_t>('a' + index))});
+      audio->append({stamp, 48'000, 2, 480, Bytes(2, static_cast<std::uint8_t>('a' + index))});
     }
   }
 };
@@ -176,30 +160,25 @@ TEST_F(AudioPollTest, GivesAFullBatchAtOnceAndASmallOneAfterAWhile) {
 TEST_F(AudioPollTest, AnswersNoContentAfterTenSeconds) {
   store(2);
   const auto connection = poll("?after=2");
-  connection->deliver(std::string(100'000, 'x'));  // ignored, and not kept
+  const auto ended = poll("?after=2");
+  deliver(connection, std::string(100'000, 'x'));  // ignored, and not kept
+  end(ended);
+  EXPECT_TRUE(ended->cancelled);
+  EXPECT_EQ(time->pendingDelayedWork(), 1u);
   time->advance(9990ms);
   EXPECT_EQ(connection->sent, "");
   time->advance(20ms);
-  EXPECT_THAT(connection->sent, StartsWith("HTTP/1.1 204 No Content\r\nCache-Control: no-store\r\n"));
-  EXPECT_THAT(connection->sent, HasSubstr("X-Audio-Sequence: 2\r\n"));
+  EXPECT_THAT(connection->sent, AllOf(StartsWith("HTTP/1.1 204 No Content\r\nCache-Control: no-store\r\n"),
+                                      HasSubstr("X-Audio-Sequence: 2\r\n")));
 }
 
 TEST_F(AudioPollTest, ReadsTheNumberToContinueFrom) {
   store(10);
   const auto answers = [this](const std::string& after) { return !poll("?after=" + after)->sent.empty(); };
-  for (const auto* fromTheOldest :
-       {"", "0", "-0", "-5", "x", "1x", "+", "18446744073709551616", "1.0", "%201"}) {
-    EXPECT_TRUE(answers(fromTheOldest)) << fromTheOldest;
+  for (const auto* oldest : {"", "0", "-5", "x", "1x", "+", "18446744073709551616", "1.0", "%201"}) {
+    EXPECT_TRUE(answers(oldest)) << oldest;
   }
   for (const auto* later : {"1", "+1", "18446744073709551615", "01"}) EXPECT_FALSE(answers(later)) << later;
-}
-
-TEST_F(AudioPollTest, EndsWithItsConnection) {
-  const auto connection = poll("");
-  connection->deliverEnd();
-  time->runReady();
-  EXPECT_TRUE(connection->cancelled);
-  EXPECT_EQ(time->pendingDelayedWork(), 0u);
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
 #include "server/ViewerAssets.h"
 #include "support/FakeBundle.h"
@@ -6,10 +6,7 @@
 namespace kestrune {
 namespace {
 
-using testing::ElementsAre;
-
 TEST(ViewerAssetsTest, KnowsExactPathsOnly) {
-  EXPECT_EQ(assetForPath("/broadway/avc.wasm")->resourcePath, "Broadway/avc.wasm");
   EXPECT_EQ(assetForPath("/broadway/avc.wasm")->contentType, "application/wasm");
   for (const auto* path : {"", "/App.js", "/broadway", "/broadway/", "/Broadway/avc.wasm", "/../app.js",
                            "//app.js", "/etc/passwd"}) {
@@ -19,9 +16,7 @@ TEST(ViewerAssetsTest, KnowsExactPathsOnly) {
 
 TEST(ViewerAssetsTest, LooksThroughTheBundleInOrder) {
   FakeBundle bundle;
-  EXPECT_FALSE(loadViewerResource(bundle, "Broadway/avc.wasm"));
-  EXPECT_THAT(bundle.lookups, ElementsAre("Resources/Viewer/Broadway/avc.wasm", "Viewer/Broadway/avc.wasm",
-                                          "Broadway/avc.wasm", "avc.wasm"));
+  EXPECT_FALSE(loadViewerResource(bundle, "app.js"));
   bundle.files = {{"Resources/Viewer/app.js", "first"}, {"Viewer/app.js", "second"}};
   EXPECT_EQ(loadViewerResource(bundle, "app.js"), (Bytes{'f', 'i', 'r', 's', 't'}));
   bundle.unreadable = {"Resources/Viewer/app.js"};
