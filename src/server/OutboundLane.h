@@ -9,8 +9,9 @@
 namespace kestrune {
 
 /// The outbound half of one WebSocket connection: what waits, whether a send is in flight, and whether a
-/// frame that later ones refer to was lost. A delta frame never leaves it behind such a loss; a keyframe ends
-/// the wait. It sends nothing itself and calls no one. A plain value of its connection's queue.
+/// frame that later ones refer to was lost. No delta frame is taken in behind such a loss; a keyframe
+/// replaces the video that still waits, and ends that. It sends nothing itself and calls no one. A plain
+/// value of its connection's queue.
 ///
 /// It begins with a send in flight: the answer to the handshake.
 class OutboundLane {

@@ -41,8 +41,9 @@ namespace kestrune {
 /// under way does not keep the server alive. Its end cancels what is open.
 ///
 /// At most one authenticated viewer is active. A viewer that is slow loses video frames, oldest first, and is
-/// given a keyframe to go on from; it never receives a frame whose reference was lost. What is queued for it
-/// is bounded by kVideoModeBudget and kControlModeBudget (OutboundQueue.h), plus one message in flight.
+/// given a keyframe to go on from; until then no frame is queued for it whose reference was lost. What is
+/// queued for it is bounded by kVideoModeBudget and kControlModeBudget (OutboundQueue.h), plus one message in
+/// flight.
 class StreamingServer final : public ViewerRoute, public std::enable_shared_from_this<StreamingServer> {
  public:
   static constexpr std::uint16_t kDefaultPort = 8080;

@@ -16,8 +16,6 @@ class ServerControlTest : public ServerTest {
     for (auto& reply : received(viewer)) all.push_back(std::move(reply));
     return all;
   }
-  void enterControl() { enterControlMode(viewer); }
-
   Connection viewer;
 };
 
@@ -38,7 +36,7 @@ TEST_F(ServerControlTest, ControlWorksInControlModeAndItsFailuresAreTold) {
   constexpr auto kRefused = R"({"type":"tapResult","result":"permissionRequired"})";
   for (const auto& [text, event] : kQuietControl) EXPECT_THAT(send(text), IsEmpty()) << text;
   EXPECT_THAT(send(kTap), IsEmpty());
-  enterControl();
+  enterControlMode(viewer);
   for (const auto& [text, event] : kQuietControl) EXPECT_THAT(send(text), ElementsAre(event)) << text;
   time->advance(1s);
   EXPECT_THAT(send(kTap), ElementsAre("tap 0.25 1", kTapClicked));
@@ -53,7 +51,7 @@ TEST_F(ServerControlTest, ControlWorksInControlModeAndItsFailuresAreTold) {
 }
 
 TEST_F(ServerControlTest, BadFieldsAreIgnored) {
-  enterControl();
+  enterControlMode(viewer);
   for (const auto* text :
        {R"({"type":"tap","x":true,"y":0})", R"({"type":"pointer","phase":"over","x":0,"y":0})",
         R"({"type":"pointer","phase":"down","x":0})", R"({"type":"move","dx":1,"dy":1})",
@@ -73,7 +71,7 @@ TEST_F(ServerControlTest, ClicksAreSpacedAndMovesToo) {
   constexpr auto kPointerDown = R"({"type":"pointer","phase":"down","x":0,"y":0})";
   constexpr auto kPointerMove = R"({"type":"pointer","phase":"move","x":0,"y":0})";
   using Step = std::tuple<Duration, const char*, bool>;
-  enterControl();
+  enterControlMode(viewer);
   // A bad tap starts the wait, a bad click does not.
   for (const auto& [later, text, isAccepted] :
        {Step(0ms, kTap, true), Step(40ms, kTap, false), Step(0ms, kClick, false), Step(10ms, kClick, true),
@@ -102,7 +100,7 @@ TEST_F(ServerControlTest, ButtonsOfThePageAnswerAlways) {
   EXPECT_TRUE(press(1ms, "fullscreen"));
   EXPECT_FALSE(press(0s, "openChrome"));
   EXPECT_TRUE(press(0s, "resetBrowser"));
-  enterControl();
+  enterControlMode(viewer);
   EXPECT_FALSE(press(250ms, "playPause"));  // of video mode only, and no touch of the clock
   EXPECT_TRUE(press(0s, "openChrome"));
   time->advance(100ms);

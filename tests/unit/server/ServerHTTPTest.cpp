@@ -7,17 +7,17 @@ using ServerHTTPTest = ServerTest;
 
 TEST_F(ServerHTTPTest, AnswersEveryKindOfRequest) {
   bundle->files["Viewer/index.html"] = "<page>";
+  // The page's code is an asset, but not in the bundle.
   const std::vector<std::pair<std::string, std::string>> table{
       {"HEAD /health HTTP/1.1\r\n\r\n", "405 Method Not Allowed\r\nAllow: GET\r\n"},
       {"nonsense\r\n\r\n", "400 Bad Request\r\n"},
       {get("/nothing"), "404 Not Found\r\n"},
-      {get("/app.js"), "404 Not Found\r\n"},  // in the table, but not in the bundle
+      {get("/app.js"), "404 Not Found\r\n"},
       {get("/stream"), "400 Bad Request\r\n"},
       {get("/favicon.ico"), "204 No Content\r\n"},
       {get("/?x=1"), "200 OK\r\n"},
       {get("/%69ndex.html"), "200 OK\r\n"},
-      {get("/health"), "200 OK\r\nCache-Control: no-store\r\n"},
-  };
+      {get("/health"), "200 OK\r\nCache-Control: no-store\r\n"}};
   for (const auto& [request, answer] : table) {
     EXPECT_THAT(exchange(request), StartsWith("HTTP/1.1 " + answer)) << request;
   }
@@ -49,17 +49,15 @@ TEST_F(ServerHTTPTest, AnswersOncePerConnectionHoweverTheRequestIsDivided) {
   EXPECT_EQ(connection->sent.find("HTTP/1.1", 1), std::string::npos);
   EXPECT_TRUE(connection->cancelled);
   EXPECT_EQ(snapshot().bytesSent, connection->sent.size());
-}
 
-TEST_F(ServerHTTPTest, AnswersAPeerThatHasEndedItsSide) {
-  const auto connection = network->connect();
-  connection->takesSends = false;
-  connection->deliverWithEnd(get("/health"));
+  const auto halfClosed = network->connect();
+  halfClosed->takesSends = false;
+  halfClosed->deliverWithEnd(get("/health"));
   time->runReady();
-  EXPECT_FALSE(connection->cancelled);
-  completeSend(connection);
-  EXPECT_THAT(connection->sent, StartsWith("HTTP/1.1 200"));
-  EXPECT_TRUE(connection->cancelled);
+  EXPECT_FALSE(halfClosed->cancelled);
+  completeSend(halfClosed);
+  EXPECT_THAT(halfClosed->sent, StartsWith("HTTP/1.1 200"));
+  EXPECT_TRUE(halfClosed->cancelled);
 }
 
 TEST_F(ServerHTTPTest, PeersThatNeverFinishHoldNothingForEver) {
@@ -78,7 +76,6 @@ TEST_F(ServerHTTPTest, PeersThatNeverFinishHoldNothingForEver) {
   failed->changeState(TcpConnection::State::failed, "broken");
   time->runReady();
   for (const auto& connection : {trickling, reset, failed}) EXPECT_TRUE(connection->cancelled);
-  EXPECT_TRUE(log.contains("debug [Server] Viewer connection ended: reset by peer"));
 }
 
 TEST_F(ServerHTTPTest, DataRoutesWantTheTokenAndLimitGuessing) {

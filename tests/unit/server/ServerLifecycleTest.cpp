@@ -24,26 +24,20 @@ TEST_F(ServerLifecycleTest, TellsWhyItCannotStart) {
   startServer();
   EXPECT_EQ(startResult, "no keyring");
   tokens->fails = false;
-
-  network->outcome = TcpListener::State::failed;
   network->reason = "Address already in use";
-  startServer();
-  EXPECT_EQ(startResult, "Address already in use");
-  EXPECT_FALSE(network->isListening());
-
-  network->outcome = TcpListener::State::cancelled;
-  startServer();
-  EXPECT_EQ(startResult, "The local streaming server is not ready.");
-  stopServer();
-
-  network->outcome = TcpListener::State::setup;
-  startResult.clear();
-  startServer();
-  stopServer();  // overtakes the start
-  EXPECT_EQ(startResult, "");
-  network->outcome = TcpListener::State::ready;
-  startServer();
-  EXPECT_EQ(startResult, "started");
+  const std::vector<std::pair<TcpListener::State, std::string>> outcomes{
+      {TcpListener::State::failed, "Address already in use"},
+      {TcpListener::State::cancelled, "The local streaming server is not ready."},
+      {TcpListener::State::setup, ""},  // the stop overtakes the start
+      {TcpListener::State::ready, "started"}};
+  for (const auto& [outcome, told] : outcomes) {
+    network->outcome = outcome;
+    startResult.clear();
+    startServer();
+    EXPECT_EQ(network->isListening(), outcome != TcpListener::State::failed);
+    stopServer();
+    EXPECT_EQ(startResult, told);
+  }
 }
 
 TEST_F(ServerLifecycleTest, StopLeavesNothingBehind) {
