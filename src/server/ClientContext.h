@@ -80,10 +80,12 @@ struct Ended {};
 
 /// One TCP connection of the server, on the server's queue, and the state it is in:
 ///
-///     ReadingRequest -> (AudioPoll) ---> Answering ---------> Ended
-///                   `-> WebSocketPeer -> ClosingHandshake -->
+///     ReadingRequest -> Answering
+///     ReadingRequest -> AudioPoll -> Answering
+///     ReadingRequest -> WebSocketPeer -> ClosingHandshake
 ///
-/// and from every state to Ended. Leaving a state destroys its data: its timer, its backlog, its session.
+/// and from every one of them to Ended. Leaving a state destroys its data: its timer, its backlog, its
+/// session.
 class ClientContext {
  public:
   ClientContext(ClientID id, std::shared_ptr<TcpConnection> connection);

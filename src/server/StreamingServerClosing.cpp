@@ -59,8 +59,8 @@ void StreamingServer::endAfterFailure(const Client& client) {
 
 void StreamingServer::endViewer(ViewerSession& session) {
   const bool wasPlaying = session.isPlaying();
-  session.endControl();
   viewer_.reset();
+  session.endControl();
   requests_->onViewerConnectionChanged(false, wasPlaying);
   kServerLog.notice("Viewer disconnected");
 }
