@@ -19,6 +19,8 @@ class Displays {
   virtual std::vector<DisplayID> activeDisplays() const = 0;
   /// In global points; zero width and height for an identifier that is not (or no longer) active.
   virtual Rect bounds(DisplayID display) const = 0;
+  /// The part of the bounds that panels and docks leave to windows; the bounds where that is not known.
+  virtual Rect visibleBounds(DisplayID display) const = 0;
 };
 
 }  // namespace kestrune

@@ -5,9 +5,11 @@
 #include <string>
 
 #include "platform/Activities.h"
+#include "platform/Applications.h"
 #include "platform/Bundle.h"
 #include "platform/CompressionSession.h"
 #include "platform/Credentials.h"
+#include "platform/DisplayModes.h"
 #include "platform/Displays.h"
 #include "platform/InputEvents.h"
 #include "platform/LoginItem.h"
@@ -18,6 +20,9 @@
 #include "platform/RandomSource.h"
 #include "platform/SampleRateConverter.h"
 #include "platform/ScreenStream.h"
+#include "platform/UserFiles.h"
+#include "platform/VirtualDisplays.h"
+#include "platform/Windows.h"
 #include "runtime/Clock.h"
 #include "runtime/SerialQueue.h"
 
@@ -35,8 +40,14 @@ struct Platform {
   std::shared_ptr<Preferences> preferences;
   std::shared_ptr<CredentialConnector> credentials;
   std::shared_ptr<RandomSource> random;
+  std::shared_ptr<UserFiles> files;
 
   std::shared_ptr<const Displays> displays;
+  std::shared_ptr<DisplayModes> displayModes;
+  std::shared_ptr<VirtualDisplays> virtualDisplays;
+  std::shared_ptr<DisplayArrangement> displayArrangement;
+  std::shared_ptr<Applications> applications;
+  std::shared_ptr<Windows> windows;
   std::shared_ptr<PrivacyPermissions> permissions;
   std::shared_ptr<InputEvents> inputEvents;
   std::shared_ptr<ScreenCapture> screenCapture;

@@ -179,6 +179,7 @@ class FakeDisplays final : public Displays {
     }
     return {};
   }
+  Rect visibleBounds(DisplayID id) const override { return bounds(id); }
 };
 
 }  // namespace kestrune
