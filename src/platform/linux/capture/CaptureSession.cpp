@@ -54,10 +54,10 @@ PixelRect moved(const PixelRect& rectangle, int dx, int dy) {
 
 }  // namespace
 
-CaptureSession::CaptureSession(const std::string& displayName, const ContentFilter& filter,
+CaptureSession::CaptureSession(const X11Address& address, const ContentFilter& filter,
                                const ScreenStreamConfiguration& configuration,
                                std::function<void()> onRelease, std::shared_ptr<X11Interrupt> interrupt)
-    : reader_(displayName, std::move(interrupt)), onRelease_(std::move(onRelease)), pacer_(Duration{}) {
+    : reader_(address, std::move(interrupt)), onRelease_(std::move(onRelease)), pacer_(Duration{}) {
   setConfiguration(configuration);
   setFilter(filter);
 }

@@ -2,7 +2,6 @@
 
 #include <functional>
 #include <optional>
-#include <string>
 #include <utility>
 #include <vector>
 
@@ -21,7 +20,7 @@ class CaptureSession {
  public:
   /// `onRelease` is called on any thread when the receiver releases a picture. `interrupt` ends waits for
   /// the server.
-  CaptureSession(const std::string& displayName, const ContentFilter& filter,
+  CaptureSession(const X11Address& address, const ContentFilter& filter,
                  const ScreenStreamConfiguration& configuration, std::function<void()> onRelease,
                  std::shared_ptr<X11Interrupt> interrupt);
 

@@ -23,8 +23,8 @@ std::size_t bytesOf(const PixelRect& part) {
 
 }  // namespace
 
-ScreenReader::ScreenReader(const std::string& displayName, std::shared_ptr<X11Interrupt> interrupt)
-    : connection_(X11Connection::open(displayName, std::move(interrupt))),
+ScreenReader::ScreenReader(const X11Address& address, std::shared_ptr<X11Interrupt> interrupt)
+    : connection_(X11Connection::open(address, std::move(interrupt))),
       layoutWatch_(*connection_),
       pointerWatch_(*connection_) {
   requireReadablePixels();

@@ -2,7 +2,6 @@
 
 #include <functional>
 #include <memory>
-#include <string>
 #include <vector>
 
 #include "platform/linux/capture/CursorOverlay.h"
@@ -18,7 +17,7 @@ namespace kestrune::linux_platform {
 class ScreenReader {
  public:
   /// Throws an X11Error that says what the server lacks. `interrupt` ends waits for the server.
-  ScreenReader(const std::string& displayName, std::shared_ptr<X11Interrupt> interrupt);
+  ScreenReader(const X11Address& address, std::shared_ptr<X11Interrupt> interrupt);
   ~ScreenReader();
 
   /// Readable when there may be events.

@@ -194,7 +194,7 @@ void X11CaptureStream::Core::capture() {
       configuration = configuration_;
     }
     session.emplace(
-        server_->displayName(), filter, configuration, [wake = wake_] { wake->signal(); }, interrupt_);
+        server_->address(), filter, configuration, [wake = wake_] { wake->signal(); }, interrupt_);
   }
   bool isRequested = false;
   while (runCommands(*session)) {

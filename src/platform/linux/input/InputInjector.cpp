@@ -111,7 +111,7 @@ void InputInjector::connect() {
 }
 
 void InputInjector::openConnection() {
-  auto connection = X11Connection::open(server_->displayName(), interrupt_);
+  auto connection = X11Connection::open(server_->address(), interrupt_);
   if (!connection->extension(xcb_test_id) || !connection->extension(xcb_xkb_id)) {
     throw X11Error("The X display lacks the XTEST or XKEYBOARD extension.");
   }

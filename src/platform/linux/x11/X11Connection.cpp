@@ -35,6 +35,15 @@ std::string connectFailure(const std::string& name, int code) {
   }
 }
 
+xcb_connection_t* connectTo(X11Address& address, int& screen) {
+  const char* name = address.name.empty() ? nullptr : address.name.c_str();
+  if (address.cookie.empty()) return xcb_connect(name, &screen);
+  std::string method = "MIT-MAGIC-COOKIE-1";
+  xcb_auth_info_t key{static_cast<int>(method.size()), method.data(), static_cast<int>(address.cookie.size()),
+                      address.cookie.data()};
+  return xcb_connect_to_display_with_auth_info(name, &key, &screen);
+}
+
 std::string noAnswer(const std::string& name) {
   return "The X display " + name + " does not answer.";
 }
@@ -58,7 +67,7 @@ bool X11Interrupt::isInterrupted() const {
 class X11Connection::Attempt {
  public:
   /// Null if there was no answer in time. Throws an X11Error if it may not wait.
-  static xcb_connection_t* connect(const std::string& name, const std::shared_ptr<X11Interrupt>& interrupt,
+  static xcb_connection_t* connect(const X11Address& address, const std::shared_ptr<X11Interrupt>& interrupt,
                                    int& screen) {
     auto attempt = std::make_shared<Attempt>();
     attempt->interrupt_ = interrupt;
@@ -70,9 +79,9 @@ class X11Connection::Attempt {
       return nullptr;
     }
     try {
-      std::thread([attempt, name] {
+      std::thread([attempt, address = address]() mutable {
         nameThread("x11-connect");
-        attempt->run(name);
+        attempt->run(address);
         --attempts;
       }).detach();
     } catch (const std::system_error& failure) {
@@ -83,7 +92,7 @@ class X11Connection::Attempt {
   }
 
  private:
-  void run(const std::string& name) {
+  void run(X11Address& address) {
     // One at a time: libXau keeps the name of the authority file in a buffer of its own.
     static std::mutex oneAtATime;
     const std::lock_guard turn(oneAtATime);
@@ -92,7 +101,7 @@ class X11Connection::Attempt {
       if (isAbandoned_) return;
     }
     int screen = 0;
-    xcb_connection_t* connection = xcb_connect(name.empty() ? nullptr : name.c_str(), &screen);
+    xcb_connection_t* connection = connectTo(address, screen);
     {
       const std::lock_guard guard(interrupt_->lock_);
       if (!isAbandoned_) {
@@ -119,12 +128,12 @@ class X11Connection::Attempt {
   bool isAbandoned_ = false;
 };
 
-std::unique_ptr<X11Connection> X11Connection::open(const std::string& displayName,
+std::unique_ptr<X11Connection> X11Connection::open(const X11Address& address,
                                                    std::shared_ptr<X11Interrupt> interrupt) {
   if (!interrupt) interrupt = std::make_shared<X11Interrupt>();
-  const std::string name = nameOf(displayName);
+  const std::string name = nameOf(address.name);
   int screenNumber = 0;
-  xcb_connection_t* connection = Attempt::connect(name, interrupt, screenNumber);
+  xcb_connection_t* connection = Attempt::connect({name, address.cookie}, interrupt, screenNumber);
   if (connection == nullptr) throw X11Error(noAnswer(name));
   if (const int code = xcb_connection_has_error(connection); code != 0) {
     xcb_disconnect(connection);

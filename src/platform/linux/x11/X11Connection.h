@@ -9,6 +9,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/linux/x11/X11Watchdog.h"
@@ -25,6 +26,17 @@ class X11Error final : public Error {
 
  private:
   std::string text_;
+};
+
+/// Where an X server is, and how to be let in.
+struct X11Address {
+  // An address is often just a name.
+  // NOLINTNEXTLINE(google-explicit-constructor)
+  X11Address(std::string displayName = {}, std::string key = {})
+      : name(std::move(displayName)), cookie(std::move(key)) {}
+
+  std::string name;    // such as ":1"; empty: the DISPLAY of the environment
+  std::string cookie;  // the server's MIT-MAGIC-COOKIE-1; empty: what the environment's authority file holds
 };
 
 /// What xcb hands out with malloc: replies, errors and events.
@@ -58,9 +70,9 @@ class X11Interrupt {
 /// functions here; the connection is broken then, and isHung().
 class X11Connection {
  public:
-  /// An empty name means the DISPLAY of the environment. Throws an X11Error that names the display, also if
-  /// it does not answer in time, or if `interrupt` ends the wait.
-  static std::unique_ptr<X11Connection> open(const std::string& displayName = {},
+  /// Throws an X11Error that names the display, also if it does not answer in time, or if `interrupt` ends
+  /// the wait.
+  static std::unique_ptr<X11Connection> open(const X11Address& address = {},
                                              std::shared_ptr<X11Interrupt> interrupt = nullptr);
   ~X11Connection();
   X11Connection(const X11Connection&) = delete;

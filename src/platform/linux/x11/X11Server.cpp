@@ -26,8 +26,7 @@ bool canReadScreen(const X11Connection& connection) {
 
 }  // namespace
 
-X11Server::X11Server(std::string displayName)
-    : displayName_(std::move(displayName)), thread_([this] { run(); }) {
+X11Server::X11Server(X11Address address) : address_(std::move(address)), thread_([this] { run(); }) {
   std::unique_lock guard(lock_);
   answered_.wait(guard, [this] { return state_ != nullptr; });
 }
@@ -73,7 +72,7 @@ void X11Server::run() {
   std::string lastFailure;
   while (!isStopping()) {
     try {
-      const auto connection = X11Connection::open(displayName_, interrupt_);
+      const auto connection = X11Connection::open(address_, interrupt_);
       lastFailure.clear();
       follow(*connection);
     } catch (const X11Error& failure) {

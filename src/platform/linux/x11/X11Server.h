@@ -28,14 +28,14 @@ class X11Server {
   };
   using SharedState = std::shared_ptr<const State>;
 
-  /// An empty name means the DISPLAY of the environment. Waits for the first answer, or for the failure to
+  /// Waits for the first answer, or for the failure to
   /// get one (X11Watchdog::kAnswerLimit at most for the connection and again for each answer).
-  explicit X11Server(std::string displayName = {});
+  explicit X11Server(X11Address address = {});
   ~X11Server();
   X11Server(const X11Server&) = delete;
   X11Server& operator=(const X11Server&) = delete;
 
-  const std::string& displayName() const { return displayName_; }
+  const X11Address& address() const { return address_; }
   /// As last announced; never null. Any thread; does not wait.
   SharedState state() const;
   /// Asks the server anew, then calls `done` on the thread of this object with what is known then. Any
@@ -53,7 +53,7 @@ class X11Server {
   void answer(const Requests& requests) const;
   bool isStopping() const { return interrupt_->isInterrupted(); }
 
-  const std::string displayName_;
+  const X11Address address_;
   const EventFd wake_;
   const std::shared_ptr<X11Interrupt> interrupt_ = std::make_shared<X11Interrupt>();  // ends the thread
   mutable std::mutex lock_;                                                           // guards the two below
