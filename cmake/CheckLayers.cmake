@@ -28,7 +28,7 @@ set(allowed_ui coordination ${allowed_coordination})
 set(allowed_adapter platform/support platform runtime)
 # What adapters may share, if their CMakeLists.txt links it.
 set(shared_adapters platform/linux/audio platform/linux/files platform/linux/pixel platform/linux/reactor
-    platform/linux/x11)
+    platform/linux/space platform/linux/x11)
 
 file(GLOB all_adapters RELATIVE ${ROOT}/src ${ROOT}/src/platform/linux/*)
 
