@@ -13,17 +13,34 @@
 #include "platform/linux/input/XTestInputEvents.h"
 #include "platform/linux/network/AsioNetwork.h"
 #include "platform/linux/pixel/LibyuvPixelTransfer.h"
+#include "platform/linux/space/SpaceDisplays.h"
+#include "platform/linux/space/SpaceInputEvents.h"
+#include "platform/linux/space/SpaceScreenCapture.h"
+#include "platform/linux/space/SpaceWindows.h"
 #include "platform/linux/stream/SystemScreenCapture.h"
 #include "platform/linux/video/SoftwareCompressionSessionFactory.h"
+#include "platform/linux/virtualdisplay/XvfbVirtualDisplays.h"
 #include "platform/linux/x11/X11Displays.h"
 #include "platform/linux/x11/X11PrivacyPermissions.h"
 #include "platform/linux/x11/X11Server.h"
 #include "runtime/ThreadQueue.h"
 
 namespace kestrune::linux_platform {
+namespace {
+
+ServerPorts portsOf(const std::shared_ptr<X11Server>& server) {
+  ServerPorts ports;
+  ports.displays = std::make_shared<X11Displays>(server);
+  ports.permissions = std::make_shared<X11PrivacyPermissions>(server);
+  ports.inputEvents = std::make_shared<XTestInputEvents>(server);
+  ports.screenCapture = std::make_shared<X11ScreenCapture>(server);
+  return ports;
+}
+
+}  // namespace
 
 Platform makeLinuxPlatform(std::shared_ptr<Reactor> watching) {
-  const auto server = std::make_shared<X11Server>();
+  const auto space = std::make_shared<DisplaySpace>(portsOf(std::make_shared<X11Server>()));
   Platform platform;
   platform.clock = systemClock();
   platform.makeQueue = [](std::string label) { return std::make_shared<ThreadQueue>(std::move(label)); };
@@ -31,10 +48,13 @@ Platform makeLinuxPlatform(std::shared_ptr<Reactor> watching) {
   platform.preferences = std::make_shared<JsonPreferences>(std::move(watching));
   platform.credentials = std::make_shared<HelperCredentialConnector>();
   platform.random = std::make_shared<SystemRandomSource>();
-  platform.displays = std::make_shared<X11Displays>(server);
-  platform.permissions = std::make_shared<X11PrivacyPermissions>(server);
-  platform.inputEvents = std::make_shared<XTestInputEvents>(server);
-  platform.screenCapture = std::make_shared<SystemScreenCapture>(std::make_shared<X11ScreenCapture>(server));
+  platform.displays = std::make_shared<SpaceDisplays>(space);
+  platform.virtualDisplays = std::make_shared<XvfbVirtualDisplays>(space, portsOf);
+  platform.displayArrangement = std::make_shared<SpaceArrangement>(space);
+  platform.windows = std::make_shared<SpaceWindows>(space);
+  platform.permissions = std::make_shared<SpacePermissions>(space);
+  platform.inputEvents = std::make_shared<SpaceInputEvents>(space);
+  platform.screenCapture = std::make_shared<SystemScreenCapture>(std::make_shared<SpaceScreenCapture>(space));
   platform.sampleRateConverters = std::make_shared<SoxrSampleRateConverterFactory>();
   platform.compression = std::make_shared<SoftwareCompressionSessionFactory>();
   platform.pixelTransfer = std::make_shared<LibyuvPixelTransferFactory>();

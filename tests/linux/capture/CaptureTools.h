@@ -24,7 +24,7 @@ using namespace std::chrono_literals;
 /// Draws on the root window of a test's X server.
 class Painter {
  public:
-  explicit Painter(const std::string& displayName) : connection_(X11Connection::open(displayName)) {
+  explicit Painter(const X11Address& server) : connection_(X11Connection::open(server)) {
     context_ = xcb_generate_id(*connection_);
     xcb_create_gc(*connection_, context_, connection_->root(), 0, nullptr);
   }
@@ -78,13 +78,16 @@ class Receiver {
   /// Without a filter, of the main display.
   Receiver(const std::string& displayName, const ScreenStreamConfiguration& configuration,
            const std::optional<ContentFilter>& filter = std::nullopt)
-      : capture_(std::make_shared<X11Server>(displayName)) {
-    stream_ = capture_.createStream(filter ? *filter : mainDisplayFilter(displayName), configuration,
-                                    [this](std::exception_ptr failure) {
-                                      const std::lock_guard guard(lock_);
-                                      stopped_ = failure;
-                                      arrived_.notify_all();
-                                    });
+      : Receiver(X11ScreenCapture(std::make_shared<X11Server>(displayName)), configuration,
+                 filter ? *filter : mainDisplayFilter(displayName)) {}
+
+  Receiver(ScreenCapture&& capture, const ScreenStreamConfiguration& configuration,
+           const ContentFilter& filter) {
+    stream_ = capture.createStream(filter, configuration, [this](std::exception_ptr failure) {
+      const std::lock_guard guard(lock_);
+      stopped_ = failure;
+      arrived_.notify_all();
+    });
     stream_->addVideoOutput(queue_, [this](VideoSample sample) {
       const std::lock_guard guard(lock_);
       seen_.push_back({*sample.presentationMicroseconds, sample.image->changes->sequence,
@@ -96,16 +99,21 @@ class Receiver {
   }
 
   static ContentFilter mainDisplayFilter(const std::string& displayName) {
-    X11ScreenCapture capture(std::make_shared<X11Server>(displayName));
+    return displayFilter(X11ScreenCapture(std::make_shared<X11Server>(displayName)), 0);
+  }
+  static ContentFilter displayFilter(ScreenCapture&& capture, std::size_t index) {
     FirstOutcome<ShareableContent> known;
     capture.shareableContent(false, false, [&known](const auto& content, const std::exception_ptr&) {
       known.set(content.value_or(ShareableContent()));
     });
-    return capture.filterForDisplay(known.get().displays.at(0));
+    return capture.filterForDisplay(known.get().displays.at(index));
   }
 
   std::string start() { return outcome(&ScreenStream::startCapture); }
   std::string stop() { return outcome(&ScreenStream::stopCapture); }
+  std::string update(const ContentFilter& filter) {
+    return outcome(&ScreenStream::updateContentFilter, filter);
+  }
   std::string update(const ScreenStreamConfiguration& configuration) {
     return outcome(&ScreenStream::updateConfiguration, configuration);
   }
@@ -170,7 +178,6 @@ class Receiver {
   bool isHolding_ = false;
   std::vector<SharedPixelBuffer> held_;
   // Last, since their work uses the rest.
-  X11ScreenCapture capture_;
   std::shared_ptr<ThreadQueue> queue_ = std::make_shared<ThreadQueue>("receiver");
   std::unique_ptr<ScreenStream> stream_;
 };

@@ -19,6 +19,7 @@
 namespace kestrune::testing {
 
 using linux_platform::waitForReply;
+using linux_platform::X11Address;
 using linux_platform::X11Connection;
 
 inline void typeText(InputEvents& events, std::u16string_view text) {
@@ -34,7 +35,8 @@ inline void typeText(InputEvents& events, std::u16string_view text) {
 /// The keyboard as the server and another client of it see it.
 class KeyboardView {
  public:
-  explicit KeyboardView(const XServer& server) : connection_(X11Connection::open(server.displayName())) {}
+  explicit KeyboardView(const X11Address& server) : connection_(X11Connection::open(server)) {}
+  explicit KeyboardView(const XServer& server) : KeyboardView(X11Address(server.displayName())) {}
 
   const X11Connection& connection() const { return *connection_; }
   std::vector<xcb_keysym_t> mapping() const {
@@ -79,21 +81,27 @@ class KeyboardView {
 /// where the pointer is already), "press 1", "release 1" (buttons), "key 0xff0d down".
 class RecordingWindow {
  public:
-  explicit RecordingWindow(const XServer& server) : view_(server) {
+  explicit RecordingWindow(const XServer& server) : RecordingWindow(X11Address(server.displayName())) {}
+  explicit RecordingWindow(const X11Address& server) : view_(server) {
     const auto& connection = view_.connection();
-    const auto window = xcb_generate_id(connection);
+    window_ = xcb_generate_id(connection);
     const std::uint32_t values[] = {1, XCB_EVENT_MASK_KEY_PRESS | XCB_EVENT_MASK_KEY_RELEASE |
                                            XCB_EVENT_MASK_BUTTON_PRESS | XCB_EVENT_MASK_BUTTON_RELEASE |
                                            XCB_EVENT_MASK_POINTER_MOTION};
-    xcb_create_window(connection, XCB_COPY_FROM_PARENT, window, connection.root(), 0, 0,
+    xcb_create_window(connection, XCB_COPY_FROM_PARENT, window_, connection.root(), 0, 0,
                       connection.screen().width_in_pixels, connection.screen().height_in_pixels, 0,
                       XCB_WINDOW_CLASS_INPUT_OUTPUT, XCB_COPY_FROM_PARENT,
                       XCB_CW_OVERRIDE_REDIRECT | XCB_CW_EVENT_MASK, values);
-    xcb_map_window(connection, window);
+    xcb_map_window(connection, window_);
     view_.sync();
   }
 
   const KeyboardView& keyboard() const { return view_; }
+  /// Where a window manager has given the keyboard to another window.
+  void takeKeyboard() const {
+    xcb_set_input_focus(view_.connection(), XCB_INPUT_FOCUS_PARENT, window_, XCB_CURRENT_TIME);
+    view_.sync();
+  }
   /// What has come until now, once.
   std::vector<std::string> take() {
     view_.sync();
@@ -124,6 +132,7 @@ class RecordingWindow {
   }
 
   KeyboardView view_;
+  xcb_window_t window_ = XCB_NONE;
   std::pair<std::int16_t, std::int16_t> pointer_{-1, -1};
 };
 
