@@ -40,12 +40,6 @@ std::optional<DisplayID> Region::localDisplay(DisplayID display) const {
   return display;
 }
 
-std::optional<DisplayID> Region::globalDisplay(DisplayID local) const {
-  if (isDesktop()) return local;
-  if (local == ports.displays->mainDisplay()) return id;
-  return std::nullopt;
-}
-
 Rect Region::toGlobal(Rect local) const {
   return {local.x + origin.x, local.y + origin.y, local.width, local.height};
 }

@@ -41,8 +41,6 @@ struct Region {
   std::vector<DisplayID> displays() const;
   /// The server's identifier; nothing if the display is not one of this region.
   std::optional<DisplayID> localDisplay(DisplayID display) const;
-  /// The global identifier; nothing for a display that is not part of the space.
-  std::optional<DisplayID> globalDisplay(DisplayID local) const;
 
   Point toGlobal(Point local) const { return {local.x + origin.x, local.y + origin.y}; }
   Point toLocal(Point global) const { return {global.x - origin.x, global.y - origin.y}; }

@@ -13,7 +13,10 @@ namespace {
 struct Control {
   enum class Kind { button, key, mediaKey } kind;
   std::int64_t code;
-  friend auto operator<=>(const Control&, const Control&) = default;
+  friend bool operator==(const Control&, const Control&) = default;
+  friend bool operator<(const Control& a, const Control& b) {
+    return std::pair(a.kind, a.code) < std::pair(b.kind, b.code);
+  }
 };
 
 /// An event before it is known which server gets it.

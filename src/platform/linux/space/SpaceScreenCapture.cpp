@@ -8,11 +8,15 @@
 namespace kestrune::linux_platform {
 namespace {
 
-/// The answers of several servers, in the order of the regions.
+/// The answers of several servers, in the order of the regions. It keeps no region alive: the last answer
+/// comes on a server's own thread, on which the server cannot be ended.
 class JoinedContent {
  public:
-  JoinedContent(DisplaySpace::Regions regions, ScreenCapture::ContentCompletion completion)
-      : regions_(std::move(regions)), completion_(std::move(completion)), answers_(regions_->size()) {}
+  JoinedContent(const std::vector<SharedRegion>& regions, ScreenCapture::ContentCompletion completion)
+      : completion_(std::move(completion)), answers_(regions.size()) {
+    for (const SharedRegion& region : regions)
+      places_.push_back({region->id, region->origin, region->isDesktop()});
+  }
 
   void take(std::size_t index, std::optional<ShareableContent> content, std::exception_ptr failure) {
     {
@@ -26,7 +30,7 @@ class JoinedContent {
     for (std::size_t i = 0; i < answers_.size(); ++i) {
       if (!answers_[i].content) continue;
       hasAnswer = true;
-      append(all, *(*regions_)[i], *answers_[i].content);
+      append(all, places_[i], *answers_[i].content);
     }
     if (hasAnswer) {
       completion_(std::move(all), nullptr);
@@ -41,14 +45,23 @@ class JoinedContent {
     std::exception_ptr failure;
   };
 
-  static void append(ShareableContent& all, const Region& region, const ShareableContent& content) {
-    for (const ShareableDisplay& display : content.displays) {
-      const auto id = region.globalDisplay(display.id);
-      if (id) all.displays.push_back({*id, region.toGlobal(display.frame)});
+  struct Place {
+    DisplayID id = 0;
+    Point origin;
+    bool isDesktop = true;
+  };
+
+  static void append(ShareableContent& all, const Place& place, const ShareableContent& content) {
+    for (ShareableDisplay display : content.displays) {
+      if (!place.isDesktop) display.id = place.id;
+      display.frame.x += place.origin.x;
+      display.frame.y += place.origin.y;
+      all.displays.push_back(display);
+      if (!place.isDesktop) return;  // the main one alone is part of the space
     }
   }
 
-  const DisplaySpace::Regions regions_;
+  std::vector<Place> places_;
   const ScreenCapture::ContentCompletion completion_;
   std::mutex lock_;  // guards the rest until all have answered
   std::vector<Answer> answers_;
@@ -60,7 +73,7 @@ class JoinedContent {
 void SpaceScreenCapture::shareableContent(bool excludingDesktopWindows, bool onScreenWindowsOnly,
                                           ContentCompletion completion) {
   const auto regions = space_->regions();
-  const auto joined = std::make_shared<JoinedContent>(regions, std::move(completion));
+  const auto joined = std::make_shared<JoinedContent>(*regions, std::move(completion));
   for (std::size_t i = 0; i < regions->size(); ++i) {
     (*regions)[i]->ports.screenCapture->shareableContent(
         excludingDesktopWindows, onScreenWindowsOnly,
