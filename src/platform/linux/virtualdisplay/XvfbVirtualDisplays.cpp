@@ -4,9 +4,11 @@
 
 #include <atomic>
 #include <cmath>
+#include <exception>
 #include <future>
 #include <mutex>
 #include <optional>
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -63,9 +65,15 @@ class XvfbVirtualDisplays::Display {
     if (std::exchange(isUsed_, true) || isStopping_) return false;
     std::promise<bool> started;
     auto outcome = started.get_future();
-    thread_ = std::thread([this, screen = *screen, started = std::move(started)]() mutable {
-      run(screen, std::move(started));
-    });
+    try {
+      thread_ = std::thread([this, screen = *screen, started = std::move(started)]() mutable {
+        run(screen, std::move(started));
+      });
+    } catch (const std::system_error& failure) {
+      kLog.error(std::string("There is no thread left for a virtual display: ") + failure.what());
+      isOver_ = true;
+      return false;
+    }
     return outcome.get();
   }
 
@@ -113,8 +121,9 @@ class XvfbVirtualDisplays::Display {
         server.waitForEnd(stop_);
         space_->remove(id_);
       }
-    } catch (const X11Error& failure) {
-      kLog.error("The virtual display cannot be used: " + failure.localizedDescription());
+    } catch (const std::exception&) {
+      kLog.error("The virtual display cannot be used: " +
+                 kestrune::localizedDescription(std::current_exception()));
       return;
     }
     {
