@@ -7,6 +7,7 @@
 namespace kestrune::linux_platform {
 namespace {
 
+using testing::ChildProcess;
 using testing::eventually;
 using testing::XServer;
 
@@ -75,6 +76,28 @@ TEST(X11DisplaysTest, GlobalPointsStartAtTheMainDisplay) {
   EXPECT_EQ(all.front(), displays.mainDisplay());
   EXPECT_EQ(displays.bounds(all[0]), (Rect{0, 0, 800, 600}));
   EXPECT_EQ(displays.bounds(all[1]), (Rect{-800, 0, 800, 600}));
+}
+
+TEST(X11DisplaysTest, PanelsTakeTheirPartOfTheVisibleBounds) {
+  XServer server(1600, 600);
+  const X11Displays displays(std::make_shared<X11Server>(server.displayName()));
+  ASSERT_EQ(server.run("xrandr --setmonitor LEFT 800/200x600/150+0+0 screen"), 0);
+  ASSERT_EQ(server.run("xrandr --setmonitor *RIGHT 800/200x600/150+800+0 none"), 0);
+  ASSERT_TRUE(eventually([&] { return displays.activeDisplays().size() == 2; }));
+  const auto all = displays.activeDisplays();
+  EXPECT_EQ(displays.visibleBounds(all[0]), (Rect{0, 0, 800, 600}));
+  ChildProcess manager("env DISPLAY=" + server.displayName() + " openbox");
+  ASSERT_TRUE(eventually([&] { return server.run("xprop -root _NET_WORKAREA | grep -q =") == 0; }));
+  // As if a panel stood at the bottom of the whole screen, and a dock at its left.
+  ASSERT_EQ(server.run("xprop -root -f _NET_WORKAREA 32c -set _NET_WORKAREA 60,0,1540,560"), 0);
+  EXPECT_TRUE(eventually([&] { return displays.visibleBounds(all[0]) == Rect{0, 0, 800, 560}; }));
+  EXPECT_EQ(displays.visibleBounds(all[1]), (Rect{-740, 0, 740, 560}));
+  EXPECT_EQ(displays.visibleBounds(12345), Rect{});
+  // What a window manager that was killed has left behind counts no longer.
+  manager.signal(SIGKILL);
+  EXPECT_TRUE(manager.exitCode());
+  ASSERT_EQ(server.run("xprop -root -f _NET_WORKAREA 32c -set _NET_WORKAREA 60,0,1540,561"), 0);
+  EXPECT_TRUE(eventually([&] { return displays.visibleBounds(all[0]) == Rect{0, 0, 800, 600}; }));
 }
 
 TEST(X11DisplaysTest, PermissionsAreWhatTheServerGrants) {

@@ -4,6 +4,8 @@
 
 #include <algorithm>
 
+#include "platform/linux/x11/X11Properties.h"
+
 namespace kestrune::linux_platform {
 
 namespace {
@@ -70,6 +72,21 @@ std::vector<Found> readRoot(const X11Connection& connection) {
   return {{{connection.root(), {0, 0, reply->width, reply->height}}, true}};
 }
 
+Rect toGlobal(const PixelRect& area, Point origin) {
+  return {area.x - origin.x, area.y - origin.y, static_cast<double>(area.width),
+          static_cast<double>(area.height)};
+}
+
+PixelRect intersection(const PixelRect& a, const PixelRect& b) {
+  const int left = std::max(a.x, b.x);
+  const int top = std::max(a.y, b.y);
+  const int width = std::min(a.x + a.width, b.x + b.width) - left;
+  const int height = std::min(a.y + a.height, b.y + b.height) - top;
+  return width > 0 && height > 0 ? PixelRect{left, top, width, height} : PixelRect{};
+}
+
+enum WorkAreaAtom : std::size_t { kWorkArea, kCurrentDesktop, kSupportingWmCheck };
+
 }  // namespace
 
 const X11Display* DisplayLayout::find(DisplayID id) const {
@@ -84,9 +101,11 @@ Point DisplayLayout::globalOrigin() const {
 }
 
 Rect DisplayLayout::bounds(const X11Display& display) const {
-  const Point origin = globalOrigin();
-  return {display.area.x - origin.x, display.area.y - origin.y, static_cast<double>(display.area.width),
-          static_cast<double>(display.area.height)};
+  return toGlobal(display.area, globalOrigin());
+}
+
+Rect DisplayLayout::visibleBounds(const X11Display& display) const {
+  return display.workArea.width > 0 ? toGlobal(display.workArea, globalOrigin()) : bounds(display);
 }
 
 DisplayLayout readDisplayLayout(const X11Connection& connection, std::uint32_t newestRandr) {
@@ -133,6 +152,34 @@ bool DisplayLayoutWatch::isChange(const xcb_generic_event_t& event) const {
   if (type == XCB_CONFIGURE_NOTIFY) return true;
   return randrEvent_ &&
          (type == *randrEvent_ + XCB_RANDR_SCREEN_CHANGE_NOTIFY || type == *randrEvent_ + XCB_RANDR_NOTIFY);
+}
+
+WorkAreas::WorkAreas(const X11Connection& connection)
+    : connection_(connection),
+      atoms_(internAtoms(connection, {"_NET_WORKAREA", "_NET_CURRENT_DESKTOP", "_NET_SUPPORTING_WM_CHECK"})) {
+  const std::uint32_t wanted = XCB_EVENT_MASK_STRUCTURE_NOTIFY | XCB_EVENT_MASK_PROPERTY_CHANGE;
+  xcb_change_window_attributes(connection, connection.root(), XCB_CW_EVENT_MASK, &wanted);
+  connection.flush();
+}
+
+void WorkAreas::read(DisplayLayout& layout) const {
+  for (X11Display& display : layout.displays) display.workArea = {};
+  if (runningWindowManager(connection_, atoms_[kSupportingWmCheck]) == XCB_NONE) return;
+  X11Property areas(connection_, connection_.root(), atoms_[kWorkArea]);
+  X11Property desktop(connection_, connection_.root(), atoms_[kCurrentDesktop], 1);
+  const auto values = areas.values();
+  std::size_t first = std::size_t{4} * desktop.value().value_or(0);
+  if (first + 4 > values.size()) first = 0;  // a window manager may tell one area for all desktops
+  if (first + 4 > values.size()) return;
+  const auto value = [&](std::size_t index) { return static_cast<int>(values[first + index]); };
+  const PixelRect told{value(0), value(1), value(2), value(3)};
+  for (X11Display& display : layout.displays) display.workArea = intersection(display.area, told);
+}
+
+bool WorkAreas::isChange(const xcb_generic_event_t& event) const {
+  if ((event.response_type & 0x7f) != XCB_PROPERTY_NOTIFY) return false;
+  const auto& notify = reinterpret_cast<const xcb_property_notify_event_t&>(event);
+  return std::find(atoms_.begin(), atoms_.end(), notify.atom) != atoms_.end();
 }
 
 }  // namespace kestrune::linux_platform

@@ -12,6 +12,8 @@ namespace kestrune::linux_platform {
 struct X11Display {
   DisplayID id = 0;  // the RandR output's identifier; the root window's where there is no RandR
   PixelRect area;    // pixels of the root window
+  /// What panels and docks leave of the area; empty where that is not known.
+  PixelRect workArea = {};
 };
 
 /// The displays that show something, the main one first: the primary output, else the one at the root's
@@ -25,6 +27,8 @@ struct DisplayLayout {
   Point globalOrigin() const;
   /// In global points.
   Rect bounds(const X11Display& display) const;
+  /// The work area in global points, or the bounds where it is not known.
+  Rect visibleBounds(const X11Display& display) const;
 };
 
 /// Asks the server: RandR 1.5 monitors, else 1.2 outputs, else the root window as the one display. No
@@ -43,6 +47,25 @@ class DisplayLayoutWatch {
 
  private:
   std::optional<std::uint8_t> randrEvent_;
+};
+
+/// The work areas as the window manager tells them (Extended Window Manager Hints 1.5, _NET_WORKAREA of the
+/// present desktop), which is one rectangle for all displays: each gets what it shares with it, and all of
+/// its area where they share nothing or no window manager runs.
+class WorkAreas {
+ public:
+  /// Makes the server announce changes on the connection, beside those of a DisplayLayoutWatch that was made
+  /// before.
+  explicit WorkAreas(const X11Connection& connection);
+
+  /// Asks the server and fills in the work areas of the layout.
+  void read(DisplayLayout& layout) const;
+  /// Whether the work areas may be others since.
+  bool isChange(const xcb_generic_event_t& event) const;
+
+ private:
+  const X11Connection& connection_;
+  std::vector<xcb_atom_t> atoms_;
 };
 
 }  // namespace kestrune::linux_platform

@@ -25,4 +25,10 @@ Rect X11Displays::bounds(DisplayID display) const {
   return found != nullptr ? state->layout.bounds(*found) : Rect{};
 }
 
+Rect X11Displays::visibleBounds(DisplayID display) const {
+  const auto state = server_->state();
+  const X11Display* found = state->layout.find(display);
+  return found != nullptr ? state->layout.visibleBounds(*found) : Rect{};
+}
+
 }  // namespace kestrune::linux_platform

@@ -16,7 +16,7 @@ class X11Displays final : public Displays {
   std::optional<DisplayID> mainDisplay() const override;
   std::vector<DisplayID> activeDisplays() const override;
   Rect bounds(DisplayID display) const override;
-  Rect visibleBounds(DisplayID display) const override { return bounds(display); }
+  Rect visibleBounds(DisplayID display) const override;
 
  private:
   const std::shared_ptr<const X11Server> server_;

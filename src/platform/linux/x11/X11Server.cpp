@@ -93,6 +93,7 @@ void X11Server::run() {
 
 void X11Server::follow(const X11Connection& connection) {
   const DisplayLayoutWatch watch(connection);
+  const WorkAreas workAreas(connection);
   State known;
   known.canReadScreen = canReadScreen(connection);
   known.hasTestInput = connection.extension(xcb_test_id).has_value();
@@ -101,12 +102,13 @@ void X11Server::follow(const X11Connection& connection) {
     // Reset before draining, or a wake-up in between is lost.
     wake_.reset();
     while (const XcbOwned<xcb_generic_event_t> event{xcb_poll_for_event(connection)}) {
-      mustRead = mustRead || watch.isChange(*event);
+      mustRead = mustRead || watch.isChange(*event) || workAreas.isChange(*event);
     }
     // Those that come while the layout is read ask for a later one.
     const Requests requests = takeRequests();
     if (std::exchange(mustRead, false) || !requests.empty()) {
       known.layout = readDisplayLayout(connection);
+      workAreas.read(known.layout);
       if (connection.isBroken()) {
         publish({});
         answer(requests);
