@@ -3,18 +3,15 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <fstream>
 #include <system_error>
 
-#include "platform/linux/desktop/DesktopEntry.h"
+#include "platform/linux/files/DesktopEntry.h"
 #include "platform/linux/files/ReplacedFile.h"
 #include "platform/linux/files/UserDirectories.h"
 #include "runtime/Error.h"
 
 namespace kestrune::linux_platform {
 namespace {
-
-constexpr std::size_t kLargestEntry = 1 << 16;
 
 class AutostartError final : public Error {
  public:
@@ -25,17 +22,6 @@ class AutostartError final : public Error {
  private:
   std::string text_;
 };
-
-/// Empty if there is no file that can be read.
-DesktopEntry readEntry(const std::filesystem::path& file) {
-  std::error_code failure;
-  if (!std::filesystem::is_regular_file(file, failure)) return {};
-  std::string text(kLargestEntry, '\0');
-  std::ifstream stream(file, std::ios::binary);
-  stream.read(text.data(), static_cast<std::streamsize>(text.size()));
-  text.resize(static_cast<std::size_t>(stream.gcount()));
-  return parseDesktopEntry(text);
-}
 
 std::string currentDesktop() {
   // Nothing in this program changes its environment.
@@ -65,12 +51,12 @@ AutostartLoginItem::AutostartLoginItem(std::filesystem::path directory, std::fil
       program_(std::move(program)) {}
 
 LoginItem::Status AutostartLoginItem::status() const {
-  return statusOf(readEntry(file_));
+  return statusOf(readDesktopEntry(file_));
 }
 
 void AutostartLoginItem::registerItem() {
   const std::string command = desktopCommand(program_.native());
-  const DesktopEntry present = readEntry(file_);
+  const DesktopEntry present = readDesktopEntry(file_);
   const auto line = present.find("Exec");
   if (line != present.end() && line->second == command && statusOf(present) == Status::enabled) return;
 

@@ -39,7 +39,9 @@ struct stat claim(int descriptor, mode_t mode, const std::string& what) {
   return status;
 }
 
-void makeDirectories(const std::filesystem::path& path) {
+}  // namespace
+
+void makePrivateDirectories(const std::filesystem::path& path) {
   std::filesystem::path made;
   for (const auto& component : path) {
     made /= component;
@@ -49,10 +51,8 @@ void makeDirectories(const std::filesystem::path& path) {
   }
 }
 
-}  // namespace
-
 PrivateDirectory::PrivateDirectory(const std::filesystem::path& path) {
-  makeDirectories(path);
+  makePrivateDirectories(path);
   directory_.reset(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   check(static_cast<bool>(directory_), path.string());
   claim(directory_.get(), kDirectoryMode, path.string());

@@ -11,6 +11,11 @@
 
 namespace kestrune::linux_platform {
 
+/// Makes a directory of mode 0700, and what is missing above it in the same way; what is there stays as it
+/// is. Throws std::system_error where something cannot be made, but not where it may not be and is perhaps
+/// there: whether the directory can be used shows when it is.
+void makePrivateDirectories(const std::filesystem::path& path);
+
 /// A directory that only this user may enter (mode 0700), and files in it that only this user may read (mode
 /// 0600). Links are not followed, neither at the directory nor in it. Names are single path components.
 /// Failures are std::system_error.

@@ -5,7 +5,9 @@
 
 #include <cstdlib>
 #include <optional>
+#include <sstream>
 #include <stdexcept>
+#include <string>
 #include <vector>
 
 namespace kestrune::linux_platform {
@@ -15,6 +17,15 @@ std::optional<std::filesystem::path> absolutePath(const char* variable) {
   const char* value = std::getenv(variable);
   if (!value || value[0] != '/') return {};
   return value;
+}
+
+/// The absolute paths between the colons of a variable, or of `otherwise` where it is not set.
+void addDirectories(std::vector<std::filesystem::path>& to, const char* variable, const char* otherwise) {
+  const char* value = std::getenv(variable);
+  std::istringstream list(value && *value ? value : otherwise);
+  for (std::string path; std::getline(list, path, ':');) {
+    if (path.starts_with('/')) to.emplace_back(path);
+  }
 }
 
 std::filesystem::path home() {
@@ -39,6 +50,27 @@ std::filesystem::path configHome() {
 std::filesystem::path dataHome() {
   if (auto path = absolutePath("XDG_DATA_HOME")) return *path;
   return home() / ".local/share";
+}
+
+std::filesystem::path stateHome() {
+  if (auto path = absolutePath("XDG_STATE_HOME")) return *path;
+  return home() / ".local/state";
+}
+
+std::vector<std::filesystem::path> dataDirectories() {
+  std::vector<std::filesystem::path> all;
+  try {
+    all.push_back(dataHome());
+  } catch (const std::runtime_error&) {  // a user without a home has the system's
+  }
+  addDirectories(all, "XDG_DATA_DIRS", "/usr/local/share:/usr/share");
+  return all;
+}
+
+std::vector<std::filesystem::path> programDirectories() {
+  std::vector<std::filesystem::path> all;
+  addDirectories(all, "PATH", "/usr/local/bin:/usr/bin:/bin");
+  return all;
 }
 
 std::filesystem::path runningExecutable() {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <filesystem>
+#include <vector>
 
 namespace kestrune::linux_platform {
 
@@ -8,6 +9,12 @@ namespace kestrune::linux_platform {
 /// unset. Throws std::runtime_error if the user has no home.
 std::filesystem::path configHome();  // $XDG_CONFIG_HOME, ~/.config
 std::filesystem::path dataHome();    // $XDG_DATA_HOME, ~/.local/share
+std::filesystem::path stateHome();   // $XDG_STATE_HOME, ~/.local/state
+
+/// Where data of the user and of the system is looked for, the user's first; none that is not absolute.
+std::vector<std::filesystem::path> dataDirectories();  // dataHome(), $XDG_DATA_DIRS
+/// Where programs are looked for; none that is not absolute.
+std::vector<std::filesystem::path> programDirectories();  // $PATH
 
 /// The file of the running program.
 std::filesystem::path runningExecutable();

@@ -1,7 +1,11 @@
-#include "platform/linux/desktop/DesktopEntry.h"
+#include "platform/linux/files/DesktopEntry.h"
+
+#include <fstream>
 
 namespace kestrune::linux_platform {
 namespace {
+
+constexpr std::size_t kLargestEntry = 1 << 16;
 
 std::string_view trimmed(std::string_view text) {
   constexpr std::string_view kBlanks = " \t\r";
@@ -21,6 +25,34 @@ std::string_view takePart(std::string_view& text, char separator) {
 std::string_view valueOf(const DesktopEntry& entry, std::string_view key) {
   const auto found = entry.find(key);
   return found == entry.end() ? std::string_view() : found->second;
+}
+
+/// What a value of type string stands for.
+std::string unescaped(std::string_view value) {
+  std::string text;
+  for (std::size_t index = 0; index < value.size(); ++index) {
+    if (value[index] != '\\' || index + 1 == value.size()) {
+      text += value[index];
+      continue;
+    }
+    switch (const char escape = value[++index]) {
+      case 's':
+        text += ' ';
+        break;
+      case 'n':
+        text += '\n';
+        break;
+      case 't':
+        text += '\t';
+        break;
+      case 'r':
+        text += '\r';
+        break;
+      default:
+        text += escape;
+    }
+  }
+  return text;
 }
 
 /// Whether the two lists, one between semicolons and one between colons, share a name.
@@ -51,6 +83,16 @@ DesktopEntry parseDesktopEntry(std::string_view text) {
                            std::string(trimmed(line.substr(equals + 1))));
   }
   return entry;
+}
+
+DesktopEntry readDesktopEntry(const std::filesystem::path& file) {
+  std::error_code failure;
+  if (!std::filesystem::is_regular_file(file, failure)) return {};
+  std::string text(kLargestEntry, '\0');
+  std::ifstream stream(file, std::ios::binary);
+  stream.read(text.data(), static_cast<std::streamsize>(text.size()));
+  text.resize(static_cast<std::size_t>(stream.gcount()));
+  return parseDesktopEntry(text);
 }
 
 bool isSwitchedOff(const DesktopEntry& entry, std::string_view currentDesktop) {
@@ -95,6 +137,30 @@ std::string desktopCommand(std::string_view program) {
     if (character == '%') argument += '%';  // else a field code
   }
   return desktopString(argument + "\"");
+}
+
+std::vector<std::string> desktopCommandWords(std::string_view value) {
+  std::vector<std::string> words;
+  bool isInWord = false;
+  bool isQuoted = false;
+  const std::string text = unescaped(value);
+  for (std::size_t index = 0; index < text.size(); ++index) {
+    const char character = text[index];
+    if (character == ' ' && !isQuoted) {
+      isInWord = false;
+      continue;
+    }
+    if (!isInWord) words.emplace_back();
+    isInWord = true;
+    if (character == '"') {
+      isQuoted = !isQuoted;
+    } else if (character == '\\' && isQuoted && index + 1 < text.size()) {
+      words.back() += text[++index];
+    } else {
+      words.back() += character;
+    }
+  }
+  return isQuoted ? std::vector<std::string>() : words;
 }
 
 }  // namespace kestrune::linux_platform
