@@ -147,7 +147,8 @@ class WindowTree::Question {
     window.isMaximized = isTall && isWide;
     window.isHeld =
         isTall || isWide || contains(states, atoms.stateFullScreen) || contains(states, atoms.stateShaded);
-    window.invisible = extentsOf(invisible_.values());
+    // Where the window manager does not know of shadows, a client draws a border in their place.
+    if (tree_.managerSupports(atoms.invisibleExtents)) window.invisible = extentsOf(invisible_.values());
   }
 
   const WindowTree& tree_;
