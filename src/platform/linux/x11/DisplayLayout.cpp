@@ -15,14 +15,6 @@ struct Found {
   bool isPrimary = false;
 };
 
-/// 0 without RandR, else major * 100 + minor.
-int randrVersion(const X11Connection& connection, std::uint32_t newest) {
-  if (!connection.extension(xcb_randr_id)) return 0;
-  const auto reply =
-      waitForReply(connection, xcb_randr_query_version_reply, xcb_randr_query_version(connection, 1, newest));
-  return reply ? static_cast<int>(reply->major_version * 100 + reply->minor_version) : 0;
-}
-
 std::vector<Found> readMonitors(const X11Connection& connection) {
   std::vector<Found> found;
   const auto reply = waitForReply(connection, xcb_randr_get_monitors_reply,
@@ -106,6 +98,13 @@ Rect DisplayLayout::bounds(const X11Display& display) const {
 
 Rect DisplayLayout::visibleBounds(const X11Display& display) const {
   return display.workArea.width > 0 ? toGlobal(display.workArea, globalOrigin()) : bounds(display);
+}
+
+int randrVersion(const X11Connection& connection, std::uint32_t newest) {
+  if (!connection.extension(xcb_randr_id)) return 0;
+  const auto reply =
+      waitForReply(connection, xcb_randr_query_version_reply, xcb_randr_query_version(connection, 1, newest));
+  return reply ? static_cast<int>(reply->major_version * 100 + reply->minor_version) : 0;
 }
 
 DisplayLayout readDisplayLayout(const X11Connection& connection, std::uint32_t newestRandr) {

@@ -31,6 +31,9 @@ struct DisplayLayout {
   Rect visibleBounds(const X11Display& display) const;
 };
 
+/// 0 without RandR, else major * 100 + minor, of 1.`newest` at the most.
+int randrVersion(const X11Connection& connection, std::uint32_t newest = 5);
+
 /// Asks the server: RandR 1.5 monitors, else 1.2 outputs, else the root window as the one display. No
 /// displays if the connection is broken. Outputs that show the same area (mirrors) are one display.
 /// `newestRandr` is the newest version to use of RandR 1, by its minor number.
