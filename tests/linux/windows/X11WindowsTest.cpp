@@ -89,6 +89,10 @@ class X11WindowsTest : public ::testing::Test {
     }
     return std::nullopt;
   }
+  /// A window manager may be slow, as the service knows.
+  bool place(ProcessID owner, const Rect& frame) {
+    return eventually([&] { return windows_.placeFirstWindow(owner, frame); });
+  }
   bool comesToShow(const std::vector<ProcessID>& expected) {
     return eventually([&] { return owners() == expected; });
   }
@@ -110,8 +114,10 @@ TEST_F(X11WindowsTest, ListsWhatAWindowManagerShows) {
   const TestWindow dock(server_, 14, {0, 0, 200, 20}, "_NET_WM_WINDOW_TYPE_DOCK");
   const TestWindow desktop(server_, 15, {0, 0, 800, 600}, "_NET_WM_WINDOW_TYPE_DESKTOP");
   ASSERT_TRUE(comesToShow({14, 0, 12, 11}));
-  EXPECT_GT(windows_.onScreenWindows()[0].layer, 0);
-  EXPECT_EQ(windows_.onScreenWindows()[1].layer, 0);
+  const auto all = windows_.onScreenWindows();
+  ASSERT_EQ(all.size(), 4U);
+  EXPECT_GT(all[0].layer, 0);
+  EXPECT_EQ(all[1].layer, 0);
   ASSERT_TRUE(upper.become("_NET_WM_STATE_HIDDEN"));
   EXPECT_TRUE(comesToShow({14, 0, 11}));
   windows_.activate(11);
@@ -129,7 +135,7 @@ TEST_F(X11WindowsTest, PlacesAWindowOutOfEveryState) {
   for (const auto* state : {"", "_NET_WM_STATE_HIDDEN", "_NET_WM_STATE_FULLSCREEN",
                             "_NET_WM_STATE_MAXIMIZED_VERT", "_NET_WM_STATE_SHADED"}) {
     ASSERT_TRUE(*state == 0 || window.become(state));
-    EXPECT_TRUE(windows_.placeFirstWindow(11, {50, 60, 400, 300})) << state;
+    EXPECT_TRUE(place(11, {50, 60, 400, 300})) << state;
     // The frame stands around it: within what was given, and below the title.
     const Rect bounds = boundsOf(11).value_or(Rect{});
     EXPECT_TRUE(bounds.x >= 50 && bounds.y > 60 && bounds.y + bounds.height <= 360 && bounds.width > 380)
@@ -139,7 +145,7 @@ TEST_F(X11WindowsTest, PlacesAWindowOutOfEveryState) {
   const TestWindow dialog(server_, 11, {100, 100, 200, 150}, "_NET_WM_WINDOW_TYPE_DIALOG");
   ASSERT_TRUE(comesToShow({11, 11}));
   // All that windows may cover: maximized, with the frame in it.
-  EXPECT_TRUE(windows_.placeFirstWindow(11, kScreen));
+  EXPECT_TRUE(place(11, kScreen));
   EXPECT_TRUE(window.hasState("_NET_WM_STATE_MAXIMIZED_VERT"));
   EXPECT_FALSE(dialog.hasState("_NET_WM_STATE_MAXIMIZED_VERT"));
 }
@@ -147,9 +153,9 @@ TEST_F(X11WindowsTest, PlacesAWindowOutOfEveryState) {
 TEST_F(X11WindowsTest, WorksWithoutAWindowManager) {
   const TestWindow lower(server_, 11, {10, 30, 300, 200});
   const TestWindow upper(server_, 12, {100, 100, 300, 200});
-  EXPECT_EQ(owners(), (std::vector<ProcessID>{12, 11}));
+  EXPECT_TRUE(comesToShow({12, 11}));
   EXPECT_EQ(boundsOf(11), (Rect{13, 33, 300, 200}));
-  EXPECT_TRUE(windows_.placeFirstWindow(11, kScreen));
+  EXPECT_TRUE(place(11, kScreen));
   EXPECT_EQ(owners(), (std::vector<ProcessID>{11, 12}));
   EXPECT_EQ(boundsOf(11), (Rect{3, 3, 794, 594}));
   EXPECT_TRUE(lower.hasFocus());

@@ -15,7 +15,7 @@
 
 #include "platform/linux/applications/ProcessDescriptor.h"
 #include "platform/linux/files/SpawnedProgram.h"
-#include "runtime/Error.h"
+#include "platform/linux/files/SystemFailure.h"
 
 namespace kestrune::linux_platform {
 namespace {
@@ -23,16 +23,6 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr std::string_view kChrome = "com.google.Chrome";
-
-class ApplicationError final : public Error {
- public:
-  explicit ApplicationError(std::string text) : text_(std::move(text)) {}
-  std::string localizedDescription() const override { return text_; }
-  const char* what() const noexcept override { return text_.c_str(); }
-
- private:
-  std::string text_;
-};
 
 std::string nameOf(const std::string& variable) {
   return variable.substr(0, variable.find('='));
@@ -156,7 +146,7 @@ void LinuxApplications::open(const Application& application, const LaunchConfigu
       all->follow(opened);
     } catch (const std::system_error& error) {
       failure = std::make_exception_ptr(
-          ApplicationError(start.executable.string() + " could not be started: " + error.code().message()));
+          SystemFailure(start.executable.string() + " could not be started: " + error.code().message()));
     }
     completion(std::move(opened), failure);
   });

@@ -7,21 +7,11 @@
 
 #include "platform/linux/files/DesktopEntry.h"
 #include "platform/linux/files/ReplacedFile.h"
+#include "platform/linux/files/SystemFailure.h"
 #include "platform/linux/files/UserDirectories.h"
-#include "runtime/Error.h"
 
 namespace kestrune::linux_platform {
 namespace {
-
-class AutostartError final : public Error {
- public:
-  explicit AutostartError(std::string text) : text_(std::move(text)) {}
-  std::string localizedDescription() const override { return text_; }
-  const char* what() const noexcept override { return text_.c_str(); }
-
- private:
-  std::string text_;
-};
 
 std::string currentDesktop() {
   // Nothing in this program changes its environment.
@@ -71,8 +61,8 @@ void AutostartLoginItem::registerItem() {
     std::filesystem::create_directories(directory_);
     replaceFile(file_, {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()});
   } catch (const std::system_error& failure) {
-    throw AutostartError("The entry for the start at login could not be written: " + file_.string() + ": " +
-                         failure.code().message());
+    throw SystemFailure("The entry for the start at login could not be written: " + file_.string() + ": " +
+                        failure.code().message());
   }
 }
 
@@ -80,8 +70,8 @@ void AutostartLoginItem::unregisterItem() {
   std::error_code failure;
   std::filesystem::remove(file_, failure);
   if (failure) {
-    throw AutostartError("The entry for the start at login could not be removed: " + file_.string() + ": " +
-                         failure.message());
+    throw SystemFailure("The entry for the start at login could not be removed: " + file_.string() + ": " +
+                        failure.message());
   }
 }
 

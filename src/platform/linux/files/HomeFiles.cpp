@@ -5,23 +5,13 @@
 #include <system_error>
 
 #include "platform/linux/files/PrivateDirectory.h"
+#include "platform/linux/files/SystemFailure.h"
 #include "platform/linux/files/UserDirectories.h"
-#include "runtime/Error.h"
 
 namespace kestrune::linux_platform {
 namespace {
 
 namespace fs = std::filesystem;
-
-class FileError final : public Error {
- public:
-  explicit FileError(std::string text) : text_(std::move(text)) {}
-  std::string localizedDescription() const override { return text_; }
-  const char* what() const noexcept override { return text_.c_str(); }
-
- private:
-  std::string text_;
-};
 
 }  // namespace
 
@@ -29,13 +19,13 @@ std::string HomeFiles::applicationSupportDirectory() const {
   try {
     return dataHome().string();
   } catch (const std::runtime_error& failure) {
-    throw FileError(failure.what());
+    throw SystemFailure(failure.what());
   }
 }
 
 void HomeFiles::createDirectory(const std::string& path) {
   const auto fail = [&](const std::error_code& code) {
-    throw FileError("The directory " + path + " could not be made: " + code.message());
+    throw SystemFailure("The directory " + path + " could not be made: " + code.message());
   };
   try {
     makePrivateDirectories(path);

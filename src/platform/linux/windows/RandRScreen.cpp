@@ -83,7 +83,7 @@ bool readResources(const X11Connection& connection, int version, RandRScreen& sc
   return true;
 }
 
-/// Changes the screen while nobody else can.
+/// Changes the screen while no other client can.
 class ScreenChange {
  public:
   explicit ScreenChange(const X11Connection& connection, int millimetresPerThousandPixels)

@@ -36,37 +36,6 @@ Extents extentsOf(const std::vector<std::uint32_t>& values) {
 
 }  // namespace
 
-WindowAtoms::WindowAtoms(const X11Connection& connection) {
-  const std::vector<std::pair<xcb_atom_t*, std::string_view>> names = {
-      {&supportingWmCheck, "_NET_SUPPORTING_WM_CHECK"},
-      {&supported, "_NET_SUPPORTED"},
-      {&clientListStacking, "_NET_CLIENT_LIST_STACKING"},
-      {&clientList, "_NET_CLIENT_LIST"},
-      {&currentDesktop, "_NET_CURRENT_DESKTOP"},
-      {&activeWindow, "_NET_ACTIVE_WINDOW"},
-      {&moveResize, "_NET_MOVERESIZE_WINDOW"},
-      {&frameExtents, "_NET_FRAME_EXTENTS"},
-      {&invisibleExtents, "_GTK_FRAME_EXTENTS"},
-      {&pid, "_NET_WM_PID"},
-      {&type, "_NET_WM_WINDOW_TYPE"},
-      {&state, "_NET_WM_STATE"},
-      {&desktop, "_NET_WM_DESKTOP"},
-      {&wmState, "WM_STATE"},
-      {&stateHidden, "_NET_WM_STATE_HIDDEN"},
-      {&stateFullScreen, "_NET_WM_STATE_FULLSCREEN"},
-      {&stateShaded, "_NET_WM_STATE_SHADED"},
-      {&maximizedVertically, "_NET_WM_STATE_MAXIMIZED_VERT"},
-      {&maximizedHorizontally, "_NET_WM_STATE_MAXIMIZED_HORZ"},
-      {&typeNormal, "_NET_WM_WINDOW_TYPE_NORMAL"},
-      {&typeDialog, "_NET_WM_WINDOW_TYPE_DIALOG"},
-      {&typeDesktop, "_NET_WM_WINDOW_TYPE_DESKTOP"},
-  };
-  std::vector<std::string_view> texts;
-  for (const auto& [atom, name] : names) texts.push_back(name);
-  const auto atoms = internAtoms(connection, texts);
-  for (std::size_t index = 0; index < names.size(); ++index) *names[index].first = atoms[index];
-}
-
 PixelRect grown(const PixelRect& area, const Extents& by) {
   return {area.x - by.left, area.y - by.top, area.width + by.left + by.right,
           area.height + by.top + by.bottom};
