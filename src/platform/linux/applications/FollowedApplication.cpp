@@ -22,8 +22,8 @@ FollowedApplication::FollowedApplication(std::shared_ptr<Reactor> reactor, Windo
     : reactor_(std::move(reactor)),
       windows_(std::move(windows)),
       started_(isStarted ? status.id : 0),
-      process_(std::move(process)),
       identifier_(status.id),
+      process_(std::move(process)),
       // One that was adopted leads a session where an earlier run of this program has started it; else the
       // session is that of a terminal or of the desktop.
       family_(status, isStarted || status.session == status.id) {}
@@ -31,6 +31,7 @@ FollowedApplication::FollowedApplication(std::shared_ptr<Reactor> reactor, Windo
 void FollowedApplication::follow(Ended ended) {
   reactor_->post([self = shared_from_this(), ended = std::move(ended)]() mutable {
     self->ended_ = std::move(ended);
+    self->family_.look();
     self->watch();
   });
 }
@@ -46,9 +47,11 @@ bool FollowedApplication::isTerminated() const {
 }
 
 void FollowedApplication::terminate() {
-  const std::lock_guard guard(lock_);
-  isTerminating_ = true;
-  if (process_) signalProcess(process_, SIGTERM);
+  reactor_->post([self = shared_from_this()] {
+    self->isTerminating_ = true;
+    self->family_.look();  // once it has ended, what it had started has another parent
+    if (self->process_) signalProcess(self->process_, SIGTERM);
+  });
 }
 
 void FollowedApplication::forceTerminate() {
@@ -56,7 +59,6 @@ void FollowedApplication::forceTerminate() {
 }
 
 void FollowedApplication::watch() {
-  // process_ changes on this thread only.
   watch_ = DescriptorWatch(reactor_, process_.get(), Readiness::readable, [weak = weak_from_this()] {
     if (const auto self = weak.lock()) self->onEnd();
   });
@@ -75,21 +77,21 @@ void FollowedApplication::onEnd() {
     }
     return;
   }
+  process_.reset();
   {
     const std::lock_guard guard(lock_);
-    process_.reset();
     isTerminated_ = true;
   }
   if (const auto ended = std::exchange(ended_, nullptr)) ended(*this);
 }
 
 void FollowedApplication::goOnWith(UniqueDescriptor process, ProcessID identifier) {
+  process_ = std::move(process);
   {
     const std::lock_guard guard(lock_);
-    process_ = std::move(process);
     identifier_ = identifier;
-    if (isTerminating_) signalProcess(process_, SIGTERM);
   }
+  if (isTerminating_) signalProcess(process_, SIGTERM);
   watch();
 }
 

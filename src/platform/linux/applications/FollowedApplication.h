@@ -21,7 +21,7 @@ struct WindowActions {
 
 /// An application whose processes are watched from a reactor, which also reaps the one that this program has
 /// started. When the process that it is known by ends, and others of it run on, it is the oldest of these
-/// from then on; it has ended when none does. Any thread may call.
+/// from then on; it has ended when none does. Any thread may call, while the reactor runs.
 class FollowedApplication final : public RunningApplication,
                                   public std::enable_shared_from_this<FollowedApplication> {
  public:
@@ -54,13 +54,13 @@ class FollowedApplication final : public RunningApplication,
   const WindowActions windows_;
   const ProcessID started_;  // the child of this program; 0: none
 
-  mutable std::mutex lock_;   // guards the next four
-  UniqueDescriptor process_;  // none once it has ended
+  mutable std::mutex lock_;  // guards the next two; the reactor alone changes them
   ProcessID identifier_;
-  bool isTerminating_ = false;
   bool isTerminated_ = false;
 
   // The reactor's.
+  UniqueDescriptor process_;  // none once it has ended
+  bool isTerminating_ = false;
   ProcessFamily family_;
   DescriptorWatch watch_;  // on process_
   Ended ended_;
