@@ -9,18 +9,25 @@
 
 #include <cerrno>
 #include <charconv>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <exception>
+#include <future>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <utility>
 
 #include "HeadlessApplication.h"
+#include "RunPreferences.h"
 #include "TerminationSignals.h"
+#include "model/PreferenceKeys.h"
+#include "model/StreamSettings.h"
 #include "platform/linux/LinuxPlatform.h"
 #include "platform/linux/reactor/ReactorThread.h"
 #include "runtime/Log.h"
+#include "server/WelcomeServer.h"
 
 namespace {
 
@@ -31,6 +38,8 @@ constexpr int kUsageError = 2;
 
 struct Options {
   bool isSmokeTest = false;
+  bool showsVirtualDisplay = false;  // in this run, whatever the preferences say
+  bool opensWelcome = false;         // as the start page of this run
   std::uint16_t port = 8080;
 };
 
@@ -38,11 +47,17 @@ struct Options {
 std::optional<Options> readOptions(int argumentCount, char** arguments) {
   Options options;
   for (int index = 1; index < argumentCount; ++index) {
-    if (std::string_view(arguments[index]) != "--browser-display-smoke-test") {
-      printLine("Error", "Unknown argument: " + std::string(arguments[index]));
+    const std::string_view argument = arguments[index];
+    if (argument == "--browser-display-smoke-test") {
+      options.isSmokeTest = true;
+    } else if (argument == "--virtual-display") {
+      options.showsVirtualDisplay = true;
+    } else if (argument == "--welcome") {
+      options.opensWelcome = true;
+    } else {
+      printLine("Error", "Unknown argument: " + std::string(argument));
       return std::nullopt;
     }
-    options.isSmokeTest = true;
   }
   // For tests, several of which run side by side.
   if (const char* text = std::getenv("KESTRUNE_PORT"); text && *text != '\0') {
@@ -100,6 +115,16 @@ bool isPortTaken(std::uint16_t port) {
   return isTaken;
 }
 
+/// The address of the welcome pages; nothing if they cannot be served, which is logged.
+std::optional<std::string> startWelcome(WelcomeServer& server, std::uint16_t viewerPort) {
+  constexpr auto kPatience = std::chrono::seconds(5);
+  const auto address = std::make_shared<std::promise<std::optional<std::string>>>();
+  auto started = address->get_future();
+  server.start(static_cast<std::uint16_t>(viewerPort + 1),
+               [address](std::optional<std::string> value) { address->set_value(std::move(value)); });
+  return started.wait_for(kPatience) == std::future_status::ready ? started.get() : std::nullopt;
+}
+
 int runProgram(const Options& options) {
   const auto mainQueue = std::make_shared<RunLoopQueue>("main");
   // From the beginning: a display or a keyring that does not answer can hold up the composition, too.
@@ -116,7 +141,7 @@ int runProgram(const Options& options) {
                            "running there. Stop it, then try again.");
     return kStartFailed;
   }
-  const Platform platform = linux_platform::makeLinuxPlatform(watch.reactor());
+  Platform platform = linux_platform::makeLinuxPlatform(watch.reactor());
   if (!platform.displays->mainDisplay()) {
     printLine(
         "Error",
@@ -124,6 +149,18 @@ int runProgram(const Options& options) {
     return kStartFailed;
   }
   setMainBundle(platform.bundle);
+  RunPreferences::Values ofThisRun;
+  if (options.showsVirtualDisplay) {
+    ofThisRun.emplace(preference_keys::kDisplayMode,
+                      std::string(rawValue(StreamDisplayMode::virtualDisplay)));
+  }
+  const auto welcome = std::make_shared<WelcomeServer>(platform.network, platform.bundle);
+  if (options.opensWelcome) {
+    if (auto address = startWelcome(*welcome, options.port)) {
+      ofThisRun.emplace(preference_keys::kBrowserStartURL, std::move(*address));
+    }
+  }
+  platform.preferences = std::make_shared<RunPreferences>(platform.preferences, std::move(ofThisRun));
   *application = std::make_shared<HeadlessApplication>(
       mainQueue, StreamCoordinator::make(platform, mainQueue, options.port));
   (*application)->launch(!options.isSmokeTest);
