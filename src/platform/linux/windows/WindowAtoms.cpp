@@ -34,6 +34,7 @@ WindowAtoms::WindowAtoms(const X11Connection& connection) {
       {&typeDesktop, "_NET_WM_WINDOW_TYPE_DESKTOP"},
   };
   std::vector<std::string_view> texts;
+  texts.reserve(names.size());
   for (const auto& [atom, name] : names) texts.push_back(name);
   const auto atoms = internAtoms(connection, texts);
   for (std::size_t index = 0; index < names.size(); ++index) *names[index].first = atoms[index];

@@ -180,6 +180,7 @@ xcb_window_t WindowTree::clientIn(xcb_window_t top) const {
   std::vector<xcb_window_t> level{top};
   for (int depth = 0; depth <= kFrameDepth && level.size() <= kMostWindows; ++depth) {
     std::vector<X11Property> marks;
+    marks.reserve(level.size());
     for (const auto window : level) marks.emplace_back(connection_, window, atoms_.wmState, 1);
     for (std::size_t index = 0; index < level.size(); ++index) {
       if (marks[index].value()) return level[index];

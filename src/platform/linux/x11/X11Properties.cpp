@@ -7,10 +7,12 @@ namespace kestrune::linux_platform {
 std::vector<xcb_atom_t> internAtoms(const X11Connection& connection,
                                     const std::vector<std::string_view>& names) {
   std::vector<xcb_intern_atom_cookie_t> cookies;
+  cookies.reserve(names.size());
   for (const std::string_view name : names) {
     cookies.push_back(xcb_intern_atom(connection, 0, static_cast<std::uint16_t>(name.size()), name.data()));
   }
   std::vector<xcb_atom_t> atoms;
+  atoms.reserve(names.size());
   for (const auto cookie : cookies) {
     const auto reply = waitForReply(connection, xcb_intern_atom_reply, cookie);
     atoms.push_back(reply ? reply->atom : xcb_atom_t{XCB_NONE});
