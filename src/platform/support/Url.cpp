@@ -18,6 +18,8 @@ std::optional<UrlParts> parseUrl(std::string_view text) {
   const auto url = parse(text);
   if (!url) return {};
   UrlParts parts;
+  parts.scheme = url->scheme();
+  parts.host = url->host();
   parts.path = url->path();
   if (url->encoded_query().empty()) return parts;
   urls::encoding_opts options;

@@ -10,7 +10,9 @@ namespace kestrune {
 
 /// The parts of a URL that the program reads (RFC 3986).
 struct UrlParts {
-  std::string path;  // percent-decoded
+  std::string scheme;  // as written
+  std::string host;    // percent-decoded; empty where there is none
+  std::string path;    // percent-decoded
   /// In order, percent-decoded; an item without "=" has no value.
   std::vector<std::pair<std::string, std::optional<std::string>>> queryItems;
 };
