@@ -6,6 +6,7 @@
 #include <type_traits>
 #include <utility>
 
+#include "browser/StartPage.h"
 #include "runtime/Log.h"
 
 namespace kestrune {
@@ -35,6 +36,10 @@ std::optional<Value> parse(const PreferenceValue& stored) {
   } else if constexpr (std::is_same_v<Value, bool>) {
     const auto* flag = std::get_if<bool>(&stored);
     return flag ? std::optional(*flag) : std::nullopt;
+  } else if constexpr (std::is_same_v<Value, std::string>) {  // the start page
+    const auto* text = std::get_if<std::string>(&stored);
+    if (!text || !normalizedBrowserURL(*text)) return std::nullopt;
+    return *text == kFormerStartPage ? std::string(kDefaultStartPage) : *text;
   } else {
     const auto* text = std::get_if<std::string>(&stored);
     return text ? fromRawValue<Value>(*text) : std::nullopt;
@@ -45,7 +50,7 @@ template <class Value>
 PreferenceValue storedForm(Value value) {
   if constexpr (std::is_same_v<Value, StreamFrameRate>) {
     return std::int64_t{framesPerSecond(value)};
-  } else if constexpr (std::is_same_v<Value, bool>) {
+  } else if constexpr (std::is_same_v<Value, bool> || std::is_same_v<Value, std::string>) {
     return value;
   } else {
     return std::string(rawValue(value));
@@ -57,7 +62,7 @@ template <class Value>
 std::optional<Value> storedValue(const Preferences& preferences, const Setting<Value>& setting) {
   const auto stored = preferences.value(setting.key);
   if (!stored) return {};
-  const auto value = parse<Value>(*stored);
+  auto value = parse<Value>(*stored);
   if (!value) kLog.notice("The stored value of " + std::string(setting.key) + " is unknown and is ignored");
   return value;
 }
@@ -78,6 +83,7 @@ void StoredSettings::forEachSetting(Visit visit) {
   forEachVideoSetting(visit);
   visit(audioChannelMode_);
   visit(streamDisplayMode_);
+  visit(browserStartURL_);
   visit(preventMacSleep_);
 }
 
@@ -118,6 +124,7 @@ void StoredSettings::takeEdited(const std::vector<std::string>& edited, bool may
   const auto take = [&](auto& setting) { setting.value = editedValue(setting, edited, setting.value.get()); };
   take(preventMacSleep_);
   take(audioChannelMode_);
+  take(browserStartURL_);
   if (mayChangeDisplayMode) take(streamDisplayMode_);
 }
 

@@ -24,6 +24,11 @@ struct Setting {
   Published<Value> value{fallback};
 };
 
+/// The start page of a browser whose user has chosen none, and the one of earlier versions, which counts as
+/// none.
+inline constexpr std::string_view kDefaultStartPage = "https://duckduckgo.com";
+inline constexpr std::string_view kFormerStartPage = "https://www.youtube.com";
+
 /// Owns the settings that the user can change. Each is stored at the moment it changes. Main queue only.
 class StoredSettings {
  public:
@@ -39,6 +44,8 @@ class StoredSettings {
   const Observable<StreamVideoEncoderKind>& videoEncoderKind() const { return videoEncoderKind_.value; }
   const Observable<AudioChannelMode>& audioChannelMode() const { return audioChannelMode_.value; }
   const Observable<StreamDisplayMode>& streamDisplayMode() const { return streamDisplayMode_.value; }
+  /// As the user wrote it; always one that can be opened.
+  const Observable<std::string>& browserStartURL() const { return browserStartURL_.value; }
   const Observable<bool>& preventMacSleep() const { return preventMacSleep_.value; }
 
   /// The five that a running stream follows.
@@ -77,6 +84,7 @@ class StoredSettings {
                                               Setting<AudioChannelMode>::Launch::startAnew};
   Setting<StreamDisplayMode> streamDisplayMode_{preference_keys::kDisplayMode, StreamDisplayMode::mainDisplay,
                                                 Setting<StreamDisplayMode>::Launch::read};
+  Setting<std::string> browserStartURL_{preference_keys::kBrowserStartURL, std::string(kDefaultStartPage)};
   Setting<bool> preventMacSleep_{preference_keys::kPreventMacSleep, true};
   std::vector<Observation> storing_;
 };

@@ -31,6 +31,7 @@ StreamCoordinator::StreamCoordinator(std::unique_ptr<CoordinatorParts> parts)
       launchAtLoginEnabled(parts_->launchAtLogin.isEnabled()),
       launchAtLoginNeedsApproval(parts_->launchAtLogin.needsApproval()),
       streamDisplayMode(parts_->settings.streamDisplayMode()),
+      browserStartURL(parts_->settings.browserStartURL()),
       profile(parts_->settings.profile()),
       frameRate(parts_->settings.frameRate()),
       videoCodec(parts_->settings.videoCodec()),

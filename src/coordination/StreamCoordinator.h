@@ -63,6 +63,7 @@ class StreamCoordinator final : public std::enable_shared_from_this<StreamCoordi
   // Settings; each is stored at the moment it changes.
 
   const Observable<StreamDisplayMode>& streamDisplayMode;
+  const Observable<std::string>& browserStartURL;
   const Observable<StreamProfile>& profile;
   const Observable<StreamFrameRate>& frameRate;
   const Observable<StreamVideoCodec>& videoCodec;

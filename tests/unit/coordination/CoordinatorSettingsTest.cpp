@@ -45,6 +45,21 @@ TEST_F(CoordinatorSettingsTest, ALaunchResolvesWhatIsStoredAndWritesItBack) {
   EXPECT_EQ(coordinator->frameRate, StreamFrameRate::fps60);
 }
 
+TEST_F(CoordinatorSettingsTest, AStartPageThatIsRetiredOrNoAddressIsReplaced) {
+  const std::string standard = "https://duckduckgo.com";
+  for (const auto& [written, resolved] : {std::pair<const char*, std::string>{"ftp://x", standard},
+                                          {"https://www.youtube.com", standard},
+                                          {" example.com ", " example.com "}}) {
+    preferences->set(keys::kBrowserStartURL, written);
+    make();
+    EXPECT_EQ(coordinator->browserStartURL.get(), resolved);
+    EXPECT_EQ(stored(keys::kBrowserStartURL), PreferenceValue(resolved));
+  }
+  preferences->edit({{std::string(keys::kBrowserStartURL), "x.org"}});
+  time->runReady();
+  EXPECT_EQ(coordinator->browserStartURL.get(), "x.org");
+}
+
 TEST_F(CoordinatorSettingsTest, ATokenFailureIsShownInPlaceOfTheAddress) {
   credentials->readStatus = kCredentialNotAvailable;
   make();
