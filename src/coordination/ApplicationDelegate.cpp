@@ -36,6 +36,7 @@ ApplicationDelegate::TerminationReply ApplicationDelegate::applicationShouldTerm
   if (isReadyToTerminate_ || !coordinator) return TerminationReply::terminateNow;
   if (!isFinishingTermination_) {
     isFinishingTermination_ = true;
+    coordinator->clearBrowserDisplaySelection();
     startTask(mainQueue_, finishTermination(weak_from_this(), coordinator));
   }
   return TerminationReply::terminateCancel;

@@ -21,6 +21,7 @@ Task<void> CaptureControl::startCapture() {
     throw KestruneError::operationFailed(
         localized("Screen Recording and Accessibility are required before streaming can start."));
   }
+  joints_.onStarting();
   Task<void> start = joints_.startStream();
   co_await start;
   isCapturing_ = true;

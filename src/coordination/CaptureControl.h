@@ -16,6 +16,8 @@ class CaptureControl {
   /// What it asks of the other parts, and tells them.
   struct Joints {
     std::function<bool()> requirePermissions;
+    /// Before the stream is started.
+    std::function<void()> onStarting;
     /// Starts the stream with the present settings; throws.
     std::function<Task<void>()> startStream;
     std::function<void()> onStarted;

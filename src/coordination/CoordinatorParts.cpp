@@ -44,6 +44,18 @@ ScreenCaptureService::Dependencies captureDependencies(const Platform& platform,
   return to;
 }
 
+BrowserDisplayService::Dependencies browserDependencies(const Platform& platform,
+                                                        std::shared_ptr<SerialQueue> mainQueue) {
+  return {.mainQueue = std::move(mainQueue),
+          .displays = platform.displays,
+          .permissions = platform.permissions,
+          .applications = platform.applications,
+          .windows = platform.windows,
+          .files = platform.files,
+          .virtualDisplays = platform.virtualDisplays,
+          .arrangement = platform.displayArrangement};
+}
+
 Telemetry::ReadCounters countersOf(const std::shared_ptr<StreamingServer>& server) {
   return [server](const Completion<Telemetry::RouteCounters>& done) {
     server->snapshot([done](const StreamingServerSnapshot& snapshot) {
@@ -72,6 +84,8 @@ CoordinatorParts::CoordinatorParts(const Platform& platform, std::shared_ptr<Ser
           viewerPort)),
       remoteControl(std::make_shared<RemoteControlService>(platform.inputEvents, platform.displays,
                                                            platform.permissions, mainQueue, platform.clock)),
+      browserService(std::make_shared<BrowserDisplayService>(browserDependencies(platform, mainQueue))),
+      displayScaling(platform.displayModes),
       routes(std::make_shared<ViewerRoutes>(std::vector<std::shared_ptr<ViewerRoute>>{server})),
       settings(platform.preferences),
       permissions(platform.permissions, errors),
@@ -86,6 +100,21 @@ CoordinatorParts::CoordinatorParts(const Platform& platform, std::shared_ptr<Ser
              {.canChangeSource = [this] { return canChangeSource(); },
               .onReplaced = [this] { liveSettings.invalidate(); },
               .onReported = [this] { lifecycle.handleSourceReported(); }}),
+      browserDisplay(browserService, captureService, platform.displays, errors,
+                     {.requirePermissions = [this] { return permissions.require(); },
+                      .canChangeSource = [this] { return canChangeSource(); },
+                      .selectedSource = [this] { return source.selectedSource().get(); },
+                      .displayMode = [this] { return settings.streamDisplayMode().get(); },
+                      .startURL = [this] { return settings.browserStartURL().get(); },
+                      .onSourceCleared =
+                          [this] {
+                            source.handleSourceChanged(std::nullopt);
+                            remoteControl->setTarget(std::nullopt);
+                          },
+                      .tellViewers =
+                          [this](const std::string& message) {
+                            if (lifecycle.isRemoteStartArmed()) lifecycle.publishRemoteError(message, true);
+                          }}),
       telemetry(std::make_shared<Telemetry>(mainQueue, routes, countersOf(server),
                                             [this] {
                                               return Telemetry::StreamFacts{settings.streamDisplayMode(),
@@ -114,6 +143,7 @@ CoordinatorParts::CoordinatorParts(const Platform& platform, std::shared_ptr<Ser
                                  .onEncodingUnneeded = [this] { lifecycle.handleEncodingUnneeded(); }})),
       capture([this](Task<void> flow) { return startFlow(std::move(flow)); }, captureService,
               {.requirePermissions = [this] { return permissions.require(); },
+               .onStarting = [this] { applyStreamingScale(); },
                // The viewer draws the pointer over a display by itself.
                .startStream = [this] { return liveSettings.startStream(!source.isDisplay()); },
                .onStarted =
@@ -122,7 +152,11 @@ CoordinatorParts::CoordinatorParts(const Platform& platform, std::shared_ptr<Ser
                      updateWakefulness();
                      telemetry->startMetricsTask();
                    },
-               .onStopped = [this] { cursorSync->refreshCursorSync(); }}),
+               .onStopped =
+                   [this] {
+                     restoreScale();
+                     cursorSync->refreshCursorSync();
+                   }}),
       encodingWatch(std::make_shared<EncodingWatch>(
           mainQueue, platform.clock, routes, errors,
           EncodingWatch::Joints{
@@ -133,6 +167,8 @@ CoordinatorParts::CoordinatorParts(const Platform& platform, std::shared_ptr<Ser
                 {.requirePermissions = [this] { return permissions.require(); },
                  .hasSource = [this] { return source.selectedSource()->has_value(); },
                  .isViewerConnected = [this] { return viewers->isConnected().get(); },
+                 .isPreparingSource = [this] { return browserDisplay.isPreparing().get(); },
+                 .prepareSource = [this] { return browserDisplay.prepareSource(); },
                  .onServerStarted =
                      [this] {
                        updateWakefulness();
@@ -157,7 +193,9 @@ CoordinatorParts::CoordinatorParts(const Platform& platform, std::shared_ptr<Ser
                        updateWakefulness();
                        viewerAddress.refresh();
                        telemetry->clear();
-                     }}) {
+                     },
+                 .onTerminating = [this] { browserDisplay.end(); },
+                 .endBrowser = [this] { return browserDisplay.terminate(); }}) {
   errors.setListener([this](const auto& message) { telemetry->setLastError(message); });
   observations_.push_back(settings.preventMacSleep().observe([this](bool) { updateWakefulness(); }));
 }
@@ -168,6 +206,18 @@ void CoordinatorParts::updateWakefulness() {
   const bool isServing =
       lifecycle.ownsActiveResources() || capture.isCapturing() || lifecycle.isRemoteStartArmed();
   wakefulness.update(isServing, settings.preventMacSleep());
+}
+
+void CoordinatorParts::applyStreamingScale() {
+  const auto display = captureService->selectedDisplayID();
+  if (!display) return;
+  displayScaling.applyStreamingScale(*display, 1440, 900);
+  browserService->repositionManagedChrome();  // a new mode moves windows
+}
+
+void CoordinatorParts::restoreScale() {
+  displayScaling.restoreOriginalMode();
+  browserService->repositionManagedChrome();
 }
 
 bool CoordinatorParts::canChangeSource() const {
@@ -182,7 +232,8 @@ bool CoordinatorParts::canEditStreamSettings() const {
 }
 
 bool CoordinatorParts::canChangeDisplayMode() const {
-  return !lifecycle.ownsActiveResources() && !capture.isCapturing() && !lifecycle.isRemoteStartBusy();
+  return !lifecycle.ownsActiveResources() && !capture.isCapturing() && !lifecycle.isRemoteStartBusy() &&
+         !browserDisplay.isPreparing();
 }
 
 }  // namespace kestrune

@@ -4,8 +4,11 @@
 #include <memory>
 #include <vector>
 
+#include "browser/BrowserDisplayService.h"
+#include "browser/DisplayScalingService.h"
 #include "capture/CapturePreviewHub.h"
 #include "capture/ScreenCaptureService.h"
+#include "coordination/BrowserDisplay.h"
 #include "coordination/CaptureControl.h"
 #include "coordination/CursorSync.h"
 #include "coordination/EncodingWatch.h"
@@ -43,6 +46,9 @@ struct CoordinatorParts {
   bool canEditStreamSettings() const;
   bool canChangeDisplayMode() const;
   void updateWakefulness();
+  /// A real display is shown at the scale of a car's browser.
+  void applyStreamingScale();
+  void restoreScale();
 
   FlowStarter startFlow;  // set by the owner before any part runs
 
@@ -54,6 +60,8 @@ struct CoordinatorParts {
   const std::shared_ptr<TokenStore> tokenStore;
   const std::shared_ptr<StreamingServer> server;
   const std::shared_ptr<RemoteControlService> remoteControl;
+  const std::shared_ptr<BrowserDisplayService> browserService;
+  DisplayScalingService displayScaling;
 
   // Parts
   const std::shared_ptr<ViewerRoutes> routes;
@@ -65,6 +73,7 @@ struct CoordinatorParts {
   Wakefulness wakefulness;
   LiveSettings liveSettings;
   SourceSelection source;
+  BrowserDisplay browserDisplay;
   const std::shared_ptr<Telemetry> telemetry;
   const std::shared_ptr<CursorSync> cursorSync;
   const std::shared_ptr<ViewerPresence> viewers;

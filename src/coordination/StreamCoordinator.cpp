@@ -28,6 +28,8 @@ StreamCoordinator::StreamCoordinator(std::unique_ptr<CoordinatorParts> parts)
       screenCapturePermissionGranted(parts_->permissions.screenCaptureGranted()),
       remoteControlPermissionGranted(parts_->permissions.remoteControlGranted()),
       isUpdatingStreamSettings(parts_->liveSettings.isUpdatingStreamSettings()),
+      isBrowserDisplayActive(parts_->browserDisplay.isActive()),
+      isPreparingBrowserDisplay(parts_->browserDisplay.isPreparing()),
       launchAtLoginEnabled(parts_->launchAtLogin.isEnabled()),
       launchAtLoginNeedsApproval(parts_->launchAtLogin.needsApproval()),
       streamDisplayMode(parts_->settings.streamDisplayMode()),
@@ -67,6 +69,12 @@ bool StreamCoordinator::canChangeDisplayMode() const {
 
 Task<void> StreamCoordinator::selectDefaultDisplayIfNeeded() {
   return parts_->source.selectDefaultDisplayIfNeeded();
+}
+Task<bool> StreamCoordinator::prepareMainDisplaySource() {
+  return parts_->browserDisplay.prepareMainDisplaySource();
+}
+void StreamCoordinator::clearBrowserDisplaySelection() {
+  parts_->browserDisplay.end();
 }
 Task<void> StreamCoordinator::startServing() {
   return parts_->lifecycle.startServing();

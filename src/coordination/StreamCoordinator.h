@@ -56,6 +56,9 @@ class StreamCoordinator final : public std::enable_shared_from_this<StreamCoordi
   const Observable<bool>& screenCapturePermissionGranted;
   const Observable<bool>& remoteControlPermissionGranted;
   const Observable<bool>& isUpdatingStreamSettings;
+  /// The private virtual display exists and is the selected source.
+  const Observable<bool>& isBrowserDisplayActive;
+  const Observable<bool>& isPreparingBrowserDisplay;
   /// The program starts when the user logs in, or would if the user allowed it.
   const Observable<bool>& launchAtLoginEnabled;
   const Observable<bool>& launchAtLoginNeedsApproval;
@@ -86,6 +89,11 @@ class StreamCoordinator final : public std::enable_shared_from_this<StreamCoordi
 
   /// Selects the main display, once in the life of the process, if no source is selected.
   Task<void> selectDefaultDisplayIfNeeded();
+  /// Selects the main display and opens the managed Chrome on it; whether both succeeded. Does nothing while
+  /// the source may not be changed.
+  Task<bool> prepareMainDisplaySource();
+  /// Closes the managed browser and its display, for the end of the program.
+  void clearBrowserDisplaySelection();
   /// Brings the server up and arms the standby: capture starts when a viewer asks. Does nothing while a start
   /// runs or the server is up. After a failure everything is torn down and the phase is `failed`.
   Task<void> startServing();

@@ -48,6 +48,12 @@ class StreamCoordinator::LocalViewerRequests final
   void onViewerTelemetry(const ViewerTelemetry& telemetry) override {
     postWhileFew(reports_, [telemetry](auto& to) { to.telemetry->takeViewerTelemetry(telemetry); });
   }
+  void openChrome() {
+    postWhileFew(openings_, [](auto& to) { to.startFlow(to.browserDisplay.handleOpenChromeRequest()); });
+  }
+  void resetBrowser() {
+    postWhileFew(resets_, [](auto& to) { to.startFlow(to.browserDisplay.handleResetBrowserRequest()); });
+  }
   void onViewerConnectionChanged(bool connected, bool) override {
     post([connected](auto& to) { to.viewers->handleLocalViewerChange(connected); });
   }
@@ -80,6 +86,8 @@ class StreamCoordinator::LocalViewerRequests final
   WaitingTurns settings_ = 0;
   WaitingTurns fallbacks_ = 0;
   WaitingTurns reports_ = 0;
+  WaitingTurns openings_ = 0;
+  WaitingTurns resets_ = 0;
 };
 
 void StreamCoordinator::connect() {
@@ -122,8 +130,11 @@ void StreamCoordinator::wireCapture() {
 }
 
 void StreamCoordinator::wireServer() {
-  parts_->server->setHandlers(std::make_shared<ViewerInput>(parts_->remoteControl),
-                              std::make_shared<LocalViewerRequests>(weak_from_this(), *parts_));
+  auto requests = std::make_shared<LocalViewerRequests>(weak_from_this(), *parts_);
+  auto input = std::make_shared<ViewerInput>(
+      parts_->remoteControl, [requests] { requests->openChrome(); },
+      [requests] { requests->resetBrowser(); });
+  parts_->server->setHandlers(std::move(input), std::move(requests));
 }
 
 }  // namespace kestrune

@@ -93,10 +93,17 @@ Task<void> StreamLifecycle::handleStreamStartRequest() {
     co_return;
   }
   if (isTearingDown_ || teardownTask_.isRunning()) co_return;
-  if (startupTask_.isRunning()) {
+  if (startupTask_.isRunning() || joints_.isPreparingSource()) {
     routes_->setState(RemoteStreamState::starting);
     co_return;
   }
+  if (!isRemoteStartArmed_) co_return;
+  routes_->setState(RemoteStreamState::starting);
+  const int endings = endings_;
+  Task<bool> preparation = joints_.prepareSource();
+  const bool isPrepared = co_await preparation;
+  // A stop, or another request, may have come meanwhile.
+  if (!isPrepared || endings != endings_ || startupTask_.isRunning() || capture_.isCapturing()) co_return;
   Task<void> body = captureBody();
   co_await runStartup(std::move(body));
 }
@@ -106,7 +113,6 @@ Task<void> StreamLifecycle::captureBody() {
   const bool hasSource = joints_.hasSource();
   if (hasSource) phase_.set(Case::starting);
   errors_.clear();
-  routes_->setState(RemoteStreamState::starting);
   kLog.info("Starting screen capture from Remote Start standby");
   std::exception_ptr failure;
   try {
@@ -213,6 +219,7 @@ Task<void> StreamLifecycle::stop() {
 }
 
 Task<void> StreamLifecycle::returnToStandby() {
+  ++endings_;
   const bool wasBusy = isRemoteStartBusy_;
   isRemoteStartBusy_ = true;
   joints_.onStreamEnding();
@@ -227,7 +234,10 @@ Task<void> StreamLifecycle::returnToStandby() {
 }
 
 Task<void> StreamLifecycle::prepareForTermination() {
+  joints_.onTerminating();
   co_await endStartup();
+  Task<void> ending = joints_.endBrowser();
+  co_await ending;
   co_await teardown();
 }
 
@@ -238,6 +248,7 @@ Task<void> StreamLifecycle::teardown() {
 
 Task<void> StreamLifecycle::runTeardown() {
   isTearingDown_ = true;
+  ++endings_;
   isRemoteStartArmed_ = false;
   joints_.onTeardownBegan();
   capture_.setVideoEncodingEnabled(false);

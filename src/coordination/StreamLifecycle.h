@@ -24,6 +24,10 @@ class StreamLifecycle {
     std::function<bool()> requirePermissions;
     std::function<bool()> hasSource;
     std::function<bool()> isViewerConnected;
+    /// Whether the source is being prepared; a start request then waits for the viewer's next one.
+    std::function<bool()> isPreparingSource;
+    /// Selects and readies what a stream shows; whether that succeeded. A viewer that waits is told why not.
+    std::function<Task<bool>()> prepareSource;
     std::function<void()> onServerStarted;
     std::function<void()> onArmed;
     /// Capture is about to stop, or has stopped by itself: the button that the viewer holds is released.
@@ -32,6 +36,10 @@ class StreamLifecycle {
     std::function<void()> onStreamEnded;
     std::function<void()> onTeardownBegan;
     std::function<void()> onTornDown;
+    /// The program is about to end: nothing may be opened any more.
+    std::function<void()> onTerminating;
+    /// Ends the managed browser.
+    std::function<Task<void>()> endBrowser;
   };
 
   StreamLifecycle(FlowStarter startFlow, CaptureControl& capture, std::shared_ptr<ViewerRoutes> routes,
@@ -55,6 +63,8 @@ class StreamLifecycle {
 
   /// The one decision about a viewer's request to start, on any route.
   Task<void> handleStreamStartRequest();
+  /// Shows viewers an error; `record`: also the user at the machine. Changes no phase.
+  void publishRemoteError(const std::string& message, bool record);
   /// The capture stream has ended by itself.
   Task<void> handleCaptureStopped(std::exception_ptr failure);
   void handleSourceReported();
@@ -69,7 +79,6 @@ class StreamLifecycle {
   Task<void> runTeardown();
   Task<void> endStartup();
   StreamPhase restingPhase() const;
-  void publishRemoteError(const std::string& message, bool record);
 
   const FlowStarter startFlow_;
   CaptureControl& capture_;
@@ -81,6 +90,7 @@ class StreamLifecycle {
   Published<bool> isRemoteStartBusy_;
   TaskSlot startupTask_;
   TaskSlot teardownTask_;
+  int endings_ = 0;  // of streams, and of what would have become one
   bool ownsActiveResources_ = false;
   bool isTearingDown_ = false;
 };

@@ -6,8 +6,11 @@
 
 namespace kestrune {
 
-ViewerInput::ViewerInput(std::weak_ptr<RemoteControlService> remoteControl)
-    : remoteControl_(std::move(remoteControl)) {}
+ViewerInput::ViewerInput(std::weak_ptr<RemoteControlService> remoteControl, std::function<void()> openChrome,
+                         std::function<void()> resetBrowser)
+    : remoteControl_(std::move(remoteControl)),
+      openChrome_(std::move(openChrome)),
+      resetBrowser_(std::move(resetBrowser)) {}
 
 template <class... Parameters, class... Arguments>
 RemoteTapResult ViewerInput::forward(RemoteTapResult (RemoteControlService::*operation)(Parameters...),
@@ -58,6 +61,16 @@ RemoteTapResult ViewerInput::onRemotePlayPause() {
 
 RemoteTapResult ViewerInput::onRemoteFullscreen() {
   return forward(&RemoteControlService::pressKey, "f");
+}
+
+RemoteTapResult ViewerInput::onRemoteOpenChrome() {
+  openChrome_();
+  return RemoteTapResult::clicked;
+}
+
+RemoteTapResult ViewerInput::onRemoteResetBrowser() {
+  resetBrowser_();
+  return RemoteTapResult::clicked;
 }
 
 }  // namespace kestrune

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -10,10 +11,13 @@ namespace kestrune {
 class RemoteControlService;
 
 /// The input of every route's viewer, handed straight to the services on the queue of the route, past the
-/// main queue and its state. Once a service is gone, eventFailed.
+/// main queue and its state. Once a service is gone, eventFailed. The browser alone belongs to the main
+/// queue: what is asked of it is answered before it is done.
 class ViewerInput final : public RemoteInput {
  public:
-  explicit ViewerInput(std::weak_ptr<RemoteControlService> remoteControl);
+  /// The two functions are called on the queue of the route and must not block.
+  ViewerInput(std::weak_ptr<RemoteControlService> remoteControl, std::function<void()> openChrome,
+              std::function<void()> resetBrowser);
 
   RemoteTapResult onRemoteTap(double x, double y) override;
   RemoteTapResult onRemotePointer(RemotePointerPhase phase, double x, double y) override;
@@ -26,6 +30,8 @@ class ViewerInput final : public RemoteInput {
   void onRemoteControlEnded() override;
   RemoteTapResult onRemotePlayPause() override;
   RemoteTapResult onRemoteFullscreen() override;
+  RemoteTapResult onRemoteOpenChrome() override;
+  RemoteTapResult onRemoteResetBrowser() override;
 
  private:
   template <class... Parameters, class... Arguments>
@@ -33,6 +39,8 @@ class ViewerInput final : public RemoteInput {
                           const Arguments&... arguments) const;
 
   const std::weak_ptr<RemoteControlService> remoteControl_;
+  const std::function<void()> openChrome_;
+  const std::function<void()> resetBrowser_;
 };
 
 }  // namespace kestrune

@@ -10,6 +10,7 @@
 #include "model/KestruneError.h"
 #include "support/CapturedLog.h"
 #include "support/FakeActivities.h"
+#include "support/FakeBrowser.h"
 #include "support/FakeBundle.h"
 #include "support/FakeCompression.h"
 #include "support/FakeCredentials.h"
@@ -60,6 +61,12 @@ class CoordinatorTest : public testing::Test {
     platform.credentials = credentials;
     platform.random = std::make_shared<FakeRandomSource>();
     platform.displays = displays;
+    platform.displayModes = displayModes;
+    platform.virtualDisplays = virtualDisplays;
+    platform.displayArrangement = virtualDisplays;
+    platform.applications = browser;
+    platform.windows = browser;
+    platform.files = files;
     platform.permissions = permissions;
     platform.inputEvents = input;
     platform.screenCapture = screen;
@@ -182,6 +189,11 @@ class CoordinatorTest : public testing::Test {
   std::shared_ptr<FakeInputEvents> input = std::make_shared<FakeInputEvents>();
   std::shared_ptr<FakeNetwork> network = std::make_shared<FakeNetwork>(time->makeQueue("server"));
   std::shared_ptr<FakeScreenCapture> screen = std::make_shared<FakeScreenCapture>();
+  std::shared_ptr<FakeBrowser> browser = std::make_shared<FakeBrowser>();
+  std::shared_ptr<FakeUserFiles> files = std::make_shared<FakeUserFiles>();
+  std::shared_ptr<FakeVirtualDisplays> virtualDisplays =
+      std::make_shared<FakeVirtualDisplays>(std::vector{&displays->displays, &screen->displays});
+  std::shared_ptr<FakeDisplayModes> displayModes = std::make_shared<FakeDisplayModes>();
   std::shared_ptr<FakeCompressionSessionFactory> compression =
       std::make_shared<FakeCompressionSessionFactory>();
   std::shared_ptr<FakeActivities> activities = std::make_shared<FakeActivities>();
