@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "platform/linux/applications/LinuxApplications.h"
 #include "platform/linux/audio/SoxrSampleRateConverter.h"
 #include "platform/linux/capture/X11ScreenCapture.h"
 #include "platform/linux/credentials/HelperCredentialConnector.h"
@@ -10,6 +11,8 @@
 #include "platform/linux/desktop/DirectoryBundle.h"
 #include "platform/linux/desktop/JsonPreferences.h"
 #include "platform/linux/desktop/SystemActivities.h"
+#include "platform/linux/files/HomeFiles.h"
+#include "platform/linux/files/UserDirectories.h"
 #include "platform/linux/input/XTestInputEvents.h"
 #include "platform/linux/network/AsioNetwork.h"
 #include "platform/linux/pixel/LibyuvPixelTransfer.h"
@@ -20,6 +23,8 @@
 #include "platform/linux/stream/SystemScreenCapture.h"
 #include "platform/linux/video/SoftwareCompressionSessionFactory.h"
 #include "platform/linux/virtualdisplay/XvfbVirtualDisplays.h"
+#include "platform/linux/windows/RandRDisplayModes.h"
+#include "platform/linux/windows/X11Windows.h"
 #include "platform/linux/x11/X11Displays.h"
 #include "platform/linux/x11/X11PrivacyPermissions.h"
 #include "platform/linux/x11/X11Server.h"
@@ -34,13 +39,19 @@ ServerPorts portsOf(const std::shared_ptr<X11Server>& server) {
   ports.permissions = std::make_shared<X11PrivacyPermissions>(server);
   ports.inputEvents = std::make_shared<XTestInputEvents>(server);
   ports.screenCapture = std::make_shared<X11ScreenCapture>(server);
+  const auto windows = std::make_shared<X11Windows>(server);
+  ports.windows = windows;
+  ports.activate = [windows](ProcessID process) { windows->activate(process); };
+  ports.showHidden = [windows](ProcessID process) { windows->unhide(process); };
   return ports;
 }
 
 }  // namespace
 
 Platform makeLinuxPlatform(std::shared_ptr<Reactor> watching) {
-  const auto space = std::make_shared<DisplaySpace>(portsOf(std::make_shared<X11Server>()));
+  const auto desktop = std::make_shared<X11Server>();
+  const auto space = std::make_shared<DisplaySpace>(portsOf(desktop));
+  const auto windows = std::make_shared<SpaceWindows>(space);
   Platform platform;
   platform.clock = systemClock();
   platform.makeQueue = [](std::string label) { return std::make_shared<ThreadQueue>(std::move(label)); };
@@ -51,7 +62,13 @@ Platform makeLinuxPlatform(std::shared_ptr<Reactor> watching) {
   platform.displays = std::make_shared<SpaceDisplays>(space);
   platform.virtualDisplays = std::make_shared<XvfbVirtualDisplays>(space, portsOf);
   platform.displayArrangement = std::make_shared<SpaceArrangement>(space);
-  platform.windows = std::make_shared<SpaceWindows>(space);
+  platform.displayModes = std::make_shared<RandRDisplayModes>(desktop, stateHome() / "kestrune");
+  platform.windows = windows;
+  platform.applications = std::make_shared<LinuxApplications>(
+      [space](DisplayID display) { return space->environmentOf(display); },
+      WindowActions{.activate = [windows](ProcessID process) { windows->activate(process); },
+                    .unhide = [windows](ProcessID process) { windows->showHidden(process); }});
+  platform.files = std::make_shared<HomeFiles>();
   platform.permissions = std::make_shared<SpacePermissions>(space);
   platform.inputEvents = std::make_shared<SpaceInputEvents>(space);
   platform.screenCapture = std::make_shared<SystemScreenCapture>(std::make_shared<SpaceScreenCapture>(space));

@@ -19,7 +19,7 @@ constexpr std::chrono::milliseconds kWorkAreaLimit{300};
 constexpr std::chrono::milliseconds kLookAgain{10};
 
 std::string nameOfDisplay(const X11Server& server) {
-  if (!server.displayName().empty()) return server.displayName();
+  if (!server.address().name.empty()) return server.address().name;
   // Nothing in this program changes its environment.
   const char* name = std::getenv("DISPLAY");  // NOLINT(concurrency-mt-unsafe)
   return name != nullptr ? name : "";
@@ -63,7 +63,7 @@ RandRDisplayModes::RandRDisplayModes(std::shared_ptr<X11Server> server, std::fil
 
 void RandRDisplayModes::withDisplay(DisplayID display, const Use& use) const {
   try {
-    const auto connection = X11Connection::open(server_->displayName());
+    const auto connection = X11Connection::open(server_->address());
     const auto screen = readRandRScreen(*connection);
     if (!screen) return;
     const auto* output = screen->findOutput(display);

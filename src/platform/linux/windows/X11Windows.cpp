@@ -58,7 +58,7 @@ X11Windows::~X11Windows() {
 void X11Windows::connect() {
   bool isConnected = true;
   try {
-    session_ = std::make_unique<Session>(X11Connection::open(server_->displayName(), interrupt_));
+    session_ = std::make_unique<Session>(X11Connection::open(server_->address(), interrupt_));
   } catch (const X11Error&) {
     isConnected = false;  // the X11Server says why
     if (!interrupt_->isInterrupted()) queue_->postAfter(kRetryDelay, [this] { connect(); });
