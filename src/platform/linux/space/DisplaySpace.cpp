@@ -73,8 +73,7 @@ Point Region::nearest(Point global) const {
 DisplaySpace::DisplaySpace(ServerPorts desktop) {
   Region region;
   region.ports = std::move(desktop);
-  regions_ = std::make_shared<const std::vector<SharedRegion>>(
-      std::vector<SharedRegion>{std::make_shared<const Region>(std::move(region))});
+  regions_.push_back(std::make_shared<const Region>(std::move(region)));
 }
 
 DisplayID DisplaySpace::newDisplayID() {
@@ -82,13 +81,13 @@ DisplayID DisplaySpace::newDisplayID() {
   return next++;
 }
 
-DisplaySpace::Regions DisplaySpace::regions() const {
+std::vector<SharedRegion> DisplaySpace::regions() const {
   const std::lock_guard guard(lock_);
   return regions_;
 }
 
 SharedRegion DisplaySpace::regionOf(DisplayID display) const {
-  for (const SharedRegion& region : *regions()) {
+  for (const SharedRegion& region : regions()) {
     if (region->localDisplay(display)) return region;
   }
   return nullptr;
@@ -97,7 +96,7 @@ SharedRegion DisplaySpace::regionOf(DisplayID display) const {
 SharedRegion DisplaySpace::regionAt(Point global) const {
   SharedRegion best;
   double bestDistance = 0;
-  for (const SharedRegion& region : *regions()) {
+  for (const SharedRegion& region : regions()) {
     if (region->displays().empty()) continue;
     const double distance = squaredDistance(region->nearest(global), global);
     if (best && distance >= bestDistance) continue;
@@ -108,20 +107,20 @@ SharedRegion DisplaySpace::regionAt(Point global) const {
 }
 
 SharedRegion DisplaySpace::region(DisplayID id) const {
-  return find(*regions(), id);
+  return find(regions(), id);
 }
 
 SharedRegion DisplaySpace::mainRegion() const {
-  const Regions all = regions();
-  for (const SharedRegion& region : *all) {
+  const auto all = regions();
+  for (const SharedRegion& region : all) {
     if (region->ports.displays->mainDisplay()) return region;
   }
-  return all->front();
+  return all.front();
 }
 
 Point DisplaySpace::freeOrigin() const {
   std::optional<Point> right;
-  for (const SharedRegion& region : *regions()) {
+  for (const SharedRegion& region : regions()) {
     for (const DisplayID display : region->displays()) {
       const Rect area = region->bounds(display);
       const Point corner{area.x + area.width, area.y};
@@ -138,23 +137,20 @@ void DisplaySpace::add(DisplayID id, ServerPorts ports, std::vector<std::string>
   region.ports = std::move(ports);
   region.environment = std::move(environment);
   const std::lock_guard guard(lock_);
-  auto all = *regions_;
-  all.push_back(std::make_shared<const Region>(std::move(region)));
-  regions_ = std::make_shared<const std::vector<SharedRegion>>(std::move(all));
+  regions_.push_back(std::make_shared<const Region>(std::move(region)));
 }
 
 void DisplaySpace::remove(DisplayID id) {
-  Regions before;  // the end of what it holds is not under the lock
+  SharedRegion removed;  // its end is not under the lock
   const std::lock_guard guard(lock_);
-  auto all = *regions_;
-  std::erase_if(all, [id](const SharedRegion& each) { return !each->isDesktop() && each->id == id; });
-  before = std::exchange(regions_, std::make_shared<const std::vector<SharedRegion>>(std::move(all)));
+  removed = find(regions_, id);
+  if (removed && !removed->isDesktop()) std::erase(regions_, removed);
   if (keyboardFocus_ == id) keyboardFocus_ = 0;
 }
 
 bool DisplaySpace::setOrigins(const std::map<DisplayID, Point>& origins) {
   const std::lock_guard guard(lock_);
-  auto all = *regions_;
+  auto all = regions_;
   for (const auto& [id, origin] : origins) {
     const auto found = std::find_if(all.begin(), all.end(), [display = id](const SharedRegion& each) {
       return !each->isDesktop() && each->id == display;
@@ -164,7 +160,7 @@ bool DisplaySpace::setOrigins(const std::map<DisplayID, Point>& origins) {
     moved.origin = origin;
     *found = std::make_shared<const Region>(std::move(moved));
   }
-  regions_ = std::make_shared<const std::vector<SharedRegion>>(std::move(all));
+  regions_.swap(all);
   return true;
 }
 
@@ -182,7 +178,7 @@ DisplayID DisplaySpace::keyboardFocus() const {
 
 void DisplaySpace::setKeyboardFocus(DisplayID regionID) {
   const std::lock_guard guard(lock_);
-  if (find(*regions_, regionID)) keyboardFocus_ = regionID;
+  if (find(regions_, regionID)) keyboardFocus_ = regionID;
 }
 
 }  // namespace kestrune::linux_platform

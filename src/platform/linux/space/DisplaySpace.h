@@ -58,14 +58,13 @@ using SharedRegion = std::shared_ptr<const Region>;
 /// it.
 class DisplaySpace {
  public:
-  using Regions = std::shared_ptr<const std::vector<SharedRegion>>;  // the desktop first; never null
-
   explicit DisplaySpace(ServerPorts desktop);
 
   /// For a private display. Unlike every other of the process, and unlike a display server's own.
   static DisplayID newDisplayID();
 
-  Regions regions() const;
+  /// The desktop first, which is always there.
+  std::vector<SharedRegion> regions() const;
   /// The region that a display is in; null for one that is not active.
   SharedRegion regionOf(DisplayID display) const;
   /// The region that shows the point, or is nearest to it; null where there are no displays.
@@ -93,7 +92,7 @@ class DisplaySpace {
   Point freeOrigin() const;
 
   mutable std::mutex lock_;  // guards the rest
-  Regions regions_;
+  std::vector<SharedRegion> regions_;
   DisplayID keyboardFocus_ = 0;
 };
 

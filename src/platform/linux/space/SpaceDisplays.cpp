@@ -29,7 +29,7 @@ std::optional<DisplayID> SpaceDisplays::mainDisplay() const {
 
 std::vector<DisplayID> SpaceDisplays::activeDisplays() const {
   std::vector<DisplayID> all;
-  for (const SharedRegion& region : *space_->regions()) {
+  for (const SharedRegion& region : space_->regions()) {
     const auto displays = region->displays();
     all.insert(all.end(), displays.begin(), displays.end());
   }

@@ -106,7 +106,7 @@ class SpaceInputEvents::Router {
   std::optional<Point> cursorLocation() {
     std::map<DisplayID, Point> now;  // in each server's terms
     const auto regions = space_->regions();
-    for (const SharedRegion& region : *regions) {
+    for (const SharedRegion& region : regions) {
       if (const auto place = region->ports.inputEvents->cursorLocation()) now[region->id] = *place;
     }
     DisplayID moved = 0;
@@ -122,7 +122,7 @@ class SpaceInputEvents::Router {
       if (!now.contains(pointer_) && !now.empty()) pointer_ = now.begin()->first;
       moved = pointer_;
     }
-    for (const SharedRegion& region : *regions) {
+    for (const SharedRegion& region : regions) {
       if (region->id == moved && now.contains(moved)) return region->toGlobal(now[moved]);
     }
     return std::nullopt;
@@ -216,7 +216,7 @@ SpaceInputEvents::SpaceInputEvents(std::shared_ptr<DisplaySpace> space)
     : router_(std::make_shared<Router>(std::move(space))) {}
 
 std::unique_ptr<InputEventSource> SpaceInputEvents::createSource() {
-  for (const SharedRegion& region : *router_->space().regions()) {
+  for (const SharedRegion& region : router_->space().regions()) {
     if (region->ports.inputEvents->createSource()) return std::make_unique<Source>(router_);
   }
   return nullptr;

@@ -73,9 +73,9 @@ class JoinedContent {
 void SpaceScreenCapture::shareableContent(bool excludingDesktopWindows, bool onScreenWindowsOnly,
                                           ContentCompletion completion) {
   const auto regions = space_->regions();
-  const auto joined = std::make_shared<JoinedContent>(*regions, std::move(completion));
-  for (std::size_t i = 0; i < regions->size(); ++i) {
-    (*regions)[i]->ports.screenCapture->shareableContent(
+  const auto joined = std::make_shared<JoinedContent>(regions, std::move(completion));
+  for (std::size_t i = 0; i < regions.size(); ++i) {
+    regions[i]->ports.screenCapture->shareableContent(
         excludingDesktopWindows, onScreenWindowsOnly,
         [joined, i](std::optional<ShareableContent> content, std::exception_ptr failure) {
           joined->take(i, std::move(content), std::move(failure));

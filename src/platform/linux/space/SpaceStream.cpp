@@ -16,7 +16,7 @@ std::exception_ptr failure(const char* text) {
 SharedRegion regionOf(const DisplaySpace& space, const ContentFilter& filter) {
   const SharedRegion found =
       filter.includedDisplays.empty() ? nullptr : space.regionOf(filter.includedDisplays.front().id);
-  return found ? found : space.regions()->front();
+  return found ? found : space.regions().front();
 }
 
 ContentFilter toLocal(const Region& region, ContentFilter filter) {

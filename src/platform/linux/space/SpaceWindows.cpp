@@ -16,7 +16,7 @@ bool hasWindowOf(const ServerPorts& ports, ProcessID process) {
 
 std::vector<WindowInfo> SpaceWindows::onScreenWindows() {
   std::vector<WindowInfo> all;
-  for (const SharedRegion& region : *space_->regions()) {
+  for (const SharedRegion& region : space_->regions()) {
     if (!region->ports.windows) continue;
     for (WindowInfo& window : region->ports.windows->onScreenWindows()) {
       if (window.bounds) window.bounds = region->toGlobal(*window.bounds);
@@ -35,14 +35,14 @@ bool SpaceWindows::placeFirstWindow(ProcessID process, const Rect& frame) {
 }
 
 void SpaceWindows::activate(ProcessID process) {
-  for (const SharedRegion& region : *space_->regions()) {
+  for (const SharedRegion& region : space_->regions()) {
     if (region->ports.activate) region->ports.activate(process);
     if (hasWindowOf(region->ports, process)) space_->setKeyboardFocus(region->id);
   }
 }
 
 void SpaceWindows::showHidden(ProcessID process) {
-  for (const SharedRegion& region : *space_->regions()) {
+  for (const SharedRegion& region : space_->regions()) {
     if (region->ports.showHidden) region->ports.showHidden(process);
   }
 }
