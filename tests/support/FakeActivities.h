@@ -1,7 +1,6 @@
 #pragma once
 
 #include <memory>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -37,21 +36,12 @@ class FakeActivities final : public Activities {
 
 class FakeLoginItem final : public LoginItem {
  public:
-  Status current = Status::notRegistered;
-  /// What a registration leads to.
-  Status registered = Status::enabled;
-  /// If not empty, registering and unregistering fail with it.
-  std::string failure;
-
-  Status status() const override { return current; }
-  void registerItem() override { change(registered); }
-  void unregisterItem() override { change(Status::notRegistered); }
+  Status status() const override { return current_; }
+  void registerItem() override { current_ = Status::enabled; }
+  void unregisterItem() override { current_ = Status::notRegistered; }
 
  private:
-  void change(Status next) {
-    if (!failure.empty()) throw std::runtime_error(failure);
-    current = next;
-  }
+  Status current_ = Status::notRegistered;
 };
 
 }  // namespace kestrune

@@ -39,12 +39,10 @@ class FakeFormatDescription final : public VideoFormatDescription {
 
 class FakeBlockBuffer final : public BlockBuffer {
  public:
-  explicit FakeBlockBuffer(Bytes bytes, MediaStatus copyStatus = 0)
-      : bytes_(std::move(bytes)), copyStatus_(copyStatus) {}
+  explicit FakeBlockBuffer(Bytes bytes) : bytes_(std::move(bytes)) {}
 
   std::size_t length() const override { return bytes_.size(); }
   MediaStatus copy(std::size_t offset, std::span<std::uint8_t> destination) const override {
-    if (copyStatus_ != 0) return copyStatus_;
     if (offset + destination.size() > bytes_.size()) return -1;
     std::copy_n(bytes_.begin() + static_cast<std::ptrdiff_t>(offset), destination.size(),
                 destination.begin());
@@ -53,12 +51,10 @@ class FakeBlockBuffer final : public BlockBuffer {
 
  private:
   Bytes bytes_;
-  MediaStatus copyStatus_;
 };
 
 /// What a fake session does.
 struct FakeSessionBehaviour {
-  MediaStatus propertyStatus = 0;
   MediaStatus prepareStatus = 0;
   bool answersAtOnce = false;  // each frame becomes a sample within encode()
 };
@@ -97,7 +93,7 @@ class FakeCompressionSession final : public CompressionSession {
 
   MediaStatus setProperty(const CompressionProperty& property) override {
     record_->properties.push_back(property);
-    return record_->propertyStatus;
+    return 0;
   }
   MediaStatus prepareToEncode() override { return record_->prepareStatus; }
   MediaStatus encode(const SharedPixelBuffer& image, std::optional<std::int64_t> presentationMicroseconds,
@@ -130,6 +126,12 @@ class FakeCompressionSessionFactory final : public CompressionSessionFactory, pu
   std::deque<MediaStatus> createStatuses;  // used up from the front, then 0
   std::vector<std::optional<EncoderSpecification>> attempts;
   std::vector<std::shared_ptr<FakeSessionRecord>> sessions;
+
+  std::size_t frameCount() const {
+    std::size_t count = 0;
+    for (const auto& session : sessions) count += session->frames.size();
+    return count;
+  }
 
   Result create(std::int32_t width, std::int32_t height, VideoCodecType codec,
                 const std::optional<EncoderSpecification>& specification) override {

@@ -6,7 +6,6 @@
 #include <optional>
 #include <string>
 #include <utility>
-#include <vector>
 
 #include "platform/Credentials.h"
 #include "platform/RandomSource.h"
@@ -20,8 +19,7 @@ class FakeCredentials final : public CredentialConnector {
   enum class Behaviour { answer, noProxy, interrupt, invalidate, errorHandler };
   using Name = std::pair<std::string, std::string>;  // service and account
 
-  std::unique_ptr<CredentialConnection> connect(const std::string& serviceName) override {
-    serviceNames.push_back(serviceName);
+  std::unique_ptr<CredentialConnection> connect(const std::string& /*serviceName*/) override {
     return std::make_unique<Connection>(*this);
   }
   void setItem(const std::string& service, const std::string& account, std::string_view text) {
@@ -35,7 +33,6 @@ class FakeCredentials final : public CredentialConnector {
   int reads = 0;
   int writes = 0;
   int openConnections = 0;
-  std::vector<std::string> serviceNames;
 
  private:
   struct Connection final : CredentialConnection, CredentialHelperProtocol {

@@ -32,18 +32,11 @@ class FakePixelTransferFactory final : public PixelTransferFactory {
     friend bool operator==(const Transfer&, const Transfer&) = default;
   };
 
-  bool makesSessions = true;
   std::int32_t poolStatus = 0;
-  std::int32_t transferStatus = 0;
-  int sessionsMade = 0;
   std::vector<std::pair<int, int>> pools;
   std::vector<Transfer> transfers;
 
-  std::unique_ptr<PixelTransferSession> createSession() override {
-    if (!makesSessions) return nullptr;
-    ++sessionsMade;
-    return std::make_unique<Session>(*this);
-  }
+  std::unique_ptr<PixelTransferSession> createSession() override { return std::make_unique<Session>(*this); }
   std::unique_ptr<PixelBufferPool> createPool(int width, int height) override {
     pools.emplace_back(width, height);
     return std::make_unique<Pool>(*this, width, height);
@@ -59,7 +52,7 @@ class FakePixelTransferFactory final : public PixelTransferFactory {
     std::int32_t transfer(const PixelBuffer& source, PixelBuffer& destination) override {
       factory_.transfers.push_back(
           {source.width(), source.height(), destination.width(), destination.height()});
-      return factory_.transferStatus;
+      return 0;
     }
 
    private:

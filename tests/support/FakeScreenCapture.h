@@ -6,6 +6,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -15,6 +16,10 @@
 #include "support/FakePixelTransfer.h"
 
 namespace kestrune {
+
+inline std::exception_ptr failure(const std::string& text) {
+  return std::make_exception_ptr(std::runtime_error(text));
+}
 
 /// A picture as capture gives it.
 inline VideoSample makeVideoSample(int width = 1280, int height = 720,

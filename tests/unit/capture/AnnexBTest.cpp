@@ -6,23 +6,11 @@
 namespace kestrune {
 namespace {
 
-using Case = H264AnnexBError::Case;
-
-TEST(AnnexB, ParameterSetsComeInOrderAndFailWithTheCodecsMessages) {
+TEST(AnnexB, ParameterSetsComeInOrder) {
   const auto format = FakeFormatDescription::withSets({{0x67, 1}, {}, {0x68}}, 2);
   const auto sets = std::get<annexb::ParameterSets>(annexb::parameterSets(*format, StreamVideoCodec::h264));
   EXPECT_EQ(sets.bytes, (Bytes{0, 0, 0, 1, 0x67, 1, 0, 0, 0, 1, 0, 0, 0, 1, 0x68}));
   EXPECT_EQ(sets.nalHeaderLength, 2);
-
-  const auto message = [&](StreamVideoCodec codec) {
-    return std::get<KestruneError>(annexb::parameterSets(*format, codec)).localizedDescription();
-  };
-  format->sets[1] = {0, nullptr, 0};
-  EXPECT_EQ(message(StreamVideoCodec::h264), "Unable to read an H.264 parameter set (OSStatus 0).");
-  format->sets[1] = {-5, format->memory[0].data(), 1};
-  EXPECT_EQ(message(StreamVideoCodec::hevc), "Unable to read an H.265 parameter set (OSStatus -5).");
-  format->summary.status = -12710;
-  EXPECT_EQ(message(StreamVideoCodec::h264), "Unable to read H.264 parameter sets (OSStatus -12710).");
 }
 
 TEST(AnnexB, AKeyframeCarriesItsParameterSetsAndADeltaFrameIgnoresItsDescription) {
@@ -52,17 +40,6 @@ TEST(AnnexB, AKeyframeCarriesItsParameterSetsAndADeltaFrameIgnoresItsDescription
   EXPECT_EQ(assembled(emptyKey).payload, (Bytes{0, 0, 0, 1, 0x67, 0, 0, 0, 1, 0x68}));
   EXPECT_EQ(assembled(*makeFakeSample({}, false)).payload, Bytes{});
   EXPECT_EQ(assembled(*makeFakeSample({0, 0, 0, 1, 0x65}, true)).payload, (Bytes{0, 0, 0, 1, 0x65}));
-}
-
-TEST(AnnexB, AnyFailureEndsTheAssembly) {
-  const auto failure = [](const EncodedSample& sample) {
-    return std::get<H264AnnexBError>(annexb::assemble(sample, StreamVideoCodec::h264));
-  };
-  EncodedSample sample;
-  EXPECT_EQ(failure(sample), H264AnnexBError(Case::missingDataBuffer));
-  sample.data = std::make_shared<FakeBlockBuffer>(Bytes{0, 0, 0, 1, 9}, -12706);
-  EXPECT_EQ(failure(sample), H264AnnexBError::blockBufferReadFailed(-12706));
-  EXPECT_EQ(failure(*makeFakeSample({0, 0, 0, 1, 9, 0, 0, 0, 0}, false)).value(), Case::emptyNALUnit);
 }
 
 }  // namespace

@@ -20,10 +20,6 @@ using Lines = std::vector<std::string>;
 inline constexpr ShareableDisplay kMain{7, {0, 0, 1920, 1080}};
 inline constexpr ShareableDisplay kSide{9, {1920, 0, 1280, 1024}};
 
-inline std::exception_ptr failure(const std::string& text) {
-  return std::make_exception_ptr(std::runtime_error(text));
-}
-
 inline ContentFilter displayFilter(const ShareableDisplay& display) {
   return FakeScreenCapture().filterForDisplay(display);
 }
@@ -128,11 +124,6 @@ class ScreenCaptureServiceTest : public ::testing::Test {
   /// The output of the newest session for its last frame: a packet of 5 bytes.
   void emit(bool isKeyframe) {
     compression->sessions.back()->frames.back().handler(0, makeFakeSample({0, 0, 0, 1, 9}, isKeyframe));
-  }
-  std::size_t encodedFrames() const {
-    std::size_t count = 0;
-    for (const auto& session : compression->sessions) count += session->frames.size();
-    return count;
   }
   bool lastWasForced() const { return compression->sessions.back()->frames.back().forceKeyframe; }
 

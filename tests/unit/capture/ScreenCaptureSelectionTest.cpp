@@ -1,55 +1,21 @@
 #include "ScreenCaptureFixture.h"
-#include "capture/CaptureContent.h"
 
 namespace kestrune {
 namespace {
 
 using ScreenCaptureSelectionTest = ScreenCaptureServiceTest;
 
-TEST(CaptureContent, ADisplayThatIsNotNamedIsTheOneThatOverlapsMost) {
-  FakeDisplays displays;
-  displays.displays = {kMain, kSide};
-  ContentFilter filter = displayFilter(kMain);
-  filter.includedDisplays.clear();
-  for (const auto& [rect, expected] : {std::pair<Rect, std::optional<DisplayID>>{{1800, 0, 400, 100}, 9},
-                                       {{0, -100, 50, 100}, std::nullopt}}) {  // touches, does not overlap
-    filter.contentRect = rect;
-    EXPECT_EQ(controlTargetOfContent(filter, displays), (RemoteControlTarget{rect, expected}));
-  }
-  filter.style = ContentFilter::Style::window;
-  EXPECT_FALSE(controlTargetOfContent(filter, displays));
-}
-
-TEST(CaptureContent, TheStreamIsAskedForTheEncodersSize) {
-  ContentFilter filter = displayFilter({1, {0, 0, 1440.4, 900}});
-  filter.pointPixelScale = 2;  // thus 2881 by 1800 pixels
-  const auto asked = streamConfiguration(filter, StreamProfile::high, StreamFrameRate::fps24,
-                                         AudioChannelMode::mono, false, true);
-  EXPECT_EQ(std::tuple(asked.width, asked.height, asked.channelCount), std::tuple(1600, 1000, 1));
-}
-
 TEST_F(ScreenCaptureSelectionTest, SelectsDisplaysByIdentifier) {
-  const auto selectDisplay = [this](DisplayID display, bool managed) {
-    return run(service->selectDisplay(display, std::nullopt, managed, managed));
+  const auto selectDisplay = [this](DisplayID display) {
+    return run(service->selectDisplay(display, std::nullopt, false, false));
   };
-  EXPECT_EQ(selectDisplay(7, false), "ok");
+  EXPECT_EQ(selectDisplay(7), "ok");
   EXPECT_EQ(take(), (Lines{"source Display 7", "target 7"}));
-  EXPECT_EQ(selectDisplay(8, false), "The selected display is not available to ScreenCaptureKit yet.");
+  EXPECT_EQ(selectDisplay(8), "The selected display is not available to ScreenCaptureKit yet.");
   capture->contentFailure = failure("no access");
-  EXPECT_EQ(selectDisplay(9, false), "Unable to find the selected display: no access");
+  EXPECT_EQ(selectDisplay(9), "Unable to find the selected display: no access");
   EXPECT_EQ(take(), Lines{});
   EXPECT_EQ(service->selectedDisplayID(), 7u);
-  EXPECT_FALSE(service->clearManagedSelection(7));
-
-  capture->contentFailure = nullptr;
-  EXPECT_EQ(selectDisplay(9, true), "ok");
-  EXPECT_FALSE(service->selectedDisplayID());
-  EXPECT_EQ(run(service->start({})), "ok");
-  EXPECT_FALSE(capture->latest()->configuration.excludesCurrentProcessAudio);
-  EXPECT_FALSE(service->clearManagedSelection(9));
-  EXPECT_EQ(run(service->stop()), "ok");
-  EXPECT_TRUE(service->clearManagedSelection(9));
-  EXPECT_EQ(run(service->start({})), "Choose a screen, window, or app first.");
 }
 
 TEST_F(ScreenCaptureSelectionTest, SelectionsOnARunningStreamHappenOneAfterTheOther) {

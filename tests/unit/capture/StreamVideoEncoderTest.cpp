@@ -91,13 +91,10 @@ TEST_F(StreamVideoEncoderTest, MakesASessionOfTheFramesSizeWithEveryProperty) {
                                               StreamVideoCodec::hevc, StreamBitRate::low,
                                               StreamVideoEncoderKind::software};
   make(settings);
-  sessions->propertyStatus = -12900;  // ignored
   submit(makeVideoSample(1600, 900));
   EXPECT_EQ(std::pair(session().width, session().height), std::pair(1600, 900));
   EXPECT_EQ(session().codec, VideoCodecType::hvc1);
   EXPECT_EQ(session().properties, compressionProperties(settings));
-  EXPECT_TRUE(log.contains(
-      "info [Encoder] H.265 (Experimental) CPU — Apple software encoder ready at 1600x900, 2 Mbps"));
 }
 
 TEST_F(StreamVideoEncoderTest, OnlyAutomaticTriesAgainAndThenWithoutASpecification) {
@@ -190,10 +187,6 @@ TEST_F(StreamVideoEncoderTest, DisablingEndsTheSessionAndInvalidationEverything)
   EXPECT_EQ(depths.back(), 0);
   submit();
   EXPECT_EQ(dropped, 1);
-  EXPECT_EQ(transfers->sessionsMade, 1);  // kept until the invalidation, which dropped it
-  encoder->prewarm();
-  time->runReady();
-  EXPECT_EQ(transfers->sessionsMade, 2);
 }
 
 TEST_F(StreamVideoEncoderTest, ScalesOnlyWhatDoesNotFitAndWarmsThatUp) {
@@ -216,22 +209,14 @@ TEST_F(StreamVideoEncoderTest, ScalesOnlyWhatDoesNotFitAndWarmsThatUp) {
   EXPECT_EQ(session().frames[2].image->changes, std::nullopt);
 }
 
-TEST_F(StreamVideoEncoderTest, ScalingFailuresAreReportedAndTheSessionStays) {
+TEST_F(StreamVideoEncoderTest, AFailureToScaleIsReportedAndTheSessionStays) {
   const VideoSample large = makeVideoSample(2560, 1440);
-  transfers->makesSessions = false;
-  submit(large);
-  transfers->makesSessions = true;
   transfers->poolStatus = -6662;
   submit(large);
   transfers->poolStatus = 0;
-  transfers->transferStatus = -12905;
-  submit(large);
-  transfers->transferStatus = 0;
   submit({});  // without a picture: abandoned without a report
   submit(large);
-  EXPECT_EQ(errors, (Texts{"The video scaling pipeline is unavailable.",
-                           "Unable to allocate a scaled video frame (CVReturn -6662).",
-                           "Unable to scale a video frame (OSStatus -12905)."}));
+  EXPECT_EQ(errors, Texts{"Unable to allocate a scaled video frame (CVReturn -6662)."});
   EXPECT_EQ(sessions->sessions.size(), 1u);
   EXPECT_EQ(forced(), std::vector{true});  // no failed frame has used the request up
   EXPECT_EQ(depths.back(), 0);
@@ -264,7 +249,6 @@ TEST_F(StreamVideoEncoderTest, ReportsOutputsThatGiveNoPacket) {
   EXPECT_EQ(errors, (Texts{"VideoToolbox failed to produce a frame (OSStatus -12911).",
                            "VideoToolbox failed to produce a frame (OSStatus 0).",
                            "VideoToolbox failed to produce a frame (OSStatus 0).", generic}));
-  EXPECT_TRUE(log.contains("error [Encoder] H.264 packet conversion failed: " + generic));
 }
 
 }  // namespace

@@ -50,16 +50,6 @@ TEST_F(ApplicationDelegateTest, TheFirstOfSeveralRequestsShutsDownAndThenEndsThe
   EXPECT_EQ(screen->latest()->calls.back(), "stop");
 }
 
-TEST_F(ApplicationDelegateTest, WithoutACoordinatorThereIsNothingToWaitFor) {
-  make();
-  attach();
-  observation.reset();
-  coordinator.reset();
-  EXPECT_EQ(delegate->applicationShouldTerminate(), Reply::terminateNow);
-  time->runReady();
-  EXPECT_EQ(terminations, 0);
-}
-
 TEST_F(ApplicationDelegateTest, OnlyANetworkThatComesBackIsARecovery) {
   make();
   attach();

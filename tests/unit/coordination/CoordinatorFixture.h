@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "coordination/StreamCoordinator.h"
-#include "model/KestruneError.h"
 #include "support/CapturedLog.h"
 #include "support/FakeActivities.h"
 #include "support/FakeBrowser.h"
@@ -74,7 +73,7 @@ class CoordinatorTest : public testing::Test {
     platform.pixelTransfer = std::make_shared<FakePixelTransferFactory>();
     platform.network = network;
     platform.activities = activities;
-    platform.loginItem = loginItem;
+    platform.loginItem = std::make_shared<FakeLoginItem>();
     coordinator = StreamCoordinator::make(platform, mainQueue);
     observation =
         coordinator->phase.observe([this](const StreamPhase& phase) { phases.push_back(phase.title()); });
@@ -150,9 +149,6 @@ class CoordinatorTest : public testing::Test {
     phases.clear();
     return viewer;
   }
-  static std::exception_ptr failure(const std::string& text) {
-    return std::make_exception_ptr(KestruneError::operationFailed(text));
-  }
   static VideoSample frame() { return makeVideoSample(640, 320); }
   /// Ends the oldest call of the newest stream that waits.
   void answer(const std::exception_ptr& failed = nullptr) {
@@ -173,11 +169,6 @@ class CoordinatorTest : public testing::Test {
     screen->latest()->sendVideo(frame());
     time->runReady();
   }
-  std::size_t framesAtEncoder() const {
-    std::size_t count = 0;
-    for (const auto& session : compression->sessions) count += session->frames.size();
-    return count;
-  }
 
   CapturedLog log;
   std::shared_ptr<ManualTime> time = ManualTime::make();
@@ -197,7 +188,6 @@ class CoordinatorTest : public testing::Test {
   std::shared_ptr<FakeCompressionSessionFactory> compression =
       std::make_shared<FakeCompressionSessionFactory>();
   std::shared_ptr<FakeActivities> activities = std::make_shared<FakeActivities>();
-  std::shared_ptr<FakeLoginItem> loginItem = std::make_shared<FakeLoginItem>();
   std::shared_ptr<StreamCoordinator> coordinator;
   Observation observation;
   std::vector<std::string> phases;  // every change

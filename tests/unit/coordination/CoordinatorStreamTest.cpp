@@ -8,13 +8,6 @@ constexpr const char* kCaptureMessage =
 
 using CoordinatorStreamTest = CoordinatorTest;
 
-TEST_F(CoordinatorStreamTest, ARefusedTransitionChangesNothingAndIsLogged) {
-  make();
-  coordinator->setPhase(Case::remoteReady);
-  EXPECT_TRUE(log.contains("error [App] Rejected invalid stream state transition from Idle to Remote Ready"));
-  EXPECT_THAT(phases, IsEmpty());
-}
-
 TEST_F(CoordinatorStreamTest, ALaunchSelectsTheMainDisplayAndWaitsForAViewer) {
   launch();
   EXPECT_THAT(phases, ElementsAre("Source Selected", "Starting", "Remote Ready"));
@@ -68,7 +61,7 @@ TEST_F(CoordinatorStreamTest, AViewersRequestStartsCaptureAndEncoding) {
   EXPECT_FALSE(screen->latest()->configuration.showsCursor);  // the page draws it
   EXPECT_FALSE(coordinator->canChangeSource());
   showFrame();
-  EXPECT_EQ(framesAtEncoder(), 1u);
+  EXPECT_EQ(compression->frameCount(), 1u);
   EXPECT_TRUE(compression->sessions.back()->frames.front().forceKeyframe);
 
   requestStart(viewer);  // again: the same stream
@@ -89,7 +82,7 @@ TEST_F(CoordinatorStreamTest, WhatTheViewerDoesDuringAStartCounts) {
   EXPECT_EQ(coordinator->phase.get(), StreamPhase(Case::remoteReady));
   EXPECT_EQ(screen->streamCount(), 1u);
   showFrame();
-  EXPECT_EQ(framesAtEncoder(), 0u);
+  EXPECT_EQ(compression->frameCount(), 0u);
 }
 
 TEST_F(CoordinatorStreamTest, MissingPermissionsAreToldToTheViewer) {
@@ -154,7 +147,7 @@ TEST_F(CoordinatorStreamTest, WithoutADisplayTheServerIsUpAndARequestFails) {
 TEST_F(CoordinatorStreamTest, EncodingFollowsTheViewerAndAShortLossCostsNothing) {
   const auto first = streamToViewer();
   showFrame();
-  EXPECT_EQ(framesAtEncoder(), 1u);
+  EXPECT_EQ(compression->frameCount(), 1u);
   disconnect(first);
   EXPECT_THAT(phases, ElementsAre("Recovering"));
   time->advance(4s);
@@ -163,17 +156,17 @@ TEST_F(CoordinatorStreamTest, EncodingFollowsTheViewerAndAShortLossCostsNothing)
   EXPECT_THAT(states(second), Contains(state("streaming")));
   time->advance(2s);
   showFrame();
-  EXPECT_EQ(framesAtEncoder(), 2u);
+  EXPECT_EQ(compression->frameCount(), 2u);
   EXPECT_TRUE(compression->sessions.back()->frames.back().forceKeyframe);
 
   disconnect(second);
   EXPECT_EQ(coordinator->metrics->viewerCount, 0);
   time->advance(5s);
   showFrame();
-  EXPECT_EQ(framesAtEncoder(), 2u);  // capture goes on, encoding does not
+  EXPECT_EQ(compression->frameCount(), 2u);  // capture goes on, encoding does not
   const auto third = connectViewer();
   showFrame();
-  EXPECT_EQ(framesAtEncoder(), 3u);
+  EXPECT_EQ(compression->frameCount(), 3u);
 }
 
 TEST_F(CoordinatorStreamTest, AStreamThatDiesIsToldAndMayBeStartedAnew) {
@@ -233,9 +226,6 @@ TEST_F(CoordinatorStreamTest, TheUsersStopGoesBackToStandby) {
   EXPECT_THAT(states(viewer), ElementsAre(state("armed")));
   EXPECT_EQ(coordinator->phase.get(), StreamPhase(Case::remoteReady));
   EXPECT_EQ(screen->latest()->calls.back(), "stop");
-  run(coordinator->teardown());
-  run(coordinator->stop());
-  EXPECT_EQ(coordinator->phase.get(), StreamPhase(Case::sourceSelected));
 }
 
 TEST_F(CoordinatorStreamTest, OverlappingTeardownsShareOneRunThatEndsCaptureBeforeTheServer) {
@@ -271,19 +261,6 @@ TEST_F(CoordinatorStreamTest, TheViewersInputReachesTheSystemAndANewViewerStarts
   input->posted.clear();
   send(viewer, R"({"type":"fullscreen"})");
   EXPECT_THAT(input->posted, ElementsAre("key 3 down", "key 3 up"));
-}
-
-TEST_F(CoordinatorStreamTest, ThePointerIsFollowedWhileAViewerWatchesADisplay) {
-  input->cursor = Point{100, 250};
-  const auto viewer = streamToViewer();
-  time->advance(1s);
-  EXPECT_THAT(received(viewer), Not(Contains(HasSubstr("cursorState"))));  // it has not moved
-  input->cursor = Point{900, 250};
-  time->advance(67ms);
-  EXPECT_THAT(received(viewer), Contains(HasSubstr(R"("cursorState","visible":true,"x":0.9,"y":0.5)")));
-  input->cursor = Point{1200, 250};
-  time->advance(67ms);
-  EXPECT_THAT(received(viewer), Contains(HasSubstr(R"("cursorState","visible":false,"x":0.5,"y":0.5)")));
 }
 
 TEST_F(CoordinatorStreamTest, NumbersComeFromCaptureServerAndViewer) {
