@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <array>
 #include <atomic>
 #include <future>
 #include <string>
@@ -57,46 +56,6 @@ INSTANTIATE_TEST_SUITE_P(
                         return std::make_unique<ThreadQueueLab<ThreadQueue>>(
                             [](const auto& owner) { return owner; });
                       }));
-
-TEST(RunLoopQueue, StopEndsTheRunAndALaterRunGoesOn) {
-  RunLoopQueue loop("loop");
-  int runs = 0;
-  for (const int expected : {2, 4}) {
-    loop.post([&] {
-      ++runs;
-      loop.stop();
-      loop.post([&] { ++runs; });
-    });
-    loop.run();
-    EXPECT_EQ(runs, expected);
-  }
-}
-
-TEST(ThreadQueue, KeepsTheOrderOfEachPosterOnItsOwnThread) {
-  constexpr int kPieces = 500;
-  std::array<std::vector<int>, 4> seen;
-  std::promise<void> delayedRan;
-  auto queue = std::make_shared<ThreadQueue>("com.example.a-rather-long-name");
-  EXPECT_FALSE(queue->isCurrent());
-  queue->postAfter(1ms, [&] {
-    EXPECT_TRUE(queue->isCurrent());
-    delayedRan.set_value();
-  });
-  std::vector<std::thread> posters;
-  for (auto& values : seen) {
-    posters.emplace_back([&values, queue] {
-      for (int i = 0; i < kPieces; ++i) queue->post([&values, i] { values.push_back(i); });
-    });
-  }
-  for (auto& poster : posters) poster.join();
-  EXPECT_EQ(delayedRan.get_future().wait_for(10s), std::future_status::ready);
-  posters.clear();
-  queue = nullptr;  // runs what was posted, and joins
-  for (const auto& values : seen) {
-    EXPECT_EQ(values.size(), std::size_t{kPieces});
-    EXPECT_TRUE(std::is_sorted(values.begin(), values.end()));
-  }
-}
 
 TEST(ThreadQueue, CancelFromAnotherThreadAndStartExcludeEachOther) {
   for (int round = 0; round < 200; ++round) {

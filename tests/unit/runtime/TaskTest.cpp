@@ -107,24 +107,6 @@ TEST_F(TaskTest, CancellationMeetsATaskBeforeDuringAndAfterItsSleep) {
   EXPECT_EQ(alive, 0);
 }
 
-Task<void> checks(Notes& notes, TaskHandle& self) {
-  co_await checkCancellation();
-  self.cancel();
-  const bool isCancelled = co_await isTaskCancelled();
-  if (isCancelled) notes.push_back("flag");
-  co_await checkCancellation();
-  notes.push_back("never");
-}
-
-TEST_F(TaskTest, ChecksSeeTheFlagWithoutSuspending) {
-  TaskHandle handle;
-  handle = startTask(queue, checks(notes, handle));
-  time->runReady();
-  EXPECT_EQ(notes, Notes{"flag"});
-  EXPECT_TRUE(handle.isCancelled());
-  EXPECT_TRUE(isCancellation(handle.failure()));
-}
-
 TEST_F(TaskTest, AnyNumberOfWaitersGoOnHoweverTheTaskEnds) {
   auto slow = startTask(queue, sleeper(notes, Witness(alive), 1s));
   startTask(queue, waitFor(notes, "first", slow));
@@ -203,21 +185,6 @@ TEST_F(TaskTest, CompletionsGiveOneResultOrFailureOrAbandonTheTask) {
   EXPECT_EQ(alive, 0);
   EXPECT_TRUE(isCancellation(handle.failure()));
   EXPECT_EQ(notes.size(), 2u);
-}
-
-TEST_F(TaskTest, StartsThatCompleteDropOrThrowAtOnce) {
-  const Start completes = [](Completion<int> done) { done(1); };
-  const Start throws = [](Completion<int>) { throw std::runtime_error("start"); };
-  const Start completesAndThrows = [&](Completion<int> done) {
-    done(1);
-    throws(done);
-  };
-  for (const Start& start : {completes, Start([](Completion<int>) {}), throws, completesAndThrows}) {
-    startTask(queue, awaits(notes, Witness(alive), start));
-  }
-  time->runReady();
-  EXPECT_EQ(notes, (Notes{"1", "start", "1"}));
-  EXPECT_EQ(alive, 0);
 }
 
 Task<void> countOnThread(std::shared_ptr<SerialQueue> queue, std::shared_ptr<SerialQueue> platform,

@@ -5,7 +5,6 @@
 
 #include "platform/support/Encoding.h"
 #include "platform/support/Json.h"
-#include "platform/support/Url.h"
 
 namespace kestrune {
 namespace {
@@ -66,19 +65,6 @@ TEST(Json, NumbersKeepTheirRanges) {
   EXPECT_FALSE(at("true").number());
   EXPECT_FALSE(at("\"1\"").integer());
   EXPECT_EQ(formatJsonNumber(std::nan("")), "null");
-}
-
-TEST(Url, DecodesPathAndQueryAndSetsTheFragment) {
-  const auto url = parseUrl("http://localhost/a%20b/%2e%2E/c?x=1%262&flag&y=&x=2+3#f");
-  ASSERT_TRUE(url);
-  EXPECT_EQ(url->path, "/a b/../c");
-  using Items = decltype(url->queryItems);
-  EXPECT_EQ(url->queryItems, (Items{{"x", "1&2"}, {"flag", std::nullopt}, {"y", ""}, {"x", "2+3"}}));
-  for (const std::string_view text : {"http://localhost/a b", "http://localhost/%4", "/a"}) {
-    EXPECT_FALSE(parseUrl(text)) << text;
-  }
-  EXPECT_EQ(urlWithFragment("https://host/?a=1#old", "a b#c"), "https://host/?a=1#a%20b%23c");
-  EXPECT_FALSE(urlWithFragment("not a url", "x"));
 }
 
 }  // namespace
