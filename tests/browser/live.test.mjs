@@ -77,14 +77,8 @@ test('an edited preferences file changes the running stream, without a new conne
     { connected: true, reconnects: 0, decodeErrors: 0, sockets: 1 });
 });
 
-test('the statistics show what the host says of itself, with the last minute as curves', async () => {
+test('the statistics show what the host says of itself', async () => {
   await page.evaluate(() => document.querySelector('#show-statistics').click());
-  /** How many columns of a plot differ: its grid has few, a curve many. */
-  const variety = (id) => page.evaluate((plot) => {
-    const canvas = document.getElementById(plot);
-    const context = canvas.getContext('2d');
-    return new Set(Array.from({ length: canvas.width }, (_, x) => context.getImageData(x, 0, 1, canvas.height).data.join())).size;
-  }, id);
   await waitFor(async () => {
     const rows = await page.evaluate(() => Object.fromEntries([...document.querySelectorAll('#figures dt:not(.heading)')]
       .map((term) => [term.textContent, term.nextElementSibling.textContent])));
@@ -93,7 +87,6 @@ test('the statistics show what the host says of itself, with the last minute as 
     assert.ok(parseFloat(rows['Bit rate']) > 0.01, rows['Bit rate']);
     assert.ok(parseInt(rows['Captured / encoded'], 10) > 100);
     assert.equal(rows.Display, 'physical');
-    for (const id of ['plot-frames', 'plot-times', 'plot-rates']) assert.ok(await variety(id) > 20, id);
     return true;
   });
   await page.evaluate(() => document.querySelector('#close-statistics').click());

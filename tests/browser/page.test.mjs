@@ -5,10 +5,8 @@
 import assert from 'node:assert/strict';
 import { after, afterEach, before, beforeEach, test } from 'node:test';
 
-import { describeHevc } from '../../Resources/Viewer/webcodecs-hevc.js';
-import { parseVideoFrame } from '../../Resources/Viewer/wire-protocol.js';
 import {
-  Client, Host, Relay, XServer, assertNoFaults, build, connectViewer, launchBrowser, openViewer, picturePoints, sleep, takeControl, waitFor,
+  Client, Host, Relay, XServer, assertNoFaults, build, launchBrowser, openViewer, picturePoints, sleep, takeControl, waitFor,
   waitForPictures, watchFaults,
 } from './lab.mjs';
 
@@ -196,23 +194,4 @@ test('a link that dies silently is replaced, and the mode taken up again', async
   await waitFor(() => again().some(({ type, mode }) => type === 'mode' && mode === 'control'));
   await waitForPictures(page);
   assert.equal(await page.evaluate(() => window.kestruneViewer.stats.reconnects), 1);
-});
-
-test("the page reads codec and size from this encoder's own H.265 parameter sets", async () => {
-  const small = await XServer.start(1300, 838); // no multiple of a coding block: cropped
-  const other = await Host.start(build, small.display, { 'stream.profile': 'high' });
-  let described;
-  const viewer = await connectViewer(other, { codec: 'hevc', onFrame: (body) => {
-    const frame = parseVideoFrame(Uint8Array.from(body).buffer);
-    if (frame.isKeyframe) described ??= describeHevc(frame.payload);
-  } });
-  try {
-    await waitFor(() => described);
-    assert.match(described.codec, /^hev1\.1\.6\.L\d+\.90$/);
-    assert.deepEqual([described.width, described.height], [1300, 838]);
-  } finally {
-    viewer.close();
-    await other.stop();
-    small.stop();
-  }
 });

@@ -71,17 +71,6 @@ const roughness = (samples) => samples.reduce((most, value, i) => (i < 2 ? 0 : M
 const SMOOTH = AMPLITUDE * ((2 * Math.PI * TONE) / 48000) ** 2 * 1.05;
 const FADED = 4 * SMOOTH; // the corner of a fade; a click is a hundred times larger
 
-test('steady sound is played whole, without a click, with the reserve of the beginning', () => {
-  const listening = new Listening().run(4);
-  const { engine } = listening;
-  assert.equal(engine.underruns + engine.gaps, 0);
-  assert.ok(Math.abs(loudness(listening.heard(1)) - AMPLITUDE / Math.SQRT2) < 0.002);
-  assert.ok(roughness(listening.heard(0.5)) < SMOOTH);
-  assert.ok(Math.abs(engine.drift.levelMs - 120) < 15, `left ${engine.drift.levelMs}`);
-  const first = listening.output.findIndex((value) => value !== 0) / 48;
-  assert.ok(first > 330 && first < 350, `first sound after ${first} ms: batch, road, reserve`);
-});
-
 test('clocks that differ are followed by the speed alone, for an hour', () => {
   for (const skew of [0.0004, -0.0004]) {
     const drift = new DriftController();

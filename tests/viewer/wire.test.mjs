@@ -13,6 +13,8 @@ const H264_HIGH = '67f40028aeb200c80e7f3e0220000003002000000781e30649';
 // x265, Main, 1280x720
 const HEVC_VPS = '40010c01ffff01600000030090000003000003005d959809';
 const HEVC_SPS = '42010101600000030090000003000003005da00280802d165959a4932bc05a020000030002000003003c10';
+// likewise 1300x838, no multiple of a coding block
+const HEVC_CROPPED = '420101016000000300900000030000030078a0028c80349dd65959a4932bc05a020000030002000003003c10';
 
 test('a frame body is flags, time and payload', () => {
   const frame = parseVideoFrame(bytes('01 0000000100000002 0000000165').buffer);
@@ -42,6 +44,7 @@ test('H.264 parameter sets give codec and cropped size', () => {
 
 test('H.265 parameter sets give codec and size', () => {
   assert.deepEqual(describeHevc(bytes(`00000001 ${HEVC_VPS} 00000001 ${HEVC_SPS}`)), { codec: 'hev1.1.6.L93.90', width: 1280, height: 720 });
+  assert.deepEqual(describeHevc(bytes(`00000001 ${HEVC_CROPPED}`)), { codec: 'hev1.1.6.L120.90', width: 1300, height: 838 });
   const described = { profileSpace: 2, tier: 1, profile: 2, compatibility: 0x20000000, level: 153, constraints: [0xb0, 0, 0x10, 0, 0, 0] };
   assert.equal(hevcCodecString(described), 'hev1.B2.4.H153.B0.0.10');
 });
