@@ -165,12 +165,14 @@ TEST_F(CoordinatorSettingsTest, EditedPreferencesAreAppliedAsIfChangedHere) {
   edit({{"stream.frameRate", 24.0}});
   preferences->edit({{"stream.bitRate", "high"}});
   preferences->edit({{"stream.profile", std::nullopt},
+                     {"stream.videoCodec", "h264"},
                      {"stream.audioChannelMode", "mono"},
                      {"app.preventMacSleep", false}});
   time->runReady();
   answerAll();
   EXPECT_EQ(coordinator->frameRate, StreamFrameRate::fps24);
   EXPECT_EQ(coordinator->bitRate, StreamBitRate::high);
+  EXPECT_EQ(coordinator->videoCodec, StreamVideoCodec::h264);
   EXPECT_EQ(coordinator->profile, StreamProfile::safe);  // what is removed goes on until the next launch
   EXPECT_EQ(coordinator->audioChannelMode, AudioChannelMode::mono);
   EXPECT_FALSE(coordinator->preventMacSleep);

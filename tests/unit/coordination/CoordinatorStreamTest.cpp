@@ -261,6 +261,8 @@ TEST_F(CoordinatorStreamTest, TheViewersInputReachesTheSystemAndANewViewerStarts
   input->posted.clear();
   send(viewer, R"({"type":"fullscreen"})");
   EXPECT_THAT(input->posted, ElementsAre("key 3 down", "key 3 up"));
+  time->advance(1s);
+  EXPECT_THAT(received(viewer), Not(Contains(HasSubstr("cursorState"))));  // it has not moved
 }
 
 TEST_F(CoordinatorStreamTest, NumbersComeFromCaptureServerAndViewer) {
