@@ -128,7 +128,7 @@ TEST_F(VirtualDisplayTest, AStreamGoesFromOneServerToTheOtherAndBack) {
   // A display that has gone is refused, and the stream goes on.
   display_.reset();
   EXPECT_NE(receiver.update(onVirtual), "");
-  const auto count = receiver.count();
+  const auto count = receiver.seen().size();
   receiver.stream().requestFrame();
   EXPECT_TRUE(receiver.waitForCount(count + 1));
 }
@@ -151,7 +151,8 @@ TEST_F(VirtualDisplayTest, InputReachesTheServerOfItsPlace) {
   source->mouseEvent(MouseEventType::leftDown, {900, 100}, MouseButton::left)->post();
   source->mouseEvent(MouseEventType::leftUp, {900, 100}, MouseButton::left)->post();
   source->scrollEvent(-40, 0)->post();
-  pressKey(events, 36);
+  source->keyboardEvent(36, true)->post();
+  source->keyboardEvent(36, false)->post();
   EXPECT_TRUE(hasCome("key 0xff0d up"));
   EXPECT_THAT(lines, ElementsAre("motion 100,100 state 0", "press 1", "release 1", "press 5", "release 5",
                                  "key 0xff0d down", "key 0xff0d up"));

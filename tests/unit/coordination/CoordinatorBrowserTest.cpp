@@ -1,4 +1,5 @@
 #include "CoordinatorFixture.h"
+#include "model/KestruneError.h"
 #include "support/DiscardValue.h"
 
 namespace kestrune {
