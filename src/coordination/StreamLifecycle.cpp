@@ -144,7 +144,8 @@ Task<void> StreamLifecycle::captureBody() {
 // What the other parts report
 
 Task<void> StreamLifecycle::handleCaptureStopped(std::exception_ptr failure) {
-  if (!ownsActiveResources_ || isTearingDown_ || capture_.isStopping()) co_return;
+  // The end of the program takes the private display away before it ends the stream.
+  if (!ownsActiveResources_ || isTearingDown_ || isTerminating_ || capture_.isStopping()) co_return;
   startupTask_.cancel();
   const std::string message = localizedDescription(failure);
   capture_.streamEnded();
@@ -234,6 +235,7 @@ Task<void> StreamLifecycle::returnToStandby() {
 }
 
 Task<void> StreamLifecycle::prepareForTermination() {
+  isTerminating_ = true;
   joints_.onTerminating();
   co_await endStartup();
   Task<void> ending = joints_.endBrowser();

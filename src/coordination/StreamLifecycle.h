@@ -93,6 +93,7 @@ class StreamLifecycle {
   int endings_ = 0;  // of streams, and of what would have become one
   bool ownsActiveResources_ = false;
   bool isTearingDown_ = false;
+  bool isTerminating_ = false;
 };
 
 }  // namespace kestrune

@@ -127,6 +127,7 @@ TEST_F(CoordinatorBrowserTest, TheEndOfTheProgramEndsTheBrowserForGood) {
   requestStart(viewer);
   time->advance(2s);
   EXPECT_TRUE(ending.isFinished());
+  EXPECT_EQ(coordinator->lastError.get(), std::nullopt);
   EXPECT_FALSE(network->isListening() || coordinator->isBrowserDisplayActive);
   EXPECT_EQ(virtualDisplays->made, 1);
   EXPECT_EQ(displays->displays.size(), 1u);

@@ -19,7 +19,8 @@ constexpr std::size_t kKeyBytes = 16;
 /// Its owner locks a directory at once; an unlocked one of this age has none.
 constexpr std::chrono::seconds kOwnerlessAge{60};
 
-/// No decoration, no menu and no key of its own; a new window gets the keyboard, and a click gives it.
+/// No decoration, no menu and no key of its own; a new window gets the keyboard, and a click gives it. Chrome
+/// does not maximize itself here, in spite of its arguments, so this does.
 constexpr std::string_view kWindowManager = R"(<?xml version="1.0" encoding="UTF-8"?>
 <openbox_config xmlns="http://openbox.org/3.4/rc">
   <focus><focusNew>yes</focusNew><followMouse>no</followMouse><raiseOnFocus>yes</raiseOnFocus></focus>
@@ -44,6 +45,7 @@ constexpr std::string_view kWindowManager = R"(<?xml version="1.0" encoding="UTF
   <menu></menu>
   <applications>
     <application type="normal"><decor>no</decor><focus>yes</focus></application>
+    <application type="normal" class="*hrom*"><maximized>yes</maximized></application>
   </applications>
 </openbox_config>
 )";
