@@ -16,8 +16,8 @@ trap end_private_session EXIT
 run_command() {
   "$@" &
   command=$!
-  trap 'kill -TERM "$command" 2>/dev/null' TERM
-  trap 'kill -INT "$command" 2>/dev/null' INT
+  # A command in the background ignores SIGINT from its start on, and a script cannot change that: it gets SIGTERM.
+  trap 'kill -TERM "$command" 2>/dev/null' TERM INT
   trap 'kill -HUP "$command" 2>/dev/null' HUP
   # A trapped signal ends a wait early; the command may still be shutting down.
   while :; do

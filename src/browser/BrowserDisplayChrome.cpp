@@ -106,7 +106,10 @@ Task<void> BrowserDisplayService::waitForChromeWindow(SharedApplication chrome, 
   for (int attempt = 0; attempt < kWindowLooks; ++attempt) {
     const ProcessID process = chrome->processIdentifier();  // changes with a hand-over
     if (const auto window = chromeWindowFrame(dependencies_.windows->onScreenWindows(), process)) {
-      if (isOnTarget(*window, frame)) co_return;
+      if (isOnTarget(*window, frame)) {
+        if (!isPlaced) chrome->activate();  // it had no window before that could take the keyboard
+        co_return;
+      }
       if (!isPlaced && dependencies_.permissions->isTrustedForInput()) {
         isPlaced = dependencies_.windows->placeFirstWindow(process, frame);
       }

@@ -62,9 +62,8 @@ Task<bool> BrowserDisplay::prepareVirtualDisplaySource() {
     } catch (...) {
       failure = std::current_exception();
     }
-    if (failure && !isEnding_) {
-      report(failure);
-      joints_.tellViewers(localizedDescription(failure));
+    if (failure && !isEnding_ && !isCancellation(failure)) {
+      joints_.tellViewers(errors_.report(failure));
     }
     co_return !failure;
   }
@@ -160,8 +159,7 @@ Task<bool> BrowserDisplay::prepareMainDisplaySource() {
   }
   if (failure && !isEnding_) {
     service_->closeBrowserDisplay();
-    report(failure);
-    joints_.tellViewers(localizedDescription(failure));
+    if (!isCancellation(failure)) joints_.tellViewers(errors_.report(failure));
   }
   isPreparing_ = false;
   co_return !failure && isSelected(kMainDisplay);

@@ -49,6 +49,7 @@ Task<void> CaptureControl::runStop() {
 void CaptureControl::streamEnded() {
   isCapturing_ = false;
   setVideoEncodingEnabled(false);
+  joints_.onStopped();
 }
 
 }  // namespace kestrune

@@ -21,7 +21,8 @@ class CaptureControl {
     /// Starts the stream with the present settings; throws.
     std::function<Task<void>()> startStream;
     std::function<void()> onStarted;
-    /// After every stopCapture(), also one that found nothing to stop.
+    /// After every stopCapture(), also one that found nothing to stop, and after a stream that ended by
+    /// itself.
     std::function<void()> onStopped;
   };
 

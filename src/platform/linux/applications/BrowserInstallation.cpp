@@ -1,7 +1,5 @@
 #include "platform/linux/applications/BrowserInstallation.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <string>
@@ -28,20 +26,6 @@ const std::array<Browser, 2>& browsers() {
       {{"chromium.desktop", "chromium-browser.desktop"}, {"chromium", "chromium-browser"}},
   }};
   return all;
-}
-
-bool isExecutable(const fs::path& file) {
-  std::error_code failure;
-  return fs::is_regular_file(file, failure) && access(file.c_str(), X_OK) == 0;
-}
-
-std::optional<fs::path> findProgram(std::string_view name, const std::vector<fs::path>& directories) {
-  if (name.starts_with('/')) return isExecutable(name) ? std::optional<fs::path>(name) : std::nullopt;
-  if (name.empty() || name.find('/') != std::string_view::npos) return std::nullopt;
-  for (const fs::path& directory : directories) {
-    if (isExecutable(directory / name)) return directory / name;
-  }
-  return std::nullopt;
 }
 
 /// The program of an entry; nothing for one that starts the browser through another program, such as a

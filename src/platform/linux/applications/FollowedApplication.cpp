@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "platform/linux/applications/ProcessDescriptor.h"
+#include "runtime/MonotonicTime.h"
 
 namespace kestrune::linux_platform {
 namespace {
@@ -13,6 +14,9 @@ namespace {
 constexpr std::chrono::milliseconds kLookAgain{20};
 /// A process that the kernel does not end within a second hangs in it.
 constexpr int kKillRounds = 50;
+/// A script hands over to the browser soon after the start. What is left of a browser that ends later are
+/// programs that it has started, such as a viewer of what was downloaded.
+constexpr Duration kHandOverTime = std::chrono::seconds(10);
 
 }  // namespace
 
@@ -31,6 +35,7 @@ FollowedApplication::FollowedApplication(std::shared_ptr<Reactor> reactor, Windo
 void FollowedApplication::follow(Ended ended) {
   reactor_->post([self = shared_from_this(), ended = std::move(ended)]() mutable {
     self->ended_ = std::move(ended);
+    self->handOverEnd_ = monotonicNow() + kHandOverTime;
     self->family_.look();
     self->watch();
   });
@@ -68,7 +73,7 @@ void FollowedApplication::onEnd() {
   watch_.cancel();
   if (started_ == identifier_) waitpid(started_, nullptr, WNOHANG);
   const auto left = family_.look();
-  if (!left.empty()) {
+  if (!left.empty() && monotonicNow() < handOverEnd_) {
     if (auto next = openProcess(left.front())) {
       goOnWith(std::move(next), left.front().id);
     } else {

@@ -20,8 +20,8 @@ struct WindowActions {
 };
 
 /// An application whose processes are watched from a reactor, which also reaps the one that this program has
-/// started. When the process that it is known by ends, and others of it run on, it is the oldest of these
-/// from then on; it has ended when none does. Any thread may call, while the reactor runs.
+/// started. When the process that it is known by ends within seconds of the start, and others of it run on,
+/// it is the oldest of these from then on; else it has ended. Any thread may call, while the reactor runs.
 class FollowedApplication final : public RunningApplication,
                                   public std::enable_shared_from_this<FollowedApplication> {
  public:
@@ -61,6 +61,7 @@ class FollowedApplication final : public RunningApplication,
   // The reactor's.
   UniqueDescriptor process_;  // none once it has ended
   bool isTerminating_ = false;
+  Duration handOverEnd_{};
   ProcessFamily family_;
   DescriptorWatch watch_;  // on process_
   Ended ended_;

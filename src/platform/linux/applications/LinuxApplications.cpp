@@ -41,6 +41,9 @@ std::vector<std::string> environmentWith(const std::vector<std::string>& differe
        {"WAYLAND_DISPLAY", "WAYLAND_SOCKET", "DESKTOP_STARTUP_ID", "XDG_ACTIVATION_TOKEN"}) {
     remove(name);
   }
+  // Without it, Chrome looks for a Wayland desktop under its usual name.
+  remove("XDG_SESSION_TYPE");
+  environment.emplace_back("XDG_SESSION_TYPE=x11");
   for (const std::string& each : different) {
     remove(nameOf(each));
     if (each.find('=') != std::string::npos) environment.push_back(each);

@@ -8,6 +8,7 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 #include <vector>
 
 namespace kestrune::linux_platform {
@@ -38,6 +39,11 @@ std::filesystem::path home() {
     return found->pw_dir;
   }
   throw std::runtime_error("The user has no home directory");
+}
+
+bool isExecutable(const std::filesystem::path& file) {
+  std::error_code failure;
+  return std::filesystem::is_regular_file(file, failure) && access(file.c_str(), X_OK) == 0;
 }
 
 }  // namespace
@@ -71,6 +77,17 @@ std::vector<std::filesystem::path> programDirectories() {
   std::vector<std::filesystem::path> all;
   addDirectories(all, "PATH", "/usr/local/bin:/usr/bin:/bin");
   return all;
+}
+
+std::optional<std::filesystem::path> findProgram(std::string_view name,
+                                                 const std::vector<std::filesystem::path>& directories) {
+  if (name.starts_with('/'))
+    return isExecutable(name) ? std::optional<std::filesystem::path>(name) : std::nullopt;
+  if (name.empty() || name.find('/') != std::string_view::npos) return std::nullopt;
+  for (const std::filesystem::path& directory : directories) {
+    if (isExecutable(directory / name)) return directory / name;
+  }
+  return std::nullopt;
 }
 
 std::filesystem::path runningExecutable() {

@@ -1,6 +1,8 @@
 #pragma once
 
 #include <filesystem>
+#include <optional>
+#include <string_view>
 #include <vector>
 
 namespace kestrune::linux_platform {
@@ -15,6 +17,9 @@ std::filesystem::path stateHome();   // $XDG_STATE_HOME, ~/.local/state
 std::vector<std::filesystem::path> dataDirectories();  // dataHome(), $XDG_DATA_DIRS
 /// Where programs are looked for; none that is not absolute.
 std::vector<std::filesystem::path> programDirectories();  // $PATH
+/// The executable file of a program's name, or of its absolute path; nothing if there is none.
+std::optional<std::filesystem::path> findProgram(std::string_view name,
+                                                 const std::vector<std::filesystem::path>& directories);
 
 /// The file of the running program.
 std::filesystem::path runningExecutable();

@@ -89,22 +89,6 @@ pid_t forkWithoutSignals(const ChildPlan& plan) {
 
 }  // namespace
 
-std::optional<std::filesystem::path> findOnSearchPath(const std::string& name) {
-  const char* path = std::getenv("PATH");  // NOLINT(concurrency-mt-unsafe): nothing changes the environment
-  std::string_view rest = path != nullptr ? path : "/usr/local/bin:/usr/bin:/bin";
-  while (!rest.empty()) {
-    const std::string_view folder = rest.substr(0, rest.find(':'));
-    rest.remove_prefix(std::min(folder.size() + 1, rest.size()));
-    const auto file = std::filesystem::path(folder) / name;
-    std::error_code ignored;
-    if (file.is_absolute() && std::filesystem::is_regular_file(file, ignored) &&
-        access(file.c_str(), X_OK) == 0) {
-      return file;
-    }
-  }
-  return std::nullopt;
-}
-
 OwnedProcess::OwnedProcess(const Setup& setup) {
   const UniqueDescriptor nothing(open("/dev/null", O_RDWR | O_CLOEXEC));
   std::array<int, 2> ends{};
@@ -144,7 +128,13 @@ OwnedProcess::~OwnedProcess() {
 bool OwnedProcess::hasEnded(std::chrono::milliseconds limit) {
   if (!outcome_.empty()) return true;
   pollfd ended{descriptor_.get(), POLLIN, 0};
-  if (poll(&ended, 1, static_cast<int>(limit.count())) != 1) return false;
+  const auto end = std::chrono::steady_clock::now() + limit;
+  int count = 0;
+  do {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+    count = poll(&ended, 1, std::max(0, static_cast<int>(left.count())));
+  } while (count < 0 && errno == EINTR);
+  if (count != 1) return false;
   int status = 0;
   if (waitpid(process_, &status, WNOHANG) != process_) return false;
   outcome_ = WIFEXITED(status) ? "exit status " + std::to_string(WEXITSTATUS(status))

@@ -12,9 +12,6 @@
 
 namespace kestrune::linux_platform {
 
-/// The executable of this name on the search path (PATH); nothing if there is none.
-std::optional<std::filesystem::path> findOnSearchPath(const std::string& name);
-
 /// A program that ends with the thread that started it, and so with this process however that dies: the
 /// kernel then sends it SIGTERM. It has a process group of its own, no signal is blocked or ignored, and it
 /// inherits no descriptor but those given. Confined to the thread of its making.

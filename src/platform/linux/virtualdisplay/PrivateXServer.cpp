@@ -9,9 +9,12 @@
 #include <array>
 #include <cerrno>
 #include <cstdlib>
+#include <fstream>
+#include <sstream>
 #include <system_error>
 #include <utility>
 
+#include "platform/linux/files/UserDirectories.h"
 #include "runtime/Log.h"
 
 namespace kestrune::linux_platform {
@@ -41,7 +44,7 @@ Pipe makePipe() {
 }
 
 std::string program(const char* name) {
-  if (const auto found = findOnSearchPath(name)) return found->string();
+  if (const auto found = findProgram(name, programDirectories())) return found->string();
   throw std::system_error(ENOENT, std::generic_category(), name);
 }
 
@@ -66,6 +69,27 @@ void append(std::string& text, int descriptor) {
   }
 }
 
+/// How many connections to a listening Unix socket, or to its abstract twin, are open (proc(5), net/unix: the
+/// accepted ends have the listener's name, and state 3 is that of a connection).
+int connectionsOf(const std::string& socket) {
+  std::ifstream table("/proc/net/unix");
+  int count = 0;
+  for (std::string line; std::getline(table, line);) {
+    std::istringstream words(line);
+    std::string number;
+    std::string references;
+    std::string protocol;
+    std::string flags;
+    std::string type;
+    std::string state;
+    std::string inode;
+    std::string name;
+    words >> number >> references >> protocol >> flags >> type >> state >> inode >> name;
+    if (state == "03" && (name == socket || name == "@" + socket)) ++count;
+  }
+  return count;
+}
+
 /// The socket of a server that was killed stays behind. One that somebody listens on is another server's.
 void removeDeadSocket(const std::string& displayName) {
   sockaddr_un address{};
@@ -83,7 +107,7 @@ void removeDeadSocket(const std::string& displayName) {
 }  // namespace
 
 bool PrivateXServer::isInstalled() {
-  return findOnSearchPath(kServer).has_value();
+  return findProgram(kServer, programDirectories()).has_value();
 }
 
 PrivateXServer::PrivateXServer(const Screen& screen) {
@@ -144,6 +168,15 @@ bool PrivateXServer::waitUntilReady(const EventFd& stop) {
 
 void PrivateXServer::waitForEnd(const EventFd& stop) {
   while (wait(stop, std::chrono::milliseconds(-1)) != Wait::over) continue;
+}
+
+void PrivateXServer::waitForClients() {
+  constexpr std::chrono::milliseconds kStep{20};
+  const std::string socket = "/tmp/.X11-unix/X" + number_;
+  for (auto waited = kStep; waited <= kClientLimit; waited += kStep) {
+    const bool isManaged = windowManager_ && !windowManager_->hasEnded();
+    if (connectionsOf(socket) <= (isManaged ? 1 : 0) || server_->hasEnded(kStep)) return;
+  }
 }
 
 /// A negative limit is none.

@@ -41,9 +41,13 @@ class PrivateXServer {
   /// Gives the screen a plain background and an arrow, starts the window manager and waits for that
   /// (kWindowManagerLimit at most). Throws an X11Error.
   void furnish();
-  static constexpr std::chrono::milliseconds kWindowManagerLimit{1000};
+  static constexpr std::chrono::milliseconds kWindowManagerLimit{500};
   /// Until the server has ended or `stop` was signalled.
   void waitForEnd(const EventFd& stop);
+  /// Until no program but the window manager is connected (kClientLimit at most): a browser that was asked to
+  /// end needs its display to save what it has open.
+  void waitForClients();
+  static constexpr std::chrono::milliseconds kClientLimit{2500};
 
   /// Once it is ready.
   const X11Address& address() const { return address_; }

@@ -115,11 +115,8 @@ class XvfbVirtualDisplays::Display {
     try {
       if (server.waitUntilReady(stop_)) {
         server.furnish();
-        // Its connections end before the server does.
-        const auto ports = portsOf_(std::make_shared<X11Server>(server.address()));
-        isUp = join(server, ports);
-        server.waitForEnd(stop_);
-        space_->remove(id_);
+        isUp = showUntilEnd(server);
+        server.waitForClients();
       }
     } catch (const std::exception&) {
       kLog.error("The virtual display cannot be used: " +
@@ -133,6 +130,16 @@ class XvfbVirtualDisplays::Display {
     const auto failure = server.failure();
     kLog.error(std::string(isUp ? "The virtual display ended by itself: " : "The virtual display failed: ") +
                failure.value_or("no answer in time"));
+  }
+
+  /// Whether it was shown.
+  bool showUntilEnd(PrivateXServer& server) {
+    // Its connections end before the server does.
+    const auto ports = portsOf_(std::make_shared<X11Server>(server.address()));
+    const bool isShown = join(server, ports);
+    server.waitForEnd(stop_);
+    space_->remove(id_);
+    return isShown;
   }
 
   bool join(const PrivateXServer& server, const ServerPorts& ports) {
