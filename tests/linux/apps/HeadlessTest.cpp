@@ -15,9 +15,11 @@
 namespace kestrune {
 namespace {
 
+using ::testing::AnyOf;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::MatchesRegex;
+using ::testing::Not;
 using ::testing::StartsWith;
 
 /// The program with a home of its own.
@@ -162,6 +164,23 @@ TEST_F(HeadlessTest, TheSmokeTestSelectsNoDisplay) {
   EXPECT_EQ(limit.rlim_cur, limit.rlim_max);
   program->signal(SIGTERM);
   EXPECT_EQ(program->exitCode(), 0);
+}
+
+TEST_F(HeadlessTest, WelcomesWithoutStoringWhatIsForOneRun) {
+  Program program(display, home.path(), port, "--virtual-display --welcome");
+  ASSERT_THAT(program.lastLineUpTo("Local viewer: "), StartsWith("Local viewer: "));
+  const auto answerTo = [&](const std::string& request) {
+    const LoopbackPeer visitor(static_cast<std::uint16_t>(port + 1));
+    visitor.send(request + " HTTP/1.1\r\nHost: localhost\r\n\r\n");
+    return visitor.receive(100'000);
+  };
+  EXPECT_THAT(answerTo("GET /"), HasSubstr("Welcome to Kestrune"));
+  EXPECT_THAT(answerTo("GET /touch.js"), HasSubstr("text/javascript"));
+  EXPECT_THAT(answerTo("GET /../Viewer/app.js"), HasSubstr("404"));
+  program->signal(SIGTERM);
+  EXPECT_EQ(program->exitCode(), 0);
+  const auto stored = readText(home.path() / "config/kestrune/preferences.json");
+  EXPECT_THAT(stored, Not(AnyOf(HasSubstr("127.0.0.1"), HasSubstr("virtualDisplay"))));
 }
 
 }  // namespace
