@@ -11,7 +11,7 @@
 
 namespace kestrune {
 
-/// The newest of what a viewer is told of its host, and the messages that tell it. A plain value.
+/// The newest state of the host that viewers know, and the messages that carry it. A plain value.
 struct HostState {
   struct Message {
     std::string text;

@@ -38,7 +38,7 @@ constexpr int kUsageError = 2;
 
 struct Options {
   bool isSmokeTest = false;
-  bool showsVirtualDisplay = false;  // in this run, whatever the preferences say
+  bool showsVirtualDisplay = false;  // in this run, over the preferences
   bool opensWelcome = false;         // as the start page of this run
   std::uint16_t port = 8080;
 };

@@ -119,7 +119,7 @@ class SecretServiceTest : public HelperCredentialConnectorTest {
     bus_ = std::make_unique<testing::MessageBus>(top_.path());
     setenv("DBUS_SESSION_BUS_ADDRESS", bus_->address().c_str(), 1);
   }
-  /// Serves a keyring that is unlocked, or that cannot be, since nobody can be asked.
+  /// Serves a keyring that is unlocked, or that has no one to ask for its password.
   void startKeyring(bool isUnlocked) {
     const auto password = top_.path() / "password";
     writeText(password, "secret");

@@ -128,7 +128,7 @@ TEST_F(BrowserDisplayServiceTest, OfManyRequestsOneRunsAndTheNewestWaits) {
   EXPECT_TRUE(log.contains("notice [App] Ignored duplicate managed Chrome recovery request"));
 }
 
-/// At whatever moment of a launch: no Chrome stays, and no display comes back.
+/// At any moment of a launch: no Chrome stays, and no display comes back.
 TEST_F(BrowserDisplayServiceTest, WhatIsClosedDuringALaunchStaysClosed) {
   for (int moment = 0; moment < 6; ++moment) {
     prepare();
