@@ -14,9 +14,10 @@ namespace kestrune {
 namespace {
 
 std::mutex sinkLock;  // guards the pointer below
+/// Never destroyed: a detached thread may still log while the process exits.
 std::shared_ptr<LogSink>& sinkSlot() {
-  static std::shared_ptr<LogSink> sink = makeStandardErrorSink();
-  return sink;
+  static auto* const sink = new std::shared_ptr<LogSink>(makeStandardErrorSink());
+  return *sink;
 }
 
 constexpr std::string_view name(LogLevel level) {
