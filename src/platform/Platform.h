@@ -11,17 +11,23 @@
 #include "platform/Credentials.h"
 #include "platform/DisplayModes.h"
 #include "platform/Displays.h"
+#include "platform/HTTPClient.h"
 #include "platform/InputEvents.h"
 #include "platform/LoginItem.h"
 #include "platform/Network.h"
+#include "platform/OpusCompressor.h"
 #include "platform/PixelTransfer.h"
 #include "platform/Preferences.h"
 #include "platform/PrivacyPermissions.h"
 #include "platform/RandomSource.h"
 #include "platform/SampleRateConverter.h"
 #include "platform/ScreenStream.h"
+#include "platform/SystemInformation.h"
+#include "platform/URLOpener.h"
 #include "platform/UserFiles.h"
 #include "platform/VirtualDisplays.h"
+#include "platform/WakeNotifications.h"
+#include "platform/WebSocketClient.h"
 #include "platform/Windows.h"
 #include "runtime/Clock.h"
 #include "runtime/SerialQueue.h"
@@ -57,6 +63,13 @@ struct Platform {
   std::shared_ptr<PixelTransferFactory> pixelTransfer;
 
   std::shared_ptr<Network> network;
+  std::shared_ptr<HTTPClient> httpClient;
+  std::shared_ptr<WebSocketClient> webSocketClient;
+  std::shared_ptr<NetworkPathMonitor> pathMonitor;
+  std::shared_ptr<WakeNotifications> wakeNotifications;
+  std::shared_ptr<OpusCompressorFactory> opus;
+  std::shared_ptr<URLOpener> urlOpener;
+  SystemInformation systemInformation;
   std::shared_ptr<Activities> activities;
   std::shared_ptr<LoginItem> loginItem;
 };
