@@ -23,4 +23,15 @@ std::optional<UrlParts> parseUrl(std::string_view text);
 /// `url` with `fragment` (percent-encoded as needed) in place of any it has; nothing if `url` is not a URL.
 std::optional<std::string> urlWithFragment(std::string_view url, std::string_view fragment);
 
+/// `text` as a base address that paths can be appended to: http or https, a host, no query, no fragment, no
+/// slash at its end. Nothing for any other text, nor for one with user information (which would end up in
+/// logs), a port outside 1 to 65535, a host name with percent escapes, or more than 2048 bytes.
+std::optional<std::string> normalizedBaseUrl(std::string_view text);
+
+/// `base`, which is a URL with a host, with `path` behind its own path. `path` begins with a slash and is not
+/// escaped yet: its slashes divide segments, and every other byte that is no path character (RFC 3986 §3.3)
+/// is percent-encoded. So it names a place below `base` and nothing else; a path with a segment "." or ".."
+/// is refused.
+std::optional<std::string> urlByAppendingPath(std::string_view base, std::string_view path);
+
 }  // namespace kestrune
