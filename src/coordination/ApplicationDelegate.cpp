@@ -5,30 +5,39 @@
 namespace kestrune {
 
 ApplicationDelegate::ApplicationDelegate(std::shared_ptr<SerialQueue> mainQueue,
-                                         std::function<void()> terminate,
-                                         std::optional<NetworkRecovery> recovery)
+                                         std::function<void()> terminate, Recovery recovery)
     : mainQueue_(std::move(mainQueue)), terminate_(std::move(terminate)), recovery_(std::move(recovery)) {}
 
 void ApplicationDelegate::attachCoordinator(const std::shared_ptr<StreamCoordinator>& coordinator) {
   coordinator_ = coordinator;
-  if (coordinator && recovery_ && !networkMonitoringStarted_) startNetworkMonitoring();
+  if (coordinator && !std::exchange(networkMonitoringStarted_, true)) watchForRecoveries();
 }
 
-void ApplicationDelegate::startNetworkMonitoring() {
-  networkMonitoringStarted_ = true;
-  const auto handler = [queue = mainQueue_, weak = weak_from_this()](NetworkPathMonitor::Status status) {
+void ApplicationDelegate::watchForRecoveries() {
+  const auto weak = weak_from_this();
+  if (recovery_.wake) {
+    recovery_.wake->start(mainQueue_, [weak] {
+      if (const auto self = weak.lock()) self->handleSystemWake();
+    });
+  }
+  if (!recovery_.network) return;
+  const auto handler = [queue = mainQueue_, weak](NetworkPathMonitor::Status status) {
     queue->post([weak, status] {
       if (const auto self = weak.lock()) self->handleNetworkStatus(status);
     });
   };
-  recovery_->monitor->start(recovery_->queue, handler);
+  recovery_.network->start(recovery_.networkQueue, handler);
+}
+
+void ApplicationDelegate::handleSystemWake() {
+  if (!coordinator_.expired()) recovery_.onRecovery();
 }
 
 void ApplicationDelegate::handleNetworkStatus(NetworkPathMonitor::Status status) {
   const auto previous = std::exchange(previousNetworkStatus_, status);
   const bool isRestored = status == NetworkPathMonitor::Status::satisfied && previous &&
                           previous != NetworkPathMonitor::Status::satisfied;
-  if (isRestored && !coordinator_.expired()) recovery_->onRestored();
+  if (isRestored && !coordinator_.expired()) recovery_.onRecovery();
 }
 
 ApplicationDelegate::TerminationReply ApplicationDelegate::applicationShouldTerminate() {

@@ -16,6 +16,11 @@ struct FakePathMonitor final : NetworkPathMonitor {
   std::function<void(Status)>& handler;
 };
 
+struct FakeWakeNotifications final : WakeNotifications {
+  void start(std::shared_ptr<SerialQueue>, std::function<void()> given) override { wake = std::move(given); }
+  std::function<void()> wake;
+};
+
 class ApplicationDelegateTest : public CoordinatorTest {
  protected:
   void attach() {
@@ -25,12 +30,13 @@ class ApplicationDelegateTest : public CoordinatorTest {
           ++terminations;
           lastReply = delegate->applicationShouldTerminate();
         },
-        ApplicationDelegate::NetworkRecovery{std::make_unique<FakePathMonitor>(report), mainQueue,
-                                             [this] { ++recoveries; }});
+        ApplicationDelegate::Recovery{wakes, std::make_shared<FakePathMonitor>(report), mainQueue,
+                                      [this] { ++recoveries; }});
     delegate->attachCoordinator(coordinator);
   }
 
   std::shared_ptr<ApplicationDelegate> delegate;
+  const std::shared_ptr<FakeWakeNotifications> wakes = std::make_shared<FakeWakeNotifications>();
   std::function<void(Status)> report;
   std::optional<Reply> lastReply;
   int terminations = 0;
@@ -50,7 +56,7 @@ TEST_F(ApplicationDelegateTest, TheFirstOfSeveralRequestsShutsDownAndThenEndsThe
   EXPECT_EQ(screen->latest()->calls.back(), "stop");
 }
 
-TEST_F(ApplicationDelegateTest, OnlyANetworkThatComesBackIsARecovery) {
+TEST_F(ApplicationDelegateTest, AWakeAndANetworkThatComesBackAreRecoveries) {
   make();
   attach();
   for (const auto& [status, expected] : {std::pair{Status::satisfied, 0},
@@ -64,6 +70,11 @@ TEST_F(ApplicationDelegateTest, OnlyANetworkThatComesBackIsARecovery) {
     time->runReady();
     EXPECT_EQ(recoveries, expected);
   }
+  wakes->wake();
+  EXPECT_EQ(recoveries, 3);
+  coordinator.reset();
+  wakes->wake();
+  EXPECT_EQ(recoveries, 3);
 }
 
 }  // namespace
