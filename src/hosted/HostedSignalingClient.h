@@ -16,10 +16,9 @@
 #include "runtime/Clock.h"
 #include "runtime/SerialQueue.h"
 #include "runtime/Task.h"
+#include "viewer/RelayEnvelope.h"
 
 namespace kestrune {
-
-enum class HostedRelayMediaKind { video, audio };
 
 /// Keeps one WebSocket to the hosted service open from start() to stop(): authenticates this machine, tells
 /// the state of the stream, takes start requests, and carries the control and the media of a viewer's relay.
