@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "platform/linux/applications/LinuxApplications.h"
+#include "platform/linux/audio/LibopusCompressor.h"
 #include "platform/linux/audio/SoxrSampleRateConverter.h"
 #include "platform/linux/capture/X11ScreenCapture.h"
 #include "platform/linux/credentials/HelperCredentialConnector.h"
@@ -76,6 +77,7 @@ Platform makeLinuxPlatform(std::shared_ptr<Reactor> watching) {
   platform.compression = std::make_shared<SoftwareCompressionSessionFactory>();
   platform.pixelTransfer = std::make_shared<LibyuvPixelTransferFactory>();
   platform.network = std::make_shared<AsioNetwork>();
+  platform.opus = std::make_shared<LibopusCompressorFactory>();
   platform.activities = std::make_shared<SystemActivities>();
   platform.loginItem = std::make_shared<AutostartLoginItem>();
   return platform;

@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <opus.h>
 
 #include <algorithm>
 #include <cstring>
@@ -7,6 +8,7 @@
 #include "Tone.h"
 #include "capture/PCMConverter.h"
 #include "platform/linux/audio/AudioTimeline.h"
+#include "platform/linux/audio/LibopusCompressor.h"
 #include "platform/linux/audio/SampleHandover.h"
 #include "platform/linux/audio/SoxrSampleRateConverter.h"
 #include "support/ManualTime.h"
@@ -131,6 +133,30 @@ TEST(SoxrSampleRateConverterTest, KeepsOutWhatTheLowerRateCannotHold) {
   const auto [lowest, highest] = std::minmax_element(output.begin() + 9600, output.end());
   EXPECT_GE(*lowest, -2);
   EXPECT_LE(*highest, 2);
+}
+
+TEST(LibopusCompressorTest, WhatItMakesDecodesToTheSameTone) {
+  const auto compressor = LibopusCompressorFactory().create(1, 160'000);
+  ASSERT_TRUE(compressor);
+  const std::unique_ptr<OpusDecoder, decltype(&opus_decoder_destroy)> decoder(
+      opus_decoder_create(48'000, 1, nullptr), &opus_decoder_destroy);
+  const auto input = tone(997, 0.5, 48'000U * 2, 48'000);
+  std::vector<double> output;
+  std::size_t bytes = 0;
+  for (std::size_t begin = 0; begin < input.size(); begin += 960) {
+    std::array<std::int16_t, 960> samples{};
+    for (std::size_t i = 0; i < 960; ++i) samples[i] = static_cast<std::int16_t>(input[begin + i] * 32767);
+    const Bytes packet = compressor->compress(samples);
+    bytes += packet.size();
+    ASSERT_EQ(opus_decode(decoder.get(), packet.data(), static_cast<opus_int32>(packet.size()),
+                          samples.data(), 960, 0),
+              960);
+    output.insert(output.end(), samples.begin(), samples.end());
+  }
+  EXPECT_NEAR(measure(std::span(output).subspan(48'000), 997).amplitude, 0.5 * 32767, 100);
+  EXPECT_LE(bytes, 2U * 160'000 / 8 * 11 / 10);
+  EXPECT_ANY_THROW(compressor->compress(std::array<std::int16_t, 480>{}));
+  EXPECT_FALSE(LibopusCompressorFactory().create(3, 160'000));
 }
 
 }  // namespace
