@@ -1,0 +1,7 @@
+#pragma once
+
+namespace kestrune {
+
+enum class HostedRelayMediaKind { video, audio };
+
+}  // namespace kestrune
