@@ -25,12 +25,12 @@ std::optional<HostState::Message> HostState::aboutDiagnostics() const {
 }
 
 std::optional<HostState::Message> HostState::aboutStream() const {
-  auto text = streamStateMessage(stream, streamMessage);
-  if (!text) {
+  auto object = streamStateMessage(stream, streamMessage);
+  if (!object) {
     kServerLog.error("Remote stream state encoding failed: the message is not valid UTF-8");
     return std::nullopt;
   }
-  return Message{std::move(*text)};
+  return Message{std::move(*object)};
 }
 
 }  // namespace kestrune

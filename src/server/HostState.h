@@ -6,6 +6,7 @@
 
 #include "model/RemoteControl.h"
 #include "model/StreamMetrics.h"
+#include "platform/support/Json.h"
 #include "viewer/OutboundQueue.h"
 #include "viewer/ViewerSession.h"
 
@@ -14,7 +15,7 @@ namespace kestrune {
 /// The newest state of the host that viewers know, and the messages that carry it. A plain value.
 struct HostState {
   struct Message {
-    std::string text;
+    JsonValue object;
     OutboundKind kind = OutboundKind::message;
   };
 

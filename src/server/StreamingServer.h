@@ -148,7 +148,8 @@ class StreamingServer final : public ViewerRoute, public std::enable_shared_from
   // Outbound (StreamingServerOutbound.cpp)
   void broadcastNow(const EncodedVideoPacket& packet, std::uint64_t lostBefore);
   void enqueue(OutboundSend send, const Client& client);
-  void enqueueText(const std::string& text, const Client& client, OutboundKind kind = OutboundKind::message);
+  void enqueueMessage(const JsonValue& message, const Client& client,
+                      OutboundKind kind = OutboundKind::message);
   void pump(const Client& client);
   void handleSent(const Client& client, std::size_t size, bool succeeded);
   /// Counts what was dropped, and asks for the keyframe that it makes necessary.

@@ -56,7 +56,7 @@ void StreamingServer::admitViewer(const Client& client, std::optional<std::strin
   auto session = std::make_shared<ViewerSession>(kLocalSessionRules, input_, requests_);
   client->webSocketPeer()->viewer = WebSocketPeer::Viewer{std::move(session), std::move(identifier)};
   viewer_ = client;
-  enqueueText(authenticatedMessage(audioStore_->latestSequence()), client);
+  enqueueMessage(authenticatedMessage(audioStore_->latestSequence()), client);
   tell(client, host_.aboutSettings(false, audioStore_->latestSequence()));
   tell(client, host_.aboutCursor());
   tell(client, host_.aboutStream());

@@ -12,8 +12,8 @@ struct StreamingServer::Channel final : ViewerChannel {
 
   Channel(StreamingServer& server_, const Client& client_) : server(server_), client(client_) {}
 
-  void sendMessage(const std::string& text, OutboundKind kind) override {
-    server.enqueueText(text, client, kind);
+  void sendMessage(const JsonValue& message, OutboundKind kind) override {
+    server.enqueueMessage(message, client, kind);
   }
   void requestKeyframe() override {
     if (auto* peer = client->webSocketPeer()) server.settle(peer->outbound.startOver());
@@ -44,7 +44,7 @@ void StreamingServer::handleTextFrame(ByteView payload, const Client& client) {
 void StreamingServer::answerIssueReport(ClientID id, ViewerIssueReportResult result) {
   postToSelf([id, result = std::move(result)](StreamingServer& server) {
     const auto viewer = server.viewer_;
-    if (viewer && viewer->id == id) server.enqueueText(issueReportResultMessage(result), viewer);
+    if (viewer && viewer->id == id) server.enqueueMessage(issueReportResultMessage(result), viewer);
   });
 }
 

@@ -82,7 +82,8 @@ void StreamingServer::enqueue(OutboundSend send, const Client& client) {
   }
 }
 
-void StreamingServer::enqueueText(const std::string& text, const Client& client, OutboundKind kind) {
+void StreamingServer::enqueueMessage(const JsonValue& message, const Client& client, OutboundKind kind) {
+  const auto text = serializeJson(message);
   const ByteView bytes(reinterpret_cast<const std::uint8_t*>(text.data()), text.size());
   enqueue({encodeFrame(bytes, WebSocketOpcode::text), kind}, client);
 }
@@ -118,7 +119,7 @@ void StreamingServer::settle(const OutboundLane::Cost& cost) {
 }
 
 void StreamingServer::tell(const Client& client, const std::optional<HostState::Message>& message) {
-  if (message) enqueueText(message->text, client, message->kind);
+  if (message) enqueueMessage(message->object, client, message->kind);
 }
 
 }  // namespace kestrune

@@ -197,11 +197,16 @@ constexpr std::array<std::pair<std::string_view, Reader>, 20> kReaders{{
 
 std::optional<ViewerMessage> parseViewerMessage(ByteView payload) {
   if (payload.size() > kMaximumControlMessage) return std::nullopt;
-  auto object = parseJson({reinterpret_cast<const char*>(payload.data()), payload.size()}, kMaximumNesting);
-  if (!object || !object->object()) return std::nullopt;
-  const auto* type = stringField(*object, "type");
+  auto value = parseJson({reinterpret_cast<const char*>(payload.data()), payload.size()}, kMaximumNesting);
+  if (!value) return std::nullopt;
+  return viewerMessage(std::move(*value));
+}
+
+std::optional<ViewerMessage> viewerMessage(JsonValue value) {
+  const auto* type = stringField(value, "type");
   if (!type) return std::nullopt;
-  return ViewerMessage{*type, std::move(*object)};
+  std::string name = *type;
+  return ViewerMessage{std::move(name), std::move(value)};
 }
 
 ViewerAuthentication readAuthentication(const ViewerMessage& message) {

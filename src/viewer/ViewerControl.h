@@ -22,8 +22,10 @@ struct ViewerMessage {
   JsonValue object;
 };
 
-/// Nothing if `payload` is too large, not JSON, no object, or without a string "type".
+/// Nothing if `payload` is too large, not JSON, or no message.
 std::optional<ViewerMessage> parseViewerMessage(ByteView payload);
+/// Nothing if `value` is no object, or one without a string "type".
+std::optional<ViewerMessage> viewerMessage(JsonValue value);
 
 /// The first message of a viewer; a field of a wrong type counts as missing.
 struct ViewerAuthentication {

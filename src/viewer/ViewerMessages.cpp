@@ -1,55 +1,56 @@
 #include "viewer/ViewerMessages.h"
 
+#include <utility>
+
 #include "platform/support/Encoding.h"
-#include "platform/support/Json.h"
 
 namespace kestrune {
 namespace {
 
-std::string_view jsonBoolean(bool value) {
-  return value ? "true" : "false";
-}
+using Object = JsonValue::Object;
 
 /// Ends a message with the audio number, if there is one.
-std::string withAudioSequence(std::string text, std::optional<std::uint64_t> audioSequence) {
-  if (audioSequence) text.append(",\"audioSequence\":").append(std::to_string(*audioSequence));
-  return text.append("}");
+JsonValue withAudioSequence(Object object, std::optional<std::uint64_t> audioSequence) {
+  if (audioSequence) object.emplace_back("audioSequence", *audioSequence);
+  return object;
+}
+
+Object resultOf(std::string_view type, RemoteTapResult result) {
+  return {{"type", type}, {"result", rawValue(result)}};
 }
 
 }  // namespace
 
-std::string authenticatedMessage(std::uint64_t audioSequence) {
-  return withAudioSequence(R"({"type":"authenticated")", audioSequence);
+JsonValue authenticatedMessage(std::uint64_t audioSequence) {
+  return withAudioSequence({{"type", "authenticated"}}, audioSequence);
 }
 
-std::string streamSettingsMessage(StreamProfile profile, StreamFrameRate frameRate, StreamVideoCodec codec,
-                                  bool reconfigured, std::optional<std::uint64_t> audioSequence) {
-  std::string text = R"({"type":"streamSettings","quality":")";
-  text.append(rawValue(profile)).append(R"(","fps":)").append(std::to_string(framesPerSecond(frameRate)));
-  text.append(R"(,"codec":")").append(rawValue(codec));
-  text.append(R"(","reconfigured":)").append(jsonBoolean(reconfigured));
-  return withAudioSequence(std::move(text), audioSequence);
+JsonValue streamSettingsMessage(StreamProfile profile, StreamFrameRate frameRate, StreamVideoCodec codec,
+                                bool reconfigured, std::optional<std::uint64_t> audioSequence) {
+  return withAudioSequence({{"type", "streamSettings"},
+                            {"quality", rawValue(profile)},
+                            {"fps", framesPerSecond(frameRate)},
+                            {"codec", rawValue(codec)},
+                            {"reconfigured", reconfigured}},
+                           audioSequence);
 }
 
-std::string cursorStateMessage(const RemoteCursorState& state) {
-  std::string text = R"({"type":"cursorState","visible":)";
-  text.append(jsonBoolean(state.visible));
-  text.append(R"(,"x":)").append(formatJsonNumber(state.x));
-  return text.append(R"(,"y":)").append(formatJsonNumber(state.y)).append("}");
+JsonValue cursorStateMessage(const RemoteCursorState& state) {
+  return Object{{"type", "cursorState"}, {"visible", state.visible}, {"x", state.x}, {"y", state.y}};
 }
 
-std::optional<std::string> streamStateMessage(RemoteStreamState state,
-                                              const std::optional<std::string>& message) {
-  JsonValue::Object object{{"type", "streamState"}, {"state", rawValue(state)}};
+std::optional<JsonValue> streamStateMessage(RemoteStreamState state,
+                                            const std::optional<std::string>& message) {
+  Object object{{"type", "streamState"}, {"state", rawValue(state)}};
   if (message) {
     if (!isValidUtf8(*message)) return std::nullopt;
     object.emplace_back("message", *message);
   }
-  return serializeJson(std::move(object));
+  return object;
 }
 
-std::string hostDiagnosticsMessage(const HostDiagnostics& diagnostics) {
-  return serializeJson(JsonValue::Object{
+JsonValue hostDiagnosticsMessage(const HostDiagnostics& diagnostics) {
+  return Object{
       {"type", "hostDiagnostics"},
       {"hostKind", "mac"},
       {"captureMode", diagnostics.captureMode},
@@ -64,35 +65,31 @@ std::string hostDiagnosticsMessage(const HostDiagnostics& diagnostics) {
       {"serverPendingFrames", diagnostics.serverPendingFrames},
       {"networkDroppedFrames", diagnostics.networkDroppedFrames},
       {"audioChannels", diagnostics.audioChannels},
-  });
+  };
 }
 
-std::string modeMessage(bool control, std::optional<std::uint64_t> audioSequence) {
-  std::string text = R"({"type":"mode","mode":")";
-  text.append(control ? "control" : "video").append("\"");
-  return withAudioSequence(std::move(text), audioSequence);
+JsonValue modeMessage(bool control, std::optional<std::uint64_t> audioSequence) {
+  return withAudioSequence({{"type", "mode"}, {"mode", control ? "control" : "video"}}, audioSequence);
 }
 
-std::string resultMessage(std::string_view type, RemoteTapResult result) {
-  std::string text = R"({"type":")";
-  return text.append(type).append(R"(","result":")").append(rawValue(result)).append(R"("})");
+JsonValue resultMessage(std::string_view type, RemoteTapResult result) {
+  return resultOf(type, result);
 }
 
-std::string playPauseResultMessage(RemoteTapResult result, std::optional<std::uint64_t> audioSequence) {
-  auto text = resultMessage("playPauseResult", result);
-  text.pop_back();
-  return withAudioSequence(std::move(text), audioSequence);
+JsonValue playPauseResultMessage(RemoteTapResult result, std::optional<std::uint64_t> audioSequence) {
+  return withAudioSequence(resultOf("playPauseResult", result), audioSequence);
 }
 
-std::string issueReportResultMessage(const ViewerIssueReportResult& result) {
-  JsonValue::Object object{{"type", "issueReportResult"}, {"reportId", result.reportId}};
+JsonValue issueReportResultMessage(const ViewerIssueReportResult& result) {
+  Object object{{"type", "issueReportResult"}, {"reportId", result.reportId}};
   if (result.issueNumber) object.emplace_back("issueNumber", *result.issueNumber);
-  return serializeJson(std::move(object));
+  return object;
 }
 
-std::string pongMessage(const std::optional<JsonValue>& sentAt) {
-  if (sentAt) return serializeJson(JsonValue::Object{{"type", "pong"}, {"sentAt", *sentAt}});
-  return R"({"type":"pong"})";
+JsonValue pongMessage(const std::optional<JsonValue>& sentAt) {
+  Object object{{"type", "pong"}};
+  if (sentAt) object.emplace_back("sentAt", *sentAt);
+  return object;
 }
 
 }  // namespace kestrune

@@ -12,24 +12,24 @@
 
 namespace kestrune {
 
-/// What the host tells the viewer, as JSON texts. `audioSequence` is the newest number of the audio store,
-/// from which the viewer goes on; it is left out where there is none.
+/// What the host tells the viewer, as JSON objects; each route puts them on its wire. `audioSequence` is the
+/// newest number of the audio store, from which the viewer goes on; it is left out where there is none.
 
-std::string authenticatedMessage(std::uint64_t audioSequence);
+JsonValue authenticatedMessage(std::uint64_t audioSequence);
 /// `reconfigured`: the stream itself changes now, the viewer has not only asked.
-std::string streamSettingsMessage(StreamProfile profile, StreamFrameRate frameRate, StreamVideoCodec codec,
-                                  bool reconfigured, std::optional<std::uint64_t> audioSequence);
-std::string cursorStateMessage(const RemoteCursorState& state);
+JsonValue streamSettingsMessage(StreamProfile profile, StreamFrameRate frameRate, StreamVideoCodec codec,
+                                bool reconfigured, std::optional<std::uint64_t> audioSequence);
+JsonValue cursorStateMessage(const RemoteCursorState& state);
 /// Nothing if `message` is not UTF-8.
-std::optional<std::string> streamStateMessage(RemoteStreamState state,
-                                              const std::optional<std::string>& message);
-std::string hostDiagnosticsMessage(const HostDiagnostics& diagnostics);
-std::string modeMessage(bool control, std::optional<std::uint64_t> audioSequence);
+std::optional<JsonValue> streamStateMessage(RemoteStreamState state,
+                                            const std::optional<std::string>& message);
+JsonValue hostDiagnosticsMessage(const HostDiagnostics& diagnostics);
+JsonValue modeMessage(bool control, std::optional<std::uint64_t> audioSequence);
 /// {"type":TYPE,"result":RESULT}
-std::string resultMessage(std::string_view type, RemoteTapResult result);
-std::string playPauseResultMessage(RemoteTapResult result, std::optional<std::uint64_t> audioSequence);
-std::string issueReportResultMessage(const ViewerIssueReportResult& result);
+JsonValue resultMessage(std::string_view type, RemoteTapResult result);
+JsonValue playPauseResultMessage(RemoteTapResult result, std::optional<std::uint64_t> audioSequence);
+JsonValue issueReportResultMessage(const ViewerIssueReportResult& result);
 /// With the number of the ping that it answers, if the route echoes it.
-std::string pongMessage(const std::optional<JsonValue>& sentAt = std::nullopt);
+JsonValue pongMessage(const std::optional<JsonValue>& sentAt = std::nullopt);
 
 }  // namespace kestrune

@@ -10,6 +10,7 @@
 #include "model/RemoteControl.h"
 #include "model/StreamMetrics.h"
 #include "model/StreamSettings.h"
+#include "platform/support/Json.h"
 #include "runtime/Clock.h"
 #include "viewer/OutboundQueue.h"
 #include "viewer/RemoteInput.h"
@@ -28,8 +29,8 @@ class ViewerChannel {
     StreamVideoCodec codec = StreamVideoCodec::h264;
   };
 
-  /// A JSON text for the viewer.
-  virtual void sendMessage(const std::string& text, OutboundKind kind) = 0;
+  /// `message`: one of ViewerMessages.h.
+  virtual void sendMessage(const JsonValue& message, OutboundKind kind) = 0;
   /// The viewer asks for a keyframe.
   virtual void requestKeyframe() = 0;
   /// The viewer's mode was chosen, possibly the same again: what waits for it starts over at a keyframe,

@@ -16,7 +16,7 @@ class HostedSessionTest : public testing::Test, public NotedHost, private Viewer
   }
 
  private:
-  void sendMessage(const std::string& text, OutboundKind) override { note(text); }
+  void sendMessage(const JsonValue& message, OutboundKind) override { note(serializeJson(message)); }
   void requestKeyframe() override { note("keyframe"); }
   void applyMode(bool control) override { note(control ? "to control" : "to video"); }
   ActiveSettings activeSettings() const override { return {}; }
