@@ -128,19 +128,19 @@ CoordinatorParts::CoordinatorParts(const Platform& platform, std::shared_ptr<Ser
       viewers(std::make_shared<ViewerPresence>(
           mainQueue,
           ViewerPresence::Joints{.isCapturing = [this] { return capture.isCapturing().get(); },
+                                 .isArmed = [this] { return lifecycle.isRemoteStartArmed().get(); },
+                                 .isBusy = [this] { return lifecycle.isRemoteStartBusy().get(); },
                                  .isTearingDown = [this] { return lifecycle.isTearingDown(); },
-                                 .onArrived =
-                                     [this] {
-                                       remoteControl->releaseButton();
-                                       remoteControl->pointer(RemotePointerPhase::move, 0.5, 0.5);
-                                     },
+                                 .onRouteChanged = [this](const auto& change) { handleRouteChange(change); },
                                  .onChanged =
                                      [this](bool isPresent) {
                                        telemetry->setViewerPresent(isPresent);
                                        cursorSync->refreshCursorSync();
                                        lifecycle.handleViewerChanged(isPresent);
                                      },
-                                 .onEncodingUnneeded = [this] { lifecycle.handleEncodingUnneeded(); }})),
+                                 .onEncodingUnneeded = [this] { lifecycle.handleEncodingUnneeded(); },
+                                 .onUnattended = [this] { startFlow(lifecycle.returnToStandby()); }})),
+      playback([this] { return remoteControl->togglePlayPause(); }),
       capture([this](Task<void> flow) { return startFlow(std::move(flow)); }, captureService,
               {.requirePermissions = [this] { return permissions.require(); },
                .onStarting = [this] { applyStreamingScale(); },
@@ -175,9 +175,10 @@ CoordinatorParts::CoordinatorParts(const Platform& platform, std::shared_ptr<Ser
                        telemetry->startMetricsTask();
                      },
                  .onArmed = [this] { viewerAddress.refresh(); },
+                 .onCaptureStarted = [this] { viewers->scheduleViewerDisconnectStop(); },
                  .onStreamEnding =
                      [this] {
-                       viewers->cancelEncodingDisable();
+                       viewers->cancelTimers();
                        remoteControl->releaseButton();
                      },
                  .onStreamEnded = [this] { telemetry->resetCapture(); },
@@ -206,6 +207,17 @@ void CoordinatorParts::updateWakefulness() {
   const bool isServing =
       lifecycle.ownsActiveResources() || capture.isCapturing() || lifecycle.isRemoteStartArmed();
   wakefulness.update(isServing, settings.preventMacSleep());
+}
+
+void CoordinatorParts::handleRouteChange(const ViewerPresence::Change& change) {
+  if (change.connected) {  // it starts with no held button and the pointer in the middle
+    remoteControl->releaseButton();
+    remoteControl->pointer(RemotePointerPhase::move, 0.5, 0.5);
+  }
+  playback.handleViewerChange({.isLocalViewerConnected = viewers->isConnected(ViewerRouteKind::local),
+                               .isHostedViewerConnected = viewers->isConnected(ViewerRouteKind::hosted),
+                               .wasPlaying = change.wasPlaying,
+                               .isCapturing = capture.isCapturing()});
 }
 
 void CoordinatorParts::applyStreamingScale() {

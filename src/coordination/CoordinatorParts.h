@@ -16,6 +16,7 @@
 #include "coordination/LaunchAtLogin.h"
 #include "coordination/LiveSettings.h"
 #include "coordination/PermissionState.h"
+#include "coordination/SourcePlayback.h"
 #include "coordination/SourceSelection.h"
 #include "coordination/StoredSettings.h"
 #include "coordination/StreamLifecycle.h"
@@ -77,11 +78,14 @@ struct CoordinatorParts {
   const std::shared_ptr<Telemetry> telemetry;
   const std::shared_ptr<CursorSync> cursorSync;
   const std::shared_ptr<ViewerPresence> viewers;
+  SourcePlayback playback;
   CaptureControl capture;
   const std::shared_ptr<EncodingWatch> encodingWatch;
   StreamLifecycle lifecycle;
 
  private:
+  void handleRouteChange(const ViewerPresence::Change& change);
+
   std::vector<Observation> observations_;
 };
 

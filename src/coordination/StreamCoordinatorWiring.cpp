@@ -54,8 +54,10 @@ class StreamCoordinator::LocalViewerRequests final
   void resetBrowser() {
     postWhileFew(resets_, [](auto& to) { to.startFlow(to.browserDisplay.handleResetBrowserRequest()); });
   }
-  void onViewerConnectionChanged(bool connected, bool) override {
-    post([connected](auto& to) { to.viewers->handleLocalViewerChange(connected); });
+  void onViewerConnectionChanged(bool connected, bool wasPlaying) override {
+    post([connected, wasPlaying](auto& to) {
+      to.viewers->handleViewerChange(ViewerRouteKind::local, connected, wasPlaying);
+    });
   }
 
  private:

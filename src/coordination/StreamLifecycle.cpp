@@ -125,6 +125,7 @@ Task<void> StreamLifecycle::captureBody() {
     routes_->setState(RemoteStreamState::streaming);  // ahead of the first picture
     if (hasViewer) capture_.setVideoEncodingEnabled(true);
     phase_.set(hasViewer ? Case::streaming : Case::remoteReady);
+    joints_.onCaptureStarted();
     kLog.notice("Screen capture started from Remote Start standby");
     co_return;
   }

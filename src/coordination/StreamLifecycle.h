@@ -30,6 +30,8 @@ class StreamLifecycle {
     std::function<Task<bool>()> prepareSource;
     std::function<void()> onServerStarted;
     std::function<void()> onArmed;
+    /// A viewer's request has started capture.
+    std::function<void()> onCaptureStarted;
     /// Capture is about to stop, or has stopped by itself: the button that the viewer holds is released.
     std::function<void()> onStreamEnding;
     /// The standby is reached again after a stream.
@@ -57,6 +59,8 @@ class StreamLifecycle {
   /// See StreamCoordinator.
   Task<void> startServing();
   Task<void> stop();
+  /// Ends capture; the standby stays armed.
+  Task<void> returnToStandby();
   Task<void> prepareForTermination();
   Task<void> teardown();
   void setPhase(StreamPhase next) { phase_.set(std::move(next)); }
@@ -75,7 +79,6 @@ class StreamLifecycle {
   Task<void> runStartup(Task<void> body);
   Task<void> armingBody();
   Task<void> captureBody();
-  Task<void> returnToStandby();
   Task<void> runTeardown();
   Task<void> endStartup();
   StreamPhase restingPhase() const;

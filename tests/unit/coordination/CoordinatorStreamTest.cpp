@@ -169,6 +169,19 @@ TEST_F(CoordinatorStreamTest, EncodingFollowsTheViewerAndAShortLossCostsNothing)
   EXPECT_EQ(compression->frameCount(), 3u);
 }
 
+TEST_F(CoordinatorStreamTest, AMinuteWithoutViewersEndsCaptureAndTheSourceIsPausedMeanwhile) {
+  disconnect(streamToViewer());
+  EXPECT_TRUE(log.mentions("Paused source playback after viewer connection loss"));
+  time->advance(59s);
+  const auto second = connectViewer();
+  EXPECT_TRUE(log.mentions("Resumed source playback after viewer reconnection"));
+  disconnect(second);
+  time->advance(60s);
+  EXPECT_FALSE(coordinator->isCapturing || coordinator->isRemoteStartBusy);
+  EXPECT_EQ(coordinator->phase.get(), StreamPhase(Case::remoteReady));
+  EXPECT_EQ(states(connectViewer()).back(), state("armed"));
+}
+
 TEST_F(CoordinatorStreamTest, AStreamThatDiesIsToldAndMayBeStartedAnew) {
   const auto viewer = streamToViewer();
   time->advance(1s);
