@@ -195,3 +195,44 @@ export class PictureHold {
     return this.holdMs;
   }
 }
+
+const REBUILD_TARGETS_MS = [5000, 10000, 15000, 20000];
+const REPEATED_WITHIN_MS = 120000;
+const CALM_BEFORE_SHRINK_MS = 300000;
+
+/**
+ * How much of the stream the host keeps for this viewer while the relay is broken, in milliseconds: one of
+ * REBUILD_TARGETS_MS. It grows by a step when the picture ran out twice within two minutes, at once to what a longer
+ * break would have needed, and shrinks by a step after five minutes without a break. It costs memory at the host and
+ * adds no delay here.
+ */
+export class RebuildTarget {
+  constructor() {
+    this.step = 0;
+    this.ranOutAt = -Infinity; // the break that may be the first of two
+    this.changedAt = -Infinity; // by a break or a step
+  }
+
+  /** The picture ran out for `lengthMs`, until now. */
+  ranOut(lengthMs, nowMs) {
+    const repeated = nowMs - this.ranOutAt <= REPEATED_WITHIN_MS;
+    const last = REBUILD_TARGETS_MS.length - 1;
+    const covering = REBUILD_TARGETS_MS.findIndex((target) => target >= lengthMs);
+    const step = Math.max(this.at(nowMs) + (repeated ? 1 : 0), covering < 0 ? last : covering);
+    this.ranOutAt = repeated ? -Infinity : nowMs;
+    this.step = Math.min(last, step);
+    this.changedAt = nowMs;
+  }
+
+  milliseconds(nowMs) {
+    return REBUILD_TARGETS_MS[this.at(nowMs)];
+  }
+
+  at(nowMs) {
+    while (this.step > 0 && nowMs - this.changedAt >= CALM_BEFORE_SHRINK_MS) {
+      this.step--;
+      this.changedAt += CALM_BEFORE_SHRINK_MS;
+    }
+    return this.step;
+  }
+}

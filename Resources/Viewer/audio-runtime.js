@@ -471,7 +471,7 @@ export class Sound {
       this.update();
     });
     try {
-      await context.audioWorklet.addModule('/audio-runtime.js');
+      await context.audioWorklet.addModule(new URL('audio-runtime.js', import.meta.url).href);
     } catch (error) {
       this.supported = false;
       this.update();
