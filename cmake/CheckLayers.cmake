@@ -1,5 +1,6 @@
-# Holds every #include below src/ to the layers: apps -> ui -> coordination -> services -> viewer -> model ->
-# support -> ports -> runtime. Nothing includes what stands beside it or above it.
+# Holds every #include below src/ and service/ to the layers: apps -> ui -> coordination -> services -> viewer -> model ->
+# support -> ports -> runtime. Nothing includes what stands beside it or above it. service/ is a program of its own, over
+# the layers from viewer down.
 # usage: cmake [-D ROOT=<source directory>] -P cmake/CheckLayers.cmake; with failures it ends with an error.
 
 cmake_minimum_required(VERSION 3.25)
@@ -124,6 +125,24 @@ foreach(file ${files})
         continue()
       endif()
       list(APPEND failures "${file}: <${header}> belongs into an adapter")
+    endif()
+  endforeach()
+endforeach()
+
+set(allowed_service viewer ${below_services})
+file(GLOB_RECURSE files RELATIVE ${ROOT}/service ${ROOT}/service/*.h ${ROOT}/service/*.cpp)
+foreach(file ${files})
+  file(STRINGS ${ROOT}/service/${file} lines REGEX "^[ \t]*#[ \t]*include[ \t]*\"")
+  foreach(line ${lines})
+    string(REGEX MATCH "\"([^\"]+)\"" ignored "${line}")
+    set(header ${CMAKE_MATCH_1})
+    folder_of(${header} target)
+    # Adapters are assembled where the program is.
+    if(EXISTS ${ROOT}/service/${header} OR (file MATCHES "^app/" AND target MATCHES "^platform"))
+      continue()
+    endif()
+    if(NOT target IN_LIST allowed_service OR NOT EXISTS ${ROOT}/src/${header})
+      list(APPEND failures "service/${file}: the service may not include \"${header}\"")
     endif()
   endforeach()
 endforeach()

@@ -5,7 +5,7 @@ set(KESTRUNE_ONCE_MORE ${CMAKE_SOURCE_DIR}/tests/support/once-more)
 
 # kestrune_add_test(<name> SOURCES <file>... LIBS <target>... [LABELS <label>...] [TIMEOUT <seconds>])
 # One executable of GoogleTest cases, registered with ctest as one test per executable: starting a process per
-# case costs more than the cases. Labels tell what it needs: "unit" (below tests/unit) and "rules" (the parts of an
+# case costs more than the cases. Labels tell what it needs: "unit" (below tests/unit), "service" and "rules" (the parts of an
 # adapter that use no service) run under the sanitizers too, and once; "linux" and "browser" need services of the
 # machine, and ./test gives those a second try that it counts.
 function(kestrune_add_test name)
