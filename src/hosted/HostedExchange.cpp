@@ -68,11 +68,11 @@ std::string hostedURL(const JsonValue& object, std::string_view name) {
   return url;
 }
 
-HostedSignalingError hostedRejection(const HTTPClientResponse& response, std::string fallback) {
+HostedSignalingError hostedRejection(const HTTPClientResponse& response, const std::string& fallback) {
   const auto object = parseObject(response);
   const JsonValue* error = object ? object->find("error") : nullptr;
   const std::string* text = error ? error->string() : nullptr;
-  return HostedSignalingError::rejected(text ? *text : std::move(fallback));
+  return HostedSignalingError::rejected(text ? *text : fallback);
 }
 
 }  // namespace kestrune

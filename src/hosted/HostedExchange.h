@@ -33,6 +33,6 @@ std::string hostedURL(const JsonValue& object, std::string_view name);
 
 /// The failure that an answer without success stands for: the service's own text if it has one, else
 /// `fallback`.
-HostedSignalingError hostedRejection(const HTTPClientResponse& response, std::string fallback);
+HostedSignalingError hostedRejection(const HTTPClientResponse& response, const std::string& fallback);
 
 }  // namespace kestrune

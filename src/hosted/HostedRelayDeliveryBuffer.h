@@ -18,8 +18,8 @@ class HostedRelayDeliveryBuffer {
  public:
   /// Of both lists together; a packet in both counts twice.
   static constexpr std::size_t kMaxBytes = 25'165'824;
-  /// Likewise. Over a minute of 60 frames and 50 audio packets a second: the bytes are the limit that counts, but
-  /// a packet costs memory however small it is.
+  /// Likewise. Over a minute of 60 frames and 50 audio packets a second: the bytes are the limit that counts,
+  /// but a packet costs memory however small it is.
   static constexpr std::size_t kMaxPackets = 8192;
   /// An overlap packet that is older is dropped.
   static constexpr double kOverlapSeconds = 5.0;

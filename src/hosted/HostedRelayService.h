@@ -14,6 +14,7 @@
 #include "platform/support/Json.h"
 #include "runtime/Clock.h"
 #include "runtime/SerialQueue.h"
+#include "viewer/RelayEnvelope.h"
 #include "viewer/RemoteInput.h"
 #include "viewer/ViewerRequests.h"
 

@@ -7,7 +7,6 @@
 #include <string>
 
 #include "hosted/HostedRelayDeliveryBuffer.h"
-#include "hosted/HostedRelayMediaKind.h"
 #include "model/HostedCredentials.h"
 #include "model/HostedStatus.h"
 #include "model/RemoteControl.h"

@@ -8,12 +8,11 @@
 namespace kestrune {
 
 Bytes encodeHostedCredentials(const HostedSignalingCredentials& credentials) {
-  const std::string text =
-      serializeJson(JsonValue(JsonValue::Object{{"serviceURL", credentials.serviceURL},
-                                                {"deviceID", credentials.deviceID},
-                                                {"macToken", credentials.macToken},
-                                                {"viewerToken", credentials.viewerToken},
-                                                {"viewerURL", credentials.viewerURL}}));
+  const std::string text = serializeJson(JsonValue(JsonValue::Object{{"serviceURL", credentials.serviceURL},
+                                                                     {"deviceID", credentials.deviceID},
+                                                                     {"macToken", credentials.macToken},
+                                                                     {"viewerToken", credentials.viewerToken},
+                                                                     {"viewerURL", credentials.viewerURL}}));
   return Bytes(text.begin(), text.end());
 }
 
@@ -28,11 +27,11 @@ std::optional<HostedSignalingCredentials> decodeHostedCredentials(ByteView store
     if (text) field = *text;
     return text != nullptr;
   };
-  const bool isComplete =
-      read("serviceURL", credentials.serviceURL) && read("deviceID", credentials.deviceID) &&
-      read("macToken", credentials.macToken) && read("viewerToken", credentials.viewerToken) &&
-      read("viewerURL", credentials.viewerURL) && parseUrl(credentials.serviceURL) &&
-      parseUrl(credentials.viewerURL);
+  const bool isComplete = read("serviceURL", credentials.serviceURL) &&
+                          read("deviceID", credentials.deviceID) && read("macToken", credentials.macToken) &&
+                          read("viewerToken", credentials.viewerToken) &&
+                          read("viewerURL", credentials.viewerURL) && parseUrl(credentials.serviceURL) &&
+                          parseUrl(credentials.viewerURL);
   if (!isComplete) return std::nullopt;
   return credentials;
 }

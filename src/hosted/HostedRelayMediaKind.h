@@ -1,7 +1,0 @@
-#pragma once
-
-namespace kestrune {
-
-enum class HostedRelayMediaKind { video, audio };
-
-}  // namespace kestrune
